@@ -1,0 +1,350 @@
+// JSON text in and out on RapidJSON: the text encoder behind toString(), and the SAX reader behind
+// JSON::parse, which takes every number as its exact text.
+#include "pelora/core/coding.hpp"
+
+#include <cstring>
+#include <utility>
+
+#include "pelora/core/json.hpp"
+#include "pelora/core/rapidjson_internal.hpp"
+
+namespace pelora {
+
+// ---- DecodingError ------------------------------------------------------------------------------
+
+namespace {
+std::string describe(std::string_view detail, std::string_view path) {
+  std::string text(detail);
+  if (!path.empty()) text.append(" (at \"").append(path).append("\")");
+  return text;
+}
+}  // namespace
+
+DecodingError::DecodingError(Kind kind, std::string detail, std::string path, std::string key,
+                             std::optional<std::size_t> offset)
+    : std::runtime_error(describe(detail, path)),
+      kind_(kind),
+      detail_(std::move(detail)),
+      path_(std::move(path)),
+      key_(std::move(key)),
+      offset_(offset) {}
+
+DecodingError DecodingError::keyNotFound(std::string_view key) {
+  std::string detail = "No value associated with key \"";
+  detail.append(key).append("\"");
+  return DecodingError(Kind::keyNotFound, std::move(detail), {}, std::string(key), std::nullopt);
+}
+
+DecodingError DecodingError::typeMismatch(std::string_view expected, std::string_view found) {
+  std::string detail = "Expected ";
+  detail.append(expected).append(" but found ").append(found);
+  return DecodingError(Kind::typeMismatch, std::move(detail), {}, {}, std::nullopt);
+}
+
+DecodingError DecodingError::dataCorrupted(std::string_view description,
+                                           std::optional<std::size_t> offset) {
+  return DecodingError(Kind::dataCorrupted, std::string(description), {}, {}, offset);
+}
+
+DecodingError DecodingError::nested(std::string_view key) const {
+  std::string path(key);
+  if (!path_.empty()) path.append(".").append(path_);
+  return DecodingError(kind_, detail_, std::move(path), key_, offset_);
+}
+
+// ---- UTF-8 --------------------------------------------------------------------------------------
+
+namespace {
+struct NullOutput {
+  void Put(char) {}
+};
+
+// Eight bytes at a time: almost every string an SDK writes is ASCII.
+bool isASCII(std::string_view text) noexcept {
+  const char* p = text.data();
+  std::size_t n = text.size();
+  std::uint64_t high = 0;
+  for (; n >= 8; p += 8, n -= 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, 8);
+    high |= word;
+  }
+  for (; n > 0; ++p, --n) high |= static_cast<unsigned char>(*p);
+  return (high & 0x8080808080808080ull) == 0;
+}
+
+// Length of the valid UTF-8 sequence at the start of `text`, or 0 when it is invalid.
+std::size_t validSequenceLength(std::string_view text) {
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  NullOutput sink;
+  if (!rapidjson::UTF8<char>::Validate(stream, sink)) return 0;
+  return stream.Tell();
+}
+
+// Replaces each byte that does not start a valid sequence with U+FFFD, so that text built from
+// arbitrary host bytes is always valid JSON.
+std::string repairUTF8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size() + 8);
+  while (!text.empty()) {
+    std::size_t n = validSequenceLength(text);
+    if (n == 0) {
+      out.append("\xEF\xBF\xBD");
+      n = 1;
+    } else {
+      out.append(text.substr(0, n));
+    }
+    text.remove_prefix(n);
+  }
+  return out;
+}
+
+bool isValidUTF8(std::string_view text) {
+  if (isASCII(text)) return true;
+  while (!text.empty()) {
+    std::size_t n = validSequenceLength(text);
+    if (n == 0) return false;
+    text.remove_prefix(n);
+  }
+  return true;
+}
+
+// ---- Text encoder -------------------------------------------------------------------------------
+
+using CompactWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+class TextEncoder final : public Encoder {
+ public:
+  TextEncoder() : writer_(buffer_) {}
+
+  void writeNull() override { writer_.Null(); }
+  void writeBool(bool value) override { writer_.Bool(value); }
+  void writeDecimal(const Decimal& value) override {
+    char text[Decimal::maxTextLength];
+    writer_.RawValue(text, value.write(text), rapidjson::kNumberType);
+  }
+  void writeInt(std::int64_t value) override { writer_.Int64(value); }
+  void writeUInt(std::uint64_t value) override { writer_.Uint64(value); }
+  void writeDouble(double value) override {
+    if (auto decimal = Decimal::fromDouble(value)) {
+      writeDecimal(*decimal);
+    } else {
+      fail("double(" + std::to_string(value) + ")");
+      writer_.Null();
+    }
+  }
+  void writeString(std::string_view value) override {
+    if (isValidUTF8(value)) {
+      writer_.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+    } else {
+      std::string repaired = repairUTF8(value);
+      writer_.String(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
+    }
+  }
+  void beginObject() override { writer_.StartObject(); }
+  void writeKey(std::string_view key) override {
+    if (isValidUTF8(key)) {
+      writer_.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+    } else {
+      std::string repaired = repairUTF8(key);
+      writer_.Key(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
+    }
+  }
+  void endObject() override { writer_.EndObject(); }
+  void beginArray() override { writer_.StartArray(); }
+  void endArray() override { writer_.EndArray(); }
+  void fail(std::string_view reason) override {
+    if (!failure_) failure_ = std::string(reason);
+  }
+
+  // Ready for the next value; keeps the buffer's memory.
+  void reset() {
+    buffer_.Clear();
+    writer_.Reset(buffer_);
+    failure_.reset();
+  }
+
+  // The finished text; throws JSONError when the value could not be encoded.
+  std::string_view finish() {
+    if (failure_) throw JSONError::nonJSONType(*failure_);
+    if (!writer_.IsComplete()) throw JSONError::nonJSONType("an incomplete JSON value");
+    return {buffer_.GetString(), buffer_.GetSize()};
+  }
+
+ private:
+  rapidjson::StringBuffer buffer_;
+  CompactWriter writer_;
+  std::optional<std::string> failure_;
+};
+
+// Re-indents compact text; numbers pass through as their exact text.
+class PrettyHandler : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
+ public:
+  explicit PrettyHandler(rapidjson::StringBuffer& buffer) : PrettyWriter(buffer) {
+    SetIndent(' ', 2);
+  }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+    return RawValue(text, length, rapidjson::kNumberType);
+  }
+};
+
+// ---- Text reader --------------------------------------------------------------------------------
+
+constexpr int maxNestingDepth = 512;
+
+// Builds a JSON value from SAX events; containers are collected on an explicit stack.
+class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
+ public:
+  bool Null() { return emit(JSON()); }
+  bool Bool(bool value) { return emit(JSON(value)); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+    auto decimal = Decimal::parse(std::string_view(text, length));
+    if (!decimal) {
+      error_ = "Number out of range (more than 38 digits or exponent beyond -128...127): " +
+               std::string(text, length);
+      return false;
+    }
+    return emit(JSON(*decimal));
+  }
+  bool String(const char* text, rapidjson::SizeType length, bool) {
+    return emit(JSON(std::string(text, length)));
+  }
+  bool StartObject() { return push(true); }
+  bool Key(const char* text, rapidjson::SizeType length, bool) {
+    stack_.back().key.assign(text, length);
+    return true;
+  }
+  bool EndObject(rapidjson::SizeType) { return pop(); }
+  bool StartArray() { return push(false); }
+  bool EndArray(rapidjson::SizeType) { return pop(); }
+
+  JSON take() { return std::move(result_); }
+  const std::string& error() const { return error_; }
+
+ private:
+  struct Frame {
+    bool isObject;
+    JSON::List list;
+    JSON::Map map;
+    std::string key;
+  };
+
+  bool emit(JSON value) {
+    if (stack_.empty()) {
+      result_ = std::move(value);
+    } else if (Frame& top = stack_.back(); top.isObject) {
+      top.map.insert_or_assign(std::move(top.key), std::move(value));
+      top.key.clear();
+    } else {
+      top.list.push_back(std::move(value));
+    }
+    return true;
+  }
+  bool push(bool isObject) {
+    if (stack_.size() >= static_cast<std::size_t>(maxNestingDepth)) {
+      error_ = "Nesting deeper than " + std::to_string(maxNestingDepth) + " levels";
+      return false;
+    }
+    stack_.push_back(Frame{isObject, {}, {}, {}});
+    return true;
+  }
+  bool pop() {
+    Frame frame = std::move(stack_.back());
+    stack_.pop_back();
+    return frame.isObject ? emit(JSON(std::move(frame.map))) : emit(JSON(std::move(frame.list)));
+  }
+
+  std::vector<Frame> stack_;
+  JSON result_;
+  std::string error_;
+};
+
+// Each thread keeps one encoder so that encoding an event allocates only its result. An encode
+// function that itself encodes (nested toString) gets a fresh one.
+class EncoderLease {
+ public:
+  EncoderLease() {
+    if (!busy) {
+      busy = true;
+      encoder_ = &cached();
+      encoder_->reset();
+    } else {
+      own_.emplace();
+      encoder_ = &*own_;
+    }
+  }
+  ~EncoderLease() {
+    if (!own_) busy = false;
+  }
+  EncoderLease(const EncoderLease&) = delete;
+  EncoderLease& operator=(const EncoderLease&) = delete;
+  TextEncoder& operator*() { return *encoder_; }
+
+ private:
+  static TextEncoder& cached() {
+    thread_local TextEncoder encoder;
+    return encoder;
+  }
+  static thread_local bool busy;
+  std::optional<TextEncoder> own_;
+  TextEncoder* encoder_;
+};
+thread_local bool EncoderLease::busy = false;
+}  // namespace
+
+namespace detail {
+
+void appendText(std::string& out, bool pretty, EncodeFunction encodeValue, const void* value) {
+  EncoderLease lease;
+  TextEncoder& encoder = *lease;
+  try {
+    encodeValue(encoder, value);
+  } catch (const std::logic_error& misuse) {
+    throw JSONError::nonJSONType(misuse.what());
+  }
+  std::string_view compact = encoder.finish();
+  if (!pretty) {
+    out.append(compact);
+    return;
+  }
+  rapidjson::StringBuffer buffer;
+  PrettyHandler handler(buffer);
+  rapidjson::Reader reader;
+  rapidjson::MemoryStream stream(compact.data(), compact.size());
+  reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(stream, handler);
+  out.append(buffer.GetString(), buffer.GetSize());
+}
+
+void throwTypeMismatch(std::string_view expected, const JSON& found) {
+  static constexpr std::string_view names[] = {"a bool",   "a number",  "a string",
+                                               "an array", "an object", "null"};
+  throw DecodingError::typeMismatch(expected, names[static_cast<int>(found.kind())]);
+}
+
+}  // namespace detail
+
+JSON JSON::parse(std::string_view text) {
+  Builder builder;
+  rapidjson::Reader reader;
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  constexpr unsigned flags =
+      rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag;
+  rapidjson::ParseResult result = reader.Parse<flags>(stream, builder);
+  if (result.IsError()) {
+    std::string what = "Malformed JSON at byte " + std::to_string(result.Offset()) + ": ";
+    what += builder.error().empty() ? rapidjson::GetParseError_En(result.Code()) : builder.error();
+    throw DecodingError::dataCorrupted(what, result.Offset());
+  }
+  return builder.take();
+}
+
+void encodeAny(Encoder& encoder, const std::any& value) {
+  try {
+    encoder.value(JSON::fromAny(value));
+  } catch (const JSONError& error) {
+    encoder.fail(error.type());
+    encoder.writeNull();
+  }
+}
+
+}  // namespace pelora

@@ -1,0 +1,342 @@
+#include "pelora/core/json.hpp"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <typeinfo>
+
+#include "pelora/log/log.hpp"
+#include "pelora/platform/console.hpp"
+
+namespace pelora {
+
+// ---- JSONError ----------------------------------------------------------------------------------
+
+JSONError::JSONError(Kind kind, std::string type) : kind_(kind), type_(std::move(type)) {
+  switch (kind_) {
+    case Kind::nonJSONType:
+      message_ = "nonJSONType(type: " + type_ + ")";
+      break;
+    case Kind::unknown:
+      message_ = "unknown";
+      break;
+    case Kind::incorrectType:
+      message_ = "incorrectType";
+      break;
+  }
+}
+
+JSONError JSONError::nonJSONType(std::string type) {
+  return {Kind::nonJSONType, std::move(type)};
+}
+JSONError JSONError::unknown() {
+  return {Kind::unknown, {}};
+}
+JSONError JSONError::incorrectType() {
+  return {Kind::incorrectType, {}};
+}
+
+// ---- Construction -------------------------------------------------------------------------------
+
+namespace {
+
+std::string demangledName(const std::type_info& type) {
+  int status = 0;
+  std::unique_ptr<char, void (*)(void*)> name(
+      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
+  return status == 0 && name ? std::string(name.get()) : std::string(type.name());
+}
+
+template <class F>
+JSON floatingNumber(F value, const char* typeName) {
+  std::optional<Decimal> decimal;
+  if constexpr (std::is_same_v<F, float>) {
+    decimal = Decimal::fromFloat(value);
+  } else {
+    decimal = Decimal::fromDouble(static_cast<double>(value));
+  }
+  if (!decimal)
+    throw JSONError::nonJSONType(std::string(typeName) + "(" + std::to_string(value) + ")");
+  return JSON(*decimal);
+}
+
+template <class I>
+bool tryInteger(const std::any& value, JSON& out) {
+  if (const I* v = std::any_cast<I>(&value)) {
+    out = JSON(*v);
+    return true;
+  }
+  return false;
+}
+
+JSON::Map mapFromDictionary(const Dictionary& dictionary) {
+  JSON::Map map;
+  for (const auto& [key, value] : dictionary)
+    map.emplace_hint(map.end(), key, JSON::fromAny(value));
+  return map;
+}
+
+std::any toAny(const JSON& json) {
+  switch (json.kind()) {
+    case JSON::Kind::boolean:
+      return *json.boolValue();
+    case JSON::Kind::number:
+      return *json.decimalValue();
+    case JSON::Kind::string:
+      return *json.stringPointer();
+    case JSON::Kind::array:
+      return *json.arrayValue();
+    case JSON::Kind::object:
+      return *json.dictionaryValue();
+    case JSON::Kind::null:
+      return Null{};
+  }
+  return Null{};
+}
+
+}  // namespace
+
+JSON::JSON(double value) : JSON(floatingNumber(value, "double")) {}
+JSON::JSON(float value) : JSON(floatingNumber(value, "float")) {}
+JSON::JSON(List elements) : value_(std::make_shared<const List>(std::move(elements))) {}
+JSON::JSON(Map members) : value_(std::make_shared<const Map>(std::move(members))) {}
+JSON::JSON(const Dictionary& dictionary)
+    : value_(std::make_shared<const Map>(mapFromDictionary(dictionary))) {}
+
+JSON JSON::fromAny(const std::any& value) {
+  // Most common host types first: a mismatch costs a type_info comparison.
+  if (!value.has_value()) return JSON();
+  if (const auto* s = std::any_cast<std::string>(&value)) return JSON(*s);
+  JSON out;
+  if (tryInteger<int>(value, out) || tryInteger<std::int64_t>(value, out)) return out;
+  if (const auto* d = std::any_cast<double>(&value)) return JSON(*d);
+  if (const auto* b = std::any_cast<bool>(&value)) return JSON(*b);
+  if (const auto* s = std::any_cast<const char*>(&value)) return *s ? JSON(*s) : JSON();
+  if (const auto* dict = std::any_cast<Dictionary>(&value)) return JSON(*dict);
+  if (const auto* json = std::any_cast<JSON>(&value)) return *json;
+  if (const auto* d = std::any_cast<Decimal>(&value)) return JSON(*d);
+  if (std::any_cast<Null>(&value)) return JSON();
+  if (const auto* array = std::any_cast<Array>(&value)) {
+    List list;
+    list.reserve(array->size());
+    for (const auto& element : *array) list.push_back(fromAny(element));
+    return JSON(std::move(list));
+  }
+  if (const auto* s = std::any_cast<std::string_view>(&value)) return JSON(*s);
+  if (const auto* s = std::any_cast<char*>(&value)) return *s ? JSON(*s) : JSON();
+  if (std::any_cast<std::nullptr_t>(&value)) return JSON();
+  if (const auto* f = std::any_cast<float>(&value)) return JSON(*f);
+  if (const auto* f = std::any_cast<long double>(&value)) return floatingNumber(*f, "long double");
+  if (tryInteger<unsigned>(value, out) || tryInteger<long>(value, out) ||
+      tryInteger<unsigned long>(value, out) || tryInteger<long long>(value, out) ||
+      tryInteger<unsigned long long>(value, out) || tryInteger<short>(value, out) ||
+      tryInteger<unsigned short>(value, out) || tryInteger<char>(value, out) ||
+      tryInteger<signed char>(value, out) || tryInteger<unsigned char>(value, out) ||
+      tryInteger<char8_t>(value, out) || tryInteger<char16_t>(value, out) ||
+      tryInteger<char32_t>(value, out) || tryInteger<wchar_t>(value, out))
+    return out;
+  if (const auto* list = std::any_cast<List>(&value)) return JSON(*list);
+  if (const auto* map = std::any_cast<Map>(&value)) return JSON(*map);
+  throw JSONError::nonJSONType(demangledName(value.type()));
+}
+
+// ---- Conversions back ---------------------------------------------------------------------------
+
+std::optional<bool> JSON::boolValue() const noexcept {
+  if (const bool* b = std::get_if<bool>(&value_)) return *b;
+  return std::nullopt;
+}
+
+std::optional<Decimal> JSON::decimalValue() const noexcept {
+  if (const Decimal* d = std::get_if<Decimal>(&value_)) return *d;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> JSON::intValue() const noexcept {
+  if (const Decimal* d = std::get_if<Decimal>(&value_)) return d->int64Value();
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> JSON::uintValue() const noexcept {
+  if (const Decimal* d = std::get_if<Decimal>(&value_)) return d->uint64Value();
+  return std::nullopt;
+}
+
+std::optional<float> JSON::floatValue() const noexcept {
+  if (const Decimal* d = std::get_if<Decimal>(&value_)) return d->floatValue();
+  return std::nullopt;
+}
+
+std::optional<double> JSON::doubleValue() const noexcept {
+  if (const Decimal* d = std::get_if<Decimal>(&value_)) return d->doubleValue();
+  return std::nullopt;
+}
+
+std::optional<std::string> JSON::stringValue() const {
+  if (const auto* s = std::get_if<std::string>(&value_)) return *s;
+  return std::nullopt;
+}
+
+const JSON::List* JSON::listPointer() const noexcept {
+  if (const auto* p = std::get_if<std::shared_ptr<const List>>(&value_)) return p->get();
+  return nullptr;
+}
+
+const JSON::Map* JSON::mapPointer() const noexcept {
+  if (const auto* p = std::get_if<std::shared_ptr<const Map>>(&value_)) return p->get();
+  return nullptr;
+}
+
+std::optional<Array> JSON::arrayValue() const {
+  const List* list = listPointer();
+  if (!list) return std::nullopt;
+  Array array;
+  array.reserve(list->size());
+  for (const JSON& element : *list) array.push_back(toAny(element));
+  return array;
+}
+
+std::optional<Dictionary> JSON::dictionaryValue() const {
+  const Map* map = mapPointer();
+  if (!map) return std::nullopt;
+  Dictionary dictionary;
+  for (const auto& [key, member] : *map)
+    dictionary.emplace_hint(dictionary.end(), key, toAny(member));
+  return dictionary;
+}
+
+// ---- Edits and lookup ---------------------------------------------------------------------------
+
+std::optional<JSON> JSON::add(const std::any& value) const {
+  const List* list = listPointer();
+  if (!list) throw JSONError::incorrectType();
+  List copy = *list;
+  copy.push_back(fromAny(value));
+  return JSON(std::move(copy));
+}
+
+std::optional<JSON> JSON::add(const std::any& value, const std::string& key) const {
+  const Map* map = mapPointer();
+  if (!map) throw JSONError::incorrectType();
+  JSON converted = fromAny(value);
+  Map copy = *map;
+  copy.insert_or_assign(key, std::move(converted));
+  return JSON(std::move(copy));
+}
+
+std::optional<JSON> JSON::remove(std::string_view key) const {
+  const Map* map = mapPointer();
+  if (!map) throw JSONError::incorrectType();
+  Map copy = *map;
+  if (auto it = copy.find(key); it != copy.end()) copy.erase(it);
+  return JSON(std::move(copy));
+}
+
+std::optional<JSON> JSON::operator[](std::int64_t index) const {
+  const List* list = listPointer();
+  if (!list) return std::nullopt;
+  if (index < 0) platform::fatalError("JSON array index out of range: " + std::to_string(index));
+  if (static_cast<std::uint64_t>(index) >= list->size()) return std::nullopt;
+  return (*list)[static_cast<std::size_t>(index)];
+}
+
+std::optional<JSON> JSON::operator[](std::string_view key) const {
+  const Map* map = mapPointer();
+  if (!map || map->empty()) return std::nullopt;
+  auto it = map->find(key);
+  if (it == map->end()) return std::nullopt;
+  return it->second;
+}
+
+std::any JSON::anyForKeyPath(const KeyPath& keyPath) const {
+  if (kind() != Kind::object) return {};
+  return valueForKeyPath(*dictionaryValue(), keyPath);
+}
+
+void JSON::setAnyForKeyPath(std::any value, const KeyPath& keyPath) {
+  if (kind() != Kind::object) return;
+  Dictionary dictionary = *dictionaryValue();
+  setValueForKeyPath(dictionary, std::move(value), keyPath);
+  try {
+    *this = JSON(dictionary);
+  } catch (const JSONError&) {
+    // A value that has no JSON form leaves the receiver as it was.
+  }
+}
+
+void JSON::logKeyPathDecodeFailure(const KeyPath& keyPath, const std::exception& error) {
+  log::message("Unable to decode object (" + keyPath.text() + ") to a Codable: " + error.what(),
+               LogFilterKind::error, "subscript(keyPath:)", __LINE__);
+}
+
+JSON JSON::mapTransform(const std::map<std::string, std::string>& keys,
+                        const ValueTransform& valueTransform) const {
+  if (kind() != Kind::object) return *this;
+  return JSON(pelora::mapTransform(*dictionaryValue(), keys, valueTransform));
+}
+
+std::string JSON::toString(bool pretty) const {
+  return pelora::toString(*this, pretty);
+}
+
+bool operator==(const JSON& a, const JSON& b) noexcept {
+  if (a.kind() != b.kind()) return false;
+  switch (a.kind()) {
+    case JSON::Kind::array: {
+      const auto* x = a.listPointer();
+      const auto* y = b.listPointer();
+      return x == y || *x == *y;
+    }
+    case JSON::Kind::object: {
+      const auto* x = a.mapPointer();
+      const auto* y = b.mapPointer();
+      return x == y || *x == *y;
+    }
+    default:
+      return a.value_ == b.value_;
+  }
+}
+
+// ---- Coding -------------------------------------------------------------------------------------
+
+void encode(Encoder& encoder, const JSON& json) {
+  switch (json.kind()) {
+    case JSON::Kind::boolean:
+      encoder.writeBool(*json.boolValue());
+      return;
+    case JSON::Kind::number:
+      encoder.writeDecimal(*json.decimalValue());
+      return;
+    case JSON::Kind::string:
+      encoder.writeString(*json.stringPointer());
+      return;
+    case JSON::Kind::array:
+      encoder.beginArray();
+      for (const JSON& element : *json.listPointer()) encode(encoder, element);
+      encoder.endArray();
+      return;
+    case JSON::Kind::object:
+      encoder.beginObject();
+      for (const auto& [key, member] : *json.mapPointer()) {
+        encoder.writeKey(key);
+        encode(encoder, member);
+      }
+      encoder.endObject();
+      return;
+    case JSON::Kind::null:
+      encoder.writeNull();
+      return;
+  }
+}
+
+void encode(Encoder& encoder, Null) {
+  encoder.writeNull();
+}
+
+void decode(const JSON& json, JSON& out) {
+  out = json;
+}
+
+}  // namespace pelora

@@ -1,0 +1,321 @@
+#include "pelora/core/json.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <limits>
+
+#include "pelora/log/log.hpp"
+
+namespace pelora {
+namespace {
+
+struct Opaque {};
+
+Decimal dec(std::string_view text) {
+  return Decimal::parse(text).value();
+}
+
+TEST(JSONFromHostValues, BoolsAndNumbersStayApart) {
+  EXPECT_EQ(JSON::fromAny(true), JSON(true));
+  EXPECT_EQ(JSON::fromAny(1).kind(), JSON::Kind::number);
+  EXPECT_NE(JSON::fromAny(1), JSON(true));
+  EXPECT_NE(JSON::fromAny(0), JSON(false));
+  EXPECT_EQ(JSON::fromAny(0.0), JSON(0));
+  EXPECT_EQ(JSON::fromAny(0.1).decimalValue(), dec("0.1"));
+  EXPECT_EQ(JSON::fromAny(0.1f).decimalValue(), dec("0.1"));
+  EXPECT_EQ(JSON::fromAny(std::uint64_t{18446744073709551615u}).decimalValue(),
+            dec("18446744073709551615"));
+  EXPECT_EQ(JSON::fromAny(static_cast<short>(-7)), JSON(-7));
+  EXPECT_EQ(JSON::fromAny(dec("1.10")), JSON(dec("1.1")));
+}
+
+TEST(JSONFromHostValues, NestedContainersConvertRecursively) {
+  Dictionary host{
+      {"name", std::string("Ann")},
+      {"literal", "text"},
+      {"view", std::string_view("sv")},
+      {"none", Null{}},
+      {"list", Array{1, std::string("a"), Array{true}}},
+      {"inner", Dictionary{{"k", 2.5}}},
+      {"ready", JSON(JSON::Map{{"x", JSON(1)}})},
+  };
+  JSON json(host);
+  EXPECT_EQ(json.toString(),
+            R"({"inner":{"k":2.5},"list":[1,"a",[true]],"literal":"text","name":"Ann",)"
+            R"("none":null,"ready":{"x":1},"view":"sv"})");
+}
+
+TEST(JSONFromHostValues, UnconvertibleValuesNameTheirType) {
+  try {
+    JSON::fromAny(Opaque{});
+    FAIL() << "expected nonJSONType";
+  } catch (const JSONError& error) {
+    EXPECT_EQ(error.kind(), JSONError::Kind::nonJSONType);
+    EXPECT_NE(error.type().find("Opaque"), std::string::npos) << error.type();
+  }
+  // The first failing element aborts the whole conversion, at any depth.
+  EXPECT_THROW(JSON(Dictionary{{"ok", 1}, {"bad", Array{1, std::chrono::seconds(3)}}}), JSONError);
+  EXPECT_THROW(JSON::fromAny(std::nan("")), JSONError);
+  EXPECT_THROW(JSON::fromAny(std::numeric_limits<double>::infinity()), JSONError);
+  EXPECT_THROW(JSON::fromAny(1e300), JSONError);  // beyond the decimal's exponent range
+}
+
+TEST(JSONConversions, NumbersConvertOnlyFromNumberCase) {
+  JSON n(dec("3.9"));
+  EXPECT_EQ(n.intValue(), 3);
+  EXPECT_EQ(JSON(dec("-3.9")).intValue(), -3);
+  EXPECT_EQ(n.uintValue(), 3u);
+  EXPECT_DOUBLE_EQ(*n.doubleValue(), 3.9);
+  EXPECT_FLOAT_EQ(*n.floatValue(), 3.9f);
+  EXPECT_FALSE(JSON(true).intValue());
+  EXPECT_FALSE(JSON("3").intValue());
+  EXPECT_FALSE(JSON(1).boolValue());
+  EXPECT_FALSE(JSON(1).stringValue());
+}
+
+TEST(JSONConversions, ContainersComeBackAsHostValues) {
+  JSON json = JSON::parse(R"({"a":[1,"x",null,false,{"b":2}]})");
+  Dictionary dictionary = json.dictionaryValue().value();
+  const auto& array = std::any_cast<const Array&>(dictionary.at("a"));
+  ASSERT_EQ(array.size(), 5u);
+  EXPECT_EQ(std::any_cast<Decimal>(array[0]), Decimal(1));
+  EXPECT_EQ(std::any_cast<std::string>(array[1]), "x");
+  EXPECT_NO_THROW((void)std::any_cast<Null>(array[2]));
+  EXPECT_FALSE(std::any_cast<bool>(array[3]));
+  EXPECT_EQ(std::any_cast<Decimal>(std::any_cast<const Dictionary&>(array[4]).at("b")), 2);
+  EXPECT_FALSE(json.arrayValue());
+  // And they convert back to an equal value.
+  EXPECT_EQ(JSON(dictionary), json);
+}
+
+TEST(JSONText, ParsesEveryCaseWithExactNumbers) {
+  JSON json = JSON::parse(R"([1, "a", null, true, {"k": 2.5}])");
+  ASSERT_EQ(json.kind(), JSON::Kind::array);
+  EXPECT_EQ(json[0], JSON(1));
+  EXPECT_EQ(json[1], JSON("a"));
+  EXPECT_EQ(json[2], JSON());
+  EXPECT_EQ(json[3], JSON(true));
+  EXPECT_EQ(json[4]->operator[]("k"), JSON(dec("2.5")));
+  EXPECT_FALSE(json[5]);
+
+  const char* exact = "[12345678901234567890123456789.012345678,0.1,-0.000001,1E+3]";
+  EXPECT_EQ(JSON::parse(exact).toString(),
+            "[12345678901234567890123456789.012345678,0.1,-0.000001,1000]");
+}
+
+TEST(JSONText, MalformedTextNamesProblemAndOffset) {
+  struct Case {
+    const char* text;
+    std::size_t offset;
+  };
+  for (const Case& c : {Case{R"({"a" 1})", 5}, Case{"[1,2", 4}, Case{"[1] x", 4}, Case{"", 0},
+                        Case{"\"\xC3\x28\"", 1}, Case{"nul", 3}}) {
+    try {
+      JSON::parse(c.text);
+      ADD_FAILURE() << "accepted: " << c.text;
+    } catch (const DecodingError& error) {
+      EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted) << c.text;
+      EXPECT_EQ(error.offset(), c.offset) << c.text << ": " << error.what();
+      EXPECT_NE(std::string(error.what()).find("byte"), std::string::npos) << error.what();
+    }
+  }
+}
+
+TEST(JSONText, RejectsNumbersOutOfRangeAndAbsurdNesting) {
+  EXPECT_THROW(JSON::parse("[1e400]"), DecodingError);
+  EXPECT_THROW(JSON::parse("123456789012345678901234567890123456789"), DecodingError);
+  try {
+    JSON::parse(std::string(100000, '['));
+    FAIL();
+  } catch (const DecodingError& error) {
+    EXPECT_NE(std::string(error.what()).find("Nesting"), std::string::npos) << error.what();
+  }
+}
+
+TEST(JSONText, WritesValidTextForAnyBytes) {
+  EXPECT_EQ(JSON(JSON::Map{{"a", JSON(true)}}).toString(), R"({"a":true})");
+  EXPECT_EQ(JSON("quote \" backslash \\ newline \n tab \t nul " + std::string(1, '\0')).toString(),
+            R"("quote \" backslash \\ newline \n tab \t nul \u0000")");
+  // Invalid UTF-8 (a lone continuation byte, a truncated sequence) becomes U+FFFD, in keys too.
+  std::string bad = "a\x80z\xE2\x82";
+  JSON json(JSON::Map{{bad, JSON(bad)}});
+  std::string text = json.toString();
+  EXPECT_EQ(
+      text,
+      "{\"a\xEF\xBF\xBDz\xEF\xBF\xBD\xEF\xBF\xBD\":\"a\xEF\xBF\xBDz\xEF\xBF\xBD\xEF\xBF\xBD\"}");
+  EXPECT_NO_THROW(JSON::parse(text));
+  // Valid multi-byte text passes unchanged.
+  EXPECT_EQ(JSON("Tự động đóng").toString(), "\"Tự động đóng\"");
+}
+
+TEST(JSONText, PrettyPrintReadsBackEqual) {
+  JSON json = JSON::parse(R"({"a":[1,2.50,{"b":null}],"c":"x"})");
+  std::string pretty = json.prettyPrint();
+  EXPECT_NE(pretty.find('\n'), std::string::npos);
+  EXPECT_NE(pretty.find("2.5"), std::string::npos);
+  EXPECT_EQ(JSON::parse(pretty), json);
+}
+
+TEST(JSONEdits, ReturnNewValuesAndCheckTheCase) {
+  const JSON object = JSON::parse(R"({"a":1})");
+  const JSON array = JSON::parse("[1]");
+  EXPECT_THROW((void)object.add(std::any(2)), JSONError);
+  EXPECT_THROW((void)array.add(std::any(2), "k"), JSONError);
+  EXPECT_THROW((void)array.remove("k"), JSONError);
+  try {
+    (void)object.add(std::any(2));
+  } catch (const JSONError& error) {
+    EXPECT_EQ(error.kind(), JSONError::Kind::incorrectType);
+  }
+
+  EXPECT_EQ(array.add(std::string("x"))->toString(), R"([1,"x"])");
+  EXPECT_EQ(object.add(2, "a")->toString(), R"({"a":2})");
+  EXPECT_EQ(object.add(Dictionary{{"z", true}}, "b")->toString(), R"({"a":1,"b":{"z":true}})");
+  EXPECT_EQ(object.remove("missing"), object);
+  EXPECT_EQ(object.remove("a")->toString(), "{}");
+  // The receivers are untouched.
+  EXPECT_EQ(object.toString(), R"({"a":1})");
+  EXPECT_EQ(array.toString(), "[1]");
+  // A failing conversion leaves nothing half done.
+  EXPECT_THROW((void)object.add(Opaque{}, "b"), JSONError);
+}
+
+TEST(JSONLookup, SubscriptsOnlyReachTheirCase) {
+  EXPECT_FALSE(JSON(JSON::Map{})["anything"]);
+  EXPECT_FALSE(JSON::parse("[1]")["0"]);
+  EXPECT_FALSE(JSON::parse(R"({"0":1})")[0]);
+  EXPECT_EQ(JSON::parse(R"({"k":"v"})")["k"], JSON("v"));
+}
+
+TEST(JSONLookupDeathTest, NegativeIndexIsFatal) {
+  EXPECT_DEATH((void)JSON::parse("[1]")[-1], "index");
+}
+
+TEST(JSONTransform, RenamesAtEveryDepthAndTransformsLeaves) {
+  JSON json = JSON::parse(R"({"a":{"a":1},"list":[{"a":2},3],"keep":"x"})");
+  std::vector<std::string> seenKeys;
+  JSON out = json.mapTransform({{"a", "b"}, {"list", "items"}},
+                               [&](const std::string& key, const std::any& value) -> std::any {
+                                 seenKeys.push_back(key);
+                                 if (key == "keep") return std::string("changed");
+                                 return value;
+                               });
+  EXPECT_EQ(out.toString(), R"({"b":{"b":1},"items":[{"b":2},3],"keep":"changed"})");
+  // Leaves see the renamed key; arrays go through whole; dictionaries never do.
+  std::sort(seenKeys.begin(), seenKeys.end());
+  EXPECT_EQ(seenKeys, (std::vector<std::string>{"b", "b", "items", "keep"}));
+  // Renaming is one step: a is renamed to b, b is not renamed again.
+  EXPECT_EQ(JSON::parse(R"({"a":1})").mapTransform({{"a", "b"}, {"b", "c"}}).toString(),
+            R"({"b":1})");
+  EXPECT_EQ(JSON::parse("[1]").mapTransform({{"a", "b"}}), JSON::parse("[1]"));
+}
+
+TEST(JSONTransformDeathTest, TwoKeysRenamedOntoOneAreFatal) {
+  JSON json = JSON::parse(R"({"a":1,"b":2})");
+  EXPECT_DEATH(json.mapTransform({{"a", "b"}}), "Duplicate values for key: 'b'");
+}
+
+struct Point {
+  std::int64_t x = 0;
+  std::int64_t y = 0;
+  friend bool operator==(const Point&, const Point&) = default;
+};
+void encode(Encoder& encoder, const Point& p) {
+  encoder.beginObject();
+  encoder.field("x", p.x);
+  encoder.field("y", p.y);
+  encoder.endObject();
+}
+void decode(const JSON& json, Point& p) {
+  decodeRequired(json, "x", p.x);
+  decodeRequired(json, "y", p.y);
+}
+
+TEST(JSONKeyPaths, ReadNestedValuesAsRequestedTypes) {
+  JSON json = JSON::parse(
+      R"({"user":{"name":"Ann","age":41,"home":{"x":1,"y":2}},"Pelora.io":{"apiKey":"k"}})");
+  EXPECT_EQ(json.value<std::string>("user.name"), "Ann");
+  EXPECT_EQ(json.value<int>("user.age"), 41);
+  EXPECT_EQ(json.value<Point>("user.home"), (Point{1, 2}));
+  EXPECT_EQ(json.value<JSON>("user.home.y"), JSON(2));
+  EXPECT_EQ(json.value<std::string>("Pelora.io.apiKey"), "k");  // a dotted key as one key
+  EXPECT_FALSE(json.value<std::string>("user.missing"));
+  EXPECT_FALSE(json.value<int>("user.name"));
+  EXPECT_FALSE(JSON::parse("[1]").value<int>("0"));
+}
+
+TEST(JSONKeyPaths, FailedNestedDecodeIsLogged) {
+  JSON json = JSON::parse(R"({"home":{"x":1}})");
+  log::setDebugEnabled(true);
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(json.value<Point>("home"));
+  std::string output = testing::internal::GetCapturedStdout();
+  log::setDebugEnabled(false);
+  EXPECT_NE(output.find("Unable to decode object (home) to a Codable: "), std::string::npos)
+      << output;
+  EXPECT_NE(output.find("subscript(keyPath:)"), std::string::npos) << output;
+}
+
+TEST(JSONKeyPaths, WritesCreateLevelsAndKeepValueSemantics) {
+  JSON json = JSON::parse(R"({"a":{"keep":true},"s":"x"})");
+  const JSON before = json;
+  json.setValue(std::string("iOS"), "platform");
+  json.setValue(5, "a.b.c");
+  json.setValue(Point{3, 4}, "s.point");  // replaces a non-object on the way
+  EXPECT_EQ(json.toString(),
+            R"({"a":{"b":{"c":5},"keep":true},"platform":"iOS","s":{"point":{"x":3,"y":4}}})");
+  json.setValue(std::optional<int>(), "a.keep");
+  EXPECT_FALSE(json.value<bool>("a.keep"));
+  EXPECT_EQ(before.toString(), R"({"a":{"keep":true},"s":"x"})");
+
+  JSON array = JSON::parse("[1]");
+  array.setValue(1, "a");
+  EXPECT_EQ(array.toString(), "[1]");
+}
+
+TEST(JSONKeyPaths, PathAndIfIndirectionsResolveAgainstTheRoot) {
+  Dictionary d{
+      {"context", Dictionary{{"id", std::string("abc")}, {"empty", std::string()}}},
+      {"alias", Dictionary{{"@path", std::string("$.context.id")}}},
+      {"pick", Dictionary{{"@if", Dictionary{{"exists", std::string("$.context.id")},
+                                             {"then", std::string("yes")},
+                                             {"else", std::string("no")}}}}},
+      {"blank", Dictionary{{"@if", Dictionary{{"blank", std::string("$.context.empty")},
+                                              {"then", Dictionary{{"@path", "$.context.id"}}},
+                                              {"else", std::string("filled")}}}}},
+      {"missing", Dictionary{{"@if", Dictionary{{"exists", std::string("$.nope")},
+                                                {"then", std::string("yes")}}}}},
+      {"loop", Dictionary{{"@path", std::string("$.loop")}}},
+  };
+  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "alias")), "abc");
+  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "pick")), "yes");
+  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "blank")), "abc");
+  EXPECT_FALSE(valueForKeyPath(d, "missing").has_value());
+  EXPECT_FALSE(valueForKeyPath(d, "loop").has_value());
+}
+
+TEST(JSONCoding, RecordsBecomeJSONAndBack) {
+  JSON json = JSON::with(Point{1, -2});
+  EXPECT_EQ(json.toString(), R"({"x":1,"y":-2})");
+  EXPECT_EQ(json.codableValue<Point>(), (Point{1, -2}));
+  EXPECT_FALSE(JSON::parse(R"({"x":1})").codableValue<Point>());
+  EXPECT_FALSE(JSON::parse(R"({"x":1.5,"y":1})").codableValue<Point>());
+  EXPECT_FALSE(JSON(1).codableValue<Point>());
+  EXPECT_EQ(toString(std::vector<Point>{{1, 2}}), R"([{"x":1,"y":2}])");
+  EXPECT_EQ(toString(std::nan("")), "");
+  EXPECT_THROW(JSON::with(Dictionary{{"d", std::chrono::seconds(1)}}), JSONError);
+}
+
+TEST(JSONEquality, ComparesByCaseAndValue) {
+  EXPECT_EQ(JSON::parse("1.10"), JSON::parse("1.1"));
+  EXPECT_EQ(JSON::parse(R"({"a":1,"b":[true,null]})"), JSON::parse(R"({"b":[true,null],"a":1})"));
+  EXPECT_NE(JSON::parse("[1,2]"), JSON::parse("[2,1]"));
+  EXPECT_NE(JSON(true), JSON(1));
+  EXPECT_NE(JSON(), JSON(false));
+  EXPECT_NE(JSON("1"), JSON(1));
+}
+
+}  // namespace
+}  // namespace pelora

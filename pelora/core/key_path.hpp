@@ -1,0 +1,33 @@
+// KeyPath: dotted text ("context.device.id") naming a value inside nested dictionaries, split into
+// its first component (`current`) and the rest (`remaining`).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace pelora {
+
+class KeyPath {
+ public:
+  KeyPath(std::string text) : text_(std::move(text)) {}  // NOLINT(google-explicit-constructor)
+  KeyPath(std::string_view text) : text_(text) {}        // NOLINT(google-explicit-constructor)
+  KeyPath(const char* text) : text_(text) {}             // NOLINT(google-explicit-constructor)
+
+  // The whole dotted text.
+  const std::string& text() const noexcept { return text_; }
+  // Up to the first ".".
+  std::string_view current() const noexcept { return std::string_view(text_).substr(0, dot()); }
+  // After the first "."; nothing for a single component.
+  std::optional<KeyPath> remaining() const {
+    auto d = dot();
+    if (d == std::string::npos) return std::nullopt;
+    return KeyPath(std::string_view(text_).substr(d + 1));
+  }
+
+ private:
+  std::size_t dot() const noexcept { return text_.find('.'); }
+  std::string text_;
+};
+
+}  // namespace pelora

@@ -1,0 +1,24 @@
+// The library's log line entry point. Parts of the library that have no client at hand (value
+// coding, storage) report here; lines are printed only while debug logs are switched on.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace pelora {
+
+// How serious a log line is.
+enum class LogFilterKind { error, warning, debug };
+
+namespace log {
+
+// The module-wide switch behind PeloraAnalytics::debugLogsEnabled; off by default.
+void setDebugEnabled(bool enabled) noexcept;
+bool debugEnabled() noexcept;
+
+// Reports `message` on behalf of `function` (the caller's name) at `line`.
+void message(std::string_view message, std::optional<LogFilterKind> kind, std::string_view function,
+             int line);
+
+}  // namespace log
+}  // namespace pelora
