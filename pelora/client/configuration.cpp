@@ -1,0 +1,63 @@
+#include "pelora/client/configuration.hpp"
+
+#include "pelora/core/service_hosts.hpp"
+
+namespace pelora {
+
+Configuration::Configuration(std::string writeKey, std::optional<std::string> flavor)
+    : Configuration(std::move(writeKey), std::move(flavor), true) {}
+
+Configuration::Configuration(std::string writeKey, std::optional<std::string> flavor,
+                             bool enableIAM) {
+  values.writeKey = std::move(writeKey);
+  values.flavor = std::move(flavor);
+  values.enableIAM = enableIAM;
+  values.apiHost = std::string(productionTrackingHost);
+}
+
+Configuration& Configuration::application(std::any value) {
+  values.application = std::move(value);
+  return *this;
+}
+
+Configuration& Configuration::trackApplicationLifecycleEvents(bool value) {
+  values.trackApplicationLifecycleEvents = value;
+  return *this;
+}
+
+Configuration& Configuration::trackDeeplinks(bool value) {
+  values.trackDeeplinks = value;
+  return *this;
+}
+
+Configuration& Configuration::flushAt(std::int64_t value) {
+  values.flushAt = value;
+  return *this;
+}
+
+Configuration& Configuration::flushInterval(double value) {
+  values.flushInterval = value;
+  return *this;
+}
+
+Configuration& Configuration::defaultSettings(Settings value) {
+  values.defaultSettings = std::move(value);
+  return *this;
+}
+
+Configuration& Configuration::autoAddPeloraDestination(bool value) {
+  values.autoAddPeloraDestination = value;
+  return *this;
+}
+
+Configuration& Configuration::apiHost(std::string value) {
+  values.apiHost = std::move(value);
+  return *this;
+}
+
+Configuration& Configuration::peloraAppPushID(std::string value) {
+  values.peloraAppPushID = std::move(value);
+  return *this;
+}
+
+}  // namespace pelora

@@ -1,0 +1,54 @@
+// Configuration: every option of the library, filled by the host before it creates the client and
+// shared by reference afterwards (a setter called later changes what later readers see).
+//
+//   auto configuration = std::make_shared<pelora::Configuration>("WRITE_KEY", "stg");
+//   configuration->flushAt(10).flushInterval(15.0);
+#pragma once
+
+#include <any>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "pelora/delivery/settings.hpp"
+
+namespace pelora {
+
+class Configuration {
+ public:
+  struct Values {
+    std::string writeKey;
+    // "dev" or "stg" select those environments; absent or anything else means production.
+    std::optional<std::string> flavor;
+    std::any application;  // empty when absent
+    bool trackApplicationLifecycleEvents = true;
+    bool trackDeeplinks = true;
+    std::int64_t flushAt = 20;    // events stored before an upload starts
+    double flushInterval = 30.0;  // seconds between timed uploads
+    std::optional<Settings> defaultSettings;
+    bool autoAddPeloraDestination = true;
+    bool enableIAM = true;
+    std::string apiHost;  // the production tracking host by default
+    std::string peloraAppPushID;
+  };
+
+  // Defaults everywhere, enableIAM true.
+  Configuration(std::string writeKey, std::optional<std::string> flavor);
+  Configuration(std::string writeKey, std::optional<std::string> flavor, bool enableIAM);
+
+  // Chainable setters; none validates (a zero flushAt is stored as given).
+  Configuration& application(std::any value);
+  Configuration& trackApplicationLifecycleEvents(bool value);
+  Configuration& trackDeeplinks(bool value);
+  Configuration& flushAt(std::int64_t value);
+  Configuration& flushInterval(double value);
+  Configuration& defaultSettings(Settings value);
+  Configuration& autoAddPeloraDestination(bool value);
+  Configuration& apiHost(std::string value);
+  Configuration& peloraAppPushID(std::string value);
+
+  // Read by the library; hosts change options through the constructors and setters.
+  Values values;
+};
+
+}  // namespace pelora

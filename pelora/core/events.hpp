@@ -1,0 +1,86 @@
+// The event records that travel through the plugin timeline, and their exact JSON form: keys in
+// declaration order, optional fields left out when absent (never written as null).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pelora/core/json.hpp"
+
+namespace pelora {
+
+// Which bundles of destinations an event went through; all three lists are always encoded.
+struct DestinationMetadata {
+  std::vector<std::string> bundled;
+  std::vector<std::string> unbundled;
+  std::vector<std::string> bundledIds;
+
+  friend bool operator==(const DestinationMetadata&, const DestinationMetadata&) = default;
+};
+
+// The fields every event carries. Not an event by itself: TrackEvent and MonitorEvent are.
+struct RawEvent {
+  std::optional<std::string> type;
+  std::optional<std::string> anonymousId;
+  std::optional<std::string> messageId;
+  std::optional<std::string> userId;
+  std::optional<std::string> timestamp;
+  std::optional<JSON> context;
+  std::optional<JSON> integrations;
+  std::optional<std::vector<JSON>> metrics;
+  std::optional<DestinationMetadata> _metadata;
+
+  friend bool operator==(const RawEvent&, const RawEvent&) = default;
+
+ protected:
+  RawEvent() = default;
+  explicit RawEvent(std::string type) : type(std::move(type)) {}
+  // Copies anonymousId, messageId, userId, timestamp, context, integrations and _metadata from
+  // `source` when given; never `type` or `metrics`.
+  void copyCommonFields(const RawEvent* source);
+};
+
+// A named analytics event ("track").
+struct TrackEvent : RawEvent {
+  std::string event;
+  std::optional<JSON> properties;
+
+  // Every field absent (what decoding starts from).
+  TrackEvent() = default;
+  // Type "track", the name and properties, every other field absent.
+  TrackEvent(std::string event, std::optional<JSON> properties);
+  // A "track" copy of `other`'s name, properties and common fields; its metrics are dropped.
+  static TrackEvent existing(const TrackEvent& other);
+
+  friend bool operator==(const TrackEvent&, const TrackEvent&) = default;
+};
+
+// An identity-tracking event ("monitor_event"), posted at once rather than batched.
+struct MonitorEvent : RawEvent {
+  JSON identityId;
+  std::string eventName;
+  JSON eventData;
+  std::optional<std::vector<JSON>> profile;
+
+  MonitorEvent() = default;
+  // Type "monitor_event" and the four values, every other field absent.
+  MonitorEvent(JSON identityId, std::string eventName, JSON eventData,
+               std::optional<std::vector<JSON>> profile);
+  // A "monitor_event" copy of `other`'s own values and common fields; its metrics are dropped.
+  static MonitorEvent existing(const MonitorEvent& other);
+
+  friend bool operator==(const MonitorEvent&, const MonitorEvent&) = default;
+};
+
+void encode(Encoder& encoder, const DestinationMetadata& metadata);
+void encode(Encoder& encoder, const TrackEvent& event);
+void encode(Encoder& encoder, const MonitorEvent& event);
+// Required keys: "event" (TrackEvent); "identityId", "eventName", "eventData" (MonitorEvent); all
+// three of DestinationMetadata. Missing ones throw DecodingError::keyNotFound. "type" is kept as
+// found; unknown keys are ignored.
+void decode(const JSON& json, DestinationMetadata& metadata);
+void decode(const JSON& json, TrackEvent& event);
+void decode(const JSON& json, MonitorEvent& event);
+
+}  // namespace pelora
