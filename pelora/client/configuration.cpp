@@ -60,4 +60,19 @@ Configuration& Configuration::peloraAppPushID(std::string value) {
   return *this;
 }
 
+Configuration& Configuration::paths(platform::Paths value) {
+  values.paths = std::move(value);
+  return *this;
+}
+
+Configuration& Configuration::connectTo(std::vector<std::string> value) {
+  values.connectTo = std::move(value);
+  return *this;
+}
+
+Configuration& Configuration::caBundle(std::string value) {
+  values.caBundle = std::move(value);
+  return *this;
+}
+
 }  // namespace pelora

@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "pelora/delivery/settings.hpp"
+#include "pelora/platform/paths.hpp"
 
 namespace pelora {
 
@@ -30,6 +32,12 @@ class Configuration {
     bool enableIAM = true;
     std::string apiHost;  // the production tracking host by default
     std::string peloraAppPushID;
+    // Where files go; the user's defaults when absent.
+    std::optional<platform::Paths> paths;
+    // Transport overrides for every HTTPS request, for local collectors and tests:
+    // "HOST:PORT:CONNECT-TO-HOST:CONNECT-TO-PORT" entries and a CA bundle file to trust.
+    std::vector<std::string> connectTo;
+    std::string caBundle;
   };
 
   // Defaults everywhere, enableIAM true.
@@ -46,6 +54,9 @@ class Configuration {
   Configuration& autoAddPeloraDestination(bool value);
   Configuration& apiHost(std::string value);
   Configuration& peloraAppPushID(std::string value);
+  Configuration& paths(platform::Paths value);
+  Configuration& connectTo(std::vector<std::string> value);
+  Configuration& caBundle(std::string value);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

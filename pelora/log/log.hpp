@@ -10,6 +10,14 @@ namespace pelora {
 // How serious a log line is.
 enum class LogFilterKind { error, warning, debug };
 
+// Receives structured log lines: the client is one (its log function), tests record them.
+class LogSink {
+ public:
+  virtual ~LogSink() = default;
+  virtual void log(std::string_view message, std::optional<LogFilterKind> kind,
+                   std::string_view function, int line) = 0;
+};
+
 namespace log {
 
 // The module-wide switch behind PeloraAnalytics::debugLogsEnabled; off by default.

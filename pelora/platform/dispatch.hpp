@@ -1,0 +1,79 @@
+// Dispatch: serial queues on a shared worker pool, the process-wide main queue, and timers.
+// A SerialQueue runs its tasks one at a time in submission order. `async` returns at once;
+// `sync` waits until every earlier task has run and then runs the block on the caller's own
+// thread (so a sync block may safely touch the caller's stack). Calling `sync` on the queue that
+// is running the caller is a programming error and fatal (it could only deadlock).
+// Process-lifetime pieces (the pool, the main queue, the timer thread) are never destroyed, so a
+// host may call exit() while tasks run.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+namespace pelora::platform {
+
+using Task = std::function<void()>;
+
+class SerialQueue {
+ public:
+  static std::shared_ptr<SerialQueue> create(std::string label);
+  // The process-wide main queue: run by a library thread unless a host executor is set.
+  static std::shared_ptr<SerialQueue> main();
+  // Hands the main queue to a host loop: `executor` must run each function it is given, in order,
+  // on the host's UI thread. Later main-queue work goes there.
+  static void setMainExecutor(std::function<void(Task)> executor);
+
+  virtual ~SerialQueue() = default;
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  const std::string& label() const noexcept { return label_; }
+  // Runs `task` later, after every task submitted before it.
+  virtual void async(Task task) = 0;
+  // Runs `block` on the calling thread once every earlier task has finished; returns its result.
+  template <class F>
+  std::invoke_result_t<F&> sync(F&& block) {
+    if constexpr (std::is_void_v<std::invoke_result_t<F&>>) {
+      runSync([&] { block(); });
+    } else {
+      std::optional<std::invoke_result_t<F&>> result;
+      runSync([&] { result.emplace(block()); });
+      return std::move(*result);
+    }
+  }
+  // True on a thread that is currently running a task (async or sync) of this queue.
+  virtual bool isCurrent() const noexcept = 0;
+
+ protected:
+  explicit SerialQueue(std::string label) : label_(std::move(label)) {}
+  virtual void runSync(const std::function<void()>& block) = 0;
+
+ private:
+  std::string label_;
+};
+
+// Runs `task` on `queue` once `delay` has passed.
+void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseconds delay, Task task);
+
+// A repeating (or one-shot) timer that runs its handler on a queue, like a dispatch timer source:
+// created suspended; `resume` starts it; `cancel` stops it for good (a handler already submitted
+// may still run once). Deadlines are kept by one process-wide timer thread.
+class TimerSource {
+ public:
+  static std::shared_ptr<TimerSource> create(std::shared_ptr<SerialQueue> queue);
+  virtual ~TimerSource() = default;
+
+  // First deadline `start` from now, then every `interval` (zero: fire once).
+  virtual void schedule(std::chrono::nanoseconds start, std::chrono::nanoseconds interval) = 0;
+  virtual void setHandler(Task handler) = 0;
+  virtual void resume() = 0;
+  virtual void suspend() = 0;
+  virtual void cancel() = 0;
+};
+
+}  // namespace pelora::platform

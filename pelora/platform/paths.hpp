@@ -1,0 +1,17 @@
+// Where the library keeps its files: the documents directory (event batches) and the preferences
+// directory (user-defaults suites). Defaults follow the user's home; a host or a test may set both.
+#pragma once
+
+#include <filesystem>
+
+namespace pelora::platform {
+
+struct Paths {
+  std::filesystem::path documents;    // default: $HOME/Documents
+  std::filesystem::path preferences;  // default: $XDG_CONFIG_HOME, else $HOME/.config
+
+  // The defaults for the current user (falls back to the working directory without $HOME).
+  static Paths defaults();
+};
+
+}  // namespace pelora::platform
