@@ -9,9 +9,10 @@
 
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -19,13 +20,16 @@ namespace pelora::platform {
 
 using Task = std::function<void()>;
 
+// Follows the subsystem prefix in the library's queue labels ("state.update." + suffix).
+inline constexpr std::string_view queueLabelSuffix = "com.pelora.analytics";
+
 class SerialQueue {
  public:
   static std::shared_ptr<SerialQueue> create(std::string label);
   // The process-wide main queue: run by a library thread unless a host executor is set.
   static std::shared_ptr<SerialQueue> main();
   // Hands the main queue to a host loop: `executor` must run each function it is given, in order,
-  // on the host's UI thread. Later main-queue work goes there.
+  // on the host's UI thread. Later main-queue work goes there; an empty executor gives it back.
   static void setMainExecutor(std::function<void(Task)> executor);
 
   virtual ~SerialQueue() = default;
@@ -33,9 +37,11 @@ class SerialQueue {
   SerialQueue& operator=(const SerialQueue&) = delete;
 
   const std::string& label() const noexcept { return label_; }
-  // Runs `task` later, after every task submitted before it.
+  // Runs `task` later, after every task submitted before it. An exception escaping `task` is
+  // printed and dropped; the queue goes on.
   virtual void async(Task task) = 0;
   // Runs `block` on the calling thread once every earlier task has finished; returns its result.
+  // An exception from `block` reaches the caller, and the queue is released.
   template <class F>
   std::invoke_result_t<F&> sync(F&& block) {
     if constexpr (std::is_void_v<std::invoke_result_t<F&>>) {
@@ -58,11 +64,14 @@ class SerialQueue {
 };
 
 // Runs `task` on `queue` once `delay` has passed.
-void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseconds delay, Task task);
+void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseconds delay,
+                Task task);
 
 // A repeating (or one-shot) timer that runs its handler on a queue, like a dispatch timer source:
-// created suspended; `resume` starts it; `cancel` stops it for good (a handler already submitted
-// may still run once). Deadlines are kept by one process-wide timer thread.
+// created suspended; `resume` starts it; `cancel` stops it for good (a handler already running
+// finishes; one submitted but not yet started is skipped). Releasing the last reference cancels
+// it. A firing is not submitted while the previous one has not started yet, so slow handlers
+// never pile up. Deadlines are kept by one process-wide timer thread.
 class TimerSource {
  public:
   static std::shared_ptr<TimerSource> create(std::shared_ptr<SerialQueue> queue);
@@ -70,7 +79,10 @@ class TimerSource {
 
   // First deadline `start` from now, then every `interval` (zero: fire once).
   virtual void schedule(std::chrono::nanoseconds start, std::chrono::nanoseconds interval) = 0;
+  // The handler in place when a firing runs on the queue is the one called.
   virtual void setHandler(Task handler) = 0;
+  // Suspensions nest; resuming more often than suspended is fatal (the source starts suspended
+  // once). A deadline passed while suspended fires once on resume.
   virtual void resume() = 0;
   virtual void suspend() = 0;
   virtual void cancel() = 0;

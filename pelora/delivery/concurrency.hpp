@@ -1,0 +1,146 @@
+// Small building blocks shared by the client and its destinations. Queue<T> has no lock: its owner
+// confines each instance to one serial queue. Atomic<T> guards its value with its own mutex, held
+// only for a copy, a store or an in-place change. QueueTimer owns a timer source firing on a queue.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "pelora/platform/dispatch.hpp"
+
+namespace pelora {
+
+namespace detail {
+// Prints "**** Queue Size : <count>" while debug logs are on.
+void reportQueueSize(std::size_t count);
+// "[a, b]" from already described elements.
+std::string describeList(const std::vector<std::string>& elements);
+// The readable name of a type, for elements that cannot print themselves.
+std::string typeName(const std::type_info& type);
+
+template <class T>
+concept Streamable = requires(std::ostream& out, const T& value) {
+  out << value;
+};
+
+template <class T>
+std::string describeElement(const T& value) {
+  if constexpr (std::convertible_to<const T&, std::string_view>) {
+    return "\"" + std::string(std::string_view(value)) + "\"";
+  } else if constexpr (Streamable<T>) {
+    std::ostringstream out;
+    out << value;
+    return out.str();
+  } else {
+    return typeName(typeid(T));
+  }
+}
+}  // namespace detail
+
+// A first-in-first-out list of values that reports its size on the console in debug mode.
+template <class T>
+class Queue {
+ public:
+  // Appends `element` at the end.
+  void enqueue(T element) {
+    list_.push_back(std::move(element));
+    detail::reportQueueSize(list_.size());
+  }
+  // Removes and returns the oldest element; nothing when empty.
+  std::optional<T> dequeue() {
+    if (list_.empty()) return std::nullopt;
+    std::optional<T> first(std::move(list_.front()));
+    list_.pop_front();
+    detail::reportQueueSize(list_.size());
+    return first;
+  }
+  // The oldest element, left in place; nothing when empty.
+  std::optional<T> peek() const {
+    if (list_.empty()) return std::nullopt;
+    return list_.front();
+  }
+  bool isEmpty() const noexcept { return list_.empty(); }
+  std::size_t count() const noexcept { return list_.size(); }
+  // The elements, oldest first, as "[a, b]" (strings quoted).
+  std::string description() const {
+    std::vector<std::string> elements;
+    elements.reserve(list_.size());
+    for (const T& element : list_) elements.push_back(detail::describeElement(element));
+    return detail::describeList(elements);
+  }
+
+ private:
+  std::deque<T> list_;
+};
+
+// A value guarded by its own mutex. A read-then-act sequence is two separate locked steps unless
+// done inside modify().
+template <class T>
+class Atomic {
+ public:
+  explicit Atomic(T value = T{}) : value_(std::move(value)) {}
+  Atomic(const Atomic&) = delete;
+  Atomic& operator=(const Atomic&) = delete;
+
+  // A copy of the value.
+  T get() const {
+    std::lock_guard lock(mutex_);
+    return value_;
+  }
+  // Replaces the value.
+  void set(T value) {
+    std::lock_guard lock(mutex_);
+    value_ = std::move(value);
+  }
+  // Calls `change(T&)` on the value under the lock (an increment, an append).
+  template <class F>
+  void modify(F&& change) {
+    std::lock_guard lock(mutex_);
+    std::forward<F>(change)(value_);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  T value_;
+};
+
+// A repeating timer on a queue: first fires `interval` seconds after construction, then every
+// `interval` seconds, until destroyed. Once destroyed, the handler is never called again.
+class QueueTimer {
+ public:
+  enum class State { suspended, resumed };
+
+  // Starts the timer: `handler` runs on `queue`.
+  QueueTimer(double interval, std::shared_ptr<platform::SerialQueue> queue,
+             std::function<void()> handler);
+  ~QueueTimer();
+  QueueTimer(const QueueTimer&) = delete;
+  QueueTimer& operator=(const QueueTimer&) = delete;
+
+  // Resumes the timer if it is suspended; otherwise does nothing (the source is resumed once).
+  void resume();
+
+  double interval() const noexcept { return interval_; }
+  const std::shared_ptr<platform::SerialQueue>& queue() const noexcept { return queue_; }
+
+ private:
+  const double interval_;
+  const std::shared_ptr<platform::TimerSource> timer_;
+  const std::shared_ptr<platform::SerialQueue> queue_;
+  const std::function<void()> handler_;
+  Atomic<State> state_{State::suspended};
+};
+
+}  // namespace pelora

@@ -1,0 +1,191 @@
+#include "pelora/delivery/concurrency.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "pelora/log/log.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using platform::SerialQueue;
+
+// Counts from any thread; add() notifies under the lock so a waiter may destroy it at once.
+class Counter {
+ public:
+  void add() {
+    std::lock_guard lock(mutex_);
+    ++value_;
+    changed_.notify_all();
+  }
+  bool waitFor(int target, std::chrono::milliseconds limit = 10s) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return value_ >= target; });
+  }
+  int value() {
+    std::lock_guard lock(mutex_);
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int value_ = 0;
+};
+
+// Sets the module-wide debug switch for one test and restores it.
+class DebugLogs {
+ public:
+  explicit DebugLogs(bool on) : before_(log::debugEnabled()) { log::setDebugEnabled(on); }
+  ~DebugLogs() { log::setDebugEnabled(before_); }
+
+ private:
+  bool before_;
+};
+
+struct Opaque {};
+
+TEST(ConcurrencyQueue, FirstInFirstOutWithPeekAndDescription) {
+  Queue<int> queue;
+  EXPECT_TRUE(queue.isEmpty());
+  EXPECT_EQ(queue.peek(), std::nullopt);
+  EXPECT_EQ(queue.description(), "[]");
+  for (int i = 1; i <= 3; ++i) queue.enqueue(i);
+  EXPECT_EQ(queue.peek(), 1);
+  EXPECT_EQ(queue.count(), 3u);
+  EXPECT_EQ(queue.description(), "[1, 2, 3]");
+  EXPECT_EQ(queue.dequeue(), 1);
+  EXPECT_EQ(queue.dequeue(), 2);
+  EXPECT_EQ(queue.dequeue(), 3);
+  EXPECT_EQ(queue.dequeue(), std::nullopt);
+  EXPECT_TRUE(queue.isEmpty());
+
+  Queue<std::string> names;
+  names.enqueue("a");
+  names.enqueue("b");
+  EXPECT_EQ(names.description(), "[\"a\", \"b\"]");
+  Queue<Opaque> opaque;
+  opaque.enqueue({});
+  EXPECT_NE(opaque.description().find("Opaque"), std::string::npos) << opaque.description();
+}
+
+TEST(ConcurrencyQueue, PrintsItsSizeOnlyInDebugAndNotOnEmptyDequeue) {
+  Queue<int> queue;
+  {
+    DebugLogs off(false);
+    testing::internal::CaptureStdout();
+    queue.enqueue(1);
+    queue.dequeue();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  }
+  DebugLogs on(true);
+  testing::internal::CaptureStdout();
+  queue.enqueue(1);
+  queue.enqueue(2);
+  queue.dequeue();
+  queue.dequeue();
+  queue.dequeue();  // empty: silent
+  queue.peek();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "**** Queue Size : 1\n**** Queue Size : 2\n**** Queue Size : 1\n"
+            "**** Queue Size : 0\n");
+}
+
+TEST(ConcurrencyAtomic, GetSetAndModifyUnderOneLock) {
+  static_assert(!std::is_copy_constructible_v<Atomic<int>>);
+  static_assert(!std::is_move_constructible_v<Atomic<int>>);
+  Atomic<int> value(5);
+  EXPECT_EQ(value.get(), 5);
+  value.set(7);
+  EXPECT_EQ(value.get(), 7);
+
+  // Increments from many threads are never lost inside modify().
+  Atomic<long> count;
+  Atomic<std::vector<int>> items;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 5000; ++i) count.modify([](long& n) { ++n; });
+      items.modify([t](std::vector<int>& list) { list.push_back(t); });
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(count.get(), 8 * 5000);
+  EXPECT_EQ(items.get().size(), 8u);
+}
+
+TEST(ConcurrencyQueueTimer, FiresAfterEachIntervalOnItsQueueAndResumesOnce) {
+  auto queue = SerialQueue::create("test.queuetimer");
+  std::vector<Clock::time_point> fired;
+  Counter count;
+  const auto start = Clock::now();
+  auto timer = std::make_unique<QueueTimer>(0.04, queue, [&] {
+    EXPECT_TRUE(queue->isCurrent());
+    fired.push_back(Clock::now());
+    count.add();
+  });
+  EXPECT_EQ(timer->interval(), 0.04);
+  // Resuming the source again would be fatal (over-resume): the timer resumes it once only.
+  timer->resume();
+  timer->resume();
+  ASSERT_TRUE(count.waitFor(2));
+  timer.reset();
+  const auto times = queue->sync([&] { return fired; });
+  EXPECT_GE(times[0] - start, 40ms);
+  EXPECT_GE(times[1] - start, 80ms);
+}
+
+TEST(ConcurrencyQueueTimer, DestroyedTimerNeverCallsItsHandlerAgain) {
+  auto queue = SerialQueue::create("test.destroy");
+  std::atomic<bool> destroyed{false};
+  std::atomic<int> lateCalls{0};
+  Counter count, marker;
+  auto timer = std::make_shared<QueueTimer>(0.002, queue, [&] {
+    if (destroyed) ++lateCalls;
+    count.add();
+  });
+  ASSERT_TRUE(count.waitFor(2));
+  // Destroyed on its queue, so no firing runs concurrently; later ones must not start.
+  queue->sync([&] {
+    timer.reset();
+    destroyed = true;
+  });
+  platform::asyncAfter(queue, 40ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(1));
+  EXPECT_EQ(lateCalls, 0);
+}
+
+TEST(ConcurrencyQueueTimerStress, CreateAndDestroyFromManyThreads) {
+  auto queue = SerialQueue::create("test.churn");
+  std::atomic<int> calls{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100; ++i) {
+        auto timer = std::make_unique<QueueTimer>(0.0005, queue, [&] { ++calls; });
+        if (i % 3 == 0) timer->resume();
+        if (i % 10 == 0) queue->sync([] {});
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  queue->sync([] {});
+  const int settled = calls.load();
+  Counter marker;
+  platform::asyncAfter(queue, 20ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(1));
+  EXPECT_EQ(calls.load(), settled) << "a destroyed timer fired";
+}
+
+}  // namespace
+}  // namespace pelora

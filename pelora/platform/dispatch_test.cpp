@@ -1,0 +1,490 @@
+#include "pelora/platform/dispatch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace pelora::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Counts events from any thread and waits for a count with a deadline. add() notifies under the
+// lock, so a waiter that has seen its count may destroy the counter at once.
+class Counter {
+ public:
+  void add(int n = 1) {
+    std::lock_guard lock(mutex_);
+    value_ += n;
+    changed_.notify_all();
+  }
+  bool waitFor(int target, std::chrono::milliseconds limit = 10s) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return value_ >= target; });
+  }
+  int value() {
+    std::lock_guard lock(mutex_);
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int value_ = 0;
+};
+
+// Aborts the process with `what` when kick() is not called for `limit`: a stuck round fails the
+// suite at once instead of hanging it.
+class Watchdog {
+ public:
+  Watchdog(std::string what, std::chrono::seconds limit)
+      : what_(std::move(what)), thread_([this, limit] { watch(limit); }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard lock(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  void kick() {
+    std::lock_guard lock(mutex_);
+    ++progress_;
+    changed_.notify_all();
+  }
+
+ private:
+  void watch(std::chrono::seconds limit) {
+    std::unique_lock lock(mutex_);
+    while (!done_) {
+      const auto seen = progress_;
+      if (!changed_.wait_for(lock, limit, [&] { return done_ || progress_ != seen; })) {
+        std::fprintf(stderr, "Watchdog: %s made no progress for %lld s (lost wake-up?)\n",
+                     what_.c_str(), static_cast<long long>(limit.count()));
+        std::abort();
+      }
+    }
+  }
+
+  std::string what_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  long progress_ = 0;
+  bool done_ = false;
+  std::thread thread_;
+};
+
+TEST(SerialQueue, AsyncTasksRunInOrderOneAtATime) {
+  auto queue = SerialQueue::create("test.order");
+  std::vector<int> seen;
+  std::atomic<bool> inside{false};
+  std::atomic<int> overlaps{0};
+  for (int i = 0; i < 2000; ++i) {
+    queue->async([&, i] {
+      if (inside.exchange(true)) ++overlaps;
+      seen.push_back(i);
+      inside = false;
+    });
+  }
+  const auto result = queue->sync([&] { return seen; });
+  ASSERT_EQ(result.size(), 2000u);
+  for (int i = 0; i < 2000; ++i) ASSERT_EQ(result[i], i);
+  EXPECT_EQ(overlaps, 0);
+  EXPECT_EQ(queue->label(), "test.order");
+}
+
+TEST(SerialQueue, SyncRunsOnCallerAfterEarlierTasks) {
+  auto queue = SerialQueue::create("test.sync");
+  std::promise<void> gate;
+  std::shared_future<void> opened = gate.get_future().share();
+  std::vector<std::string> log;
+  queue->async([&] {
+    opened.wait();
+    log.push_back("async");
+  });
+  std::thread::id ranOn;
+  std::thread caller([&] {
+    queue->sync([&] {
+      ranOn = std::this_thread::get_id();
+      log.push_back("sync");
+    });
+  });
+  const auto callerId = caller.get_id();
+  gate.set_value();
+  caller.join();
+  EXPECT_EQ(ranOn, callerId);
+  EXPECT_EQ(log, (std::vector<std::string>{"async", "sync"}));
+  // A value comes back; a sync block on an idle queue sees the caller's stack.
+  int local = 41;
+  EXPECT_EQ(queue->sync([&] { return ++local; }), 42);
+}
+
+TEST(SerialQueue, IsCurrentAndNestedSyncOnOtherQueues) {
+  auto a = SerialQueue::create("test.a");
+  auto b = SerialQueue::create("test.b");
+  EXPECT_FALSE(a->isCurrent());
+  a->sync([&] {
+    EXPECT_TRUE(a->isCurrent());
+    EXPECT_FALSE(b->isCurrent());
+    b->sync([&] { EXPECT_TRUE(a->isCurrent() && b->isCurrent()); });
+    EXPECT_FALSE(b->isCurrent());
+  });
+  EXPECT_FALSE(a->isCurrent());
+
+  // From an async task, sync onto a queue that still has work of its own.
+  Counter done;
+  std::vector<int> order;
+  std::promise<void> gate;
+  auto opened = gate.get_future().share();
+  b->async([&] {
+    opened.wait();
+    order.push_back(1);
+  });
+  a->async([&] {
+    b->sync([&] { order.push_back(2); });
+    done.add();
+  });
+  gate.set_value();
+  ASSERT_TRUE(done.waitFor(1));
+  EXPECT_EQ(b->sync([&] { return order; }), (std::vector<int>{1, 2}));
+}
+
+TEST(SerialQueue, ConcurrentSyncAndAsyncStayExclusive) {
+  auto queue = SerialQueue::create("test.mixed");
+  long counter = 0;  // guarded by the queue alone
+  std::atomic<bool> inside{false};
+  std::atomic<int> overlaps{0};
+  auto bump = [&] {
+    if (inside.exchange(true)) ++overlaps;
+    ++counter;
+    inside = false;
+  };
+  constexpr int kThreads = 8, kRounds = 2000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kRounds; ++i) {
+        if ((i + t) % 2 == 0) {
+          queue->async(bump);
+        } else {
+          queue->sync(bump);
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(queue->sync([&] { return counter; }), long{kThreads} * kRounds);
+  EXPECT_EQ(overlaps, 0);
+}
+
+TEST(SerialQueue, ExceptionsNeitherKillWorkersNorWedgeTheQueue) {
+  auto queue = SerialQueue::create("test.throws");
+  testing::internal::CaptureStdout();
+  queue->async([] { throw std::runtime_error("boom"); });
+  queue->async([] { throw 7; });
+  bool after = false;
+  queue->async([&] { after = true; });
+  EXPECT_TRUE(queue->sync([&] { return after; }));
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("test.throws threw: boom"), std::string::npos) << out;
+  EXPECT_NE(out.find("non-standard exception"), std::string::npos) << out;
+
+  // A throwing sync block reaches its caller and releases the queue.
+  EXPECT_THROW(queue->sync([] { throw std::logic_error("sync"); }), std::logic_error);
+  Counter ran;
+  for (int i = 0; i < 100; ++i) SerialQueue::create("test.after")->async([&] { ran.add(); });
+  queue->async([&] { ran.add(); });
+  EXPECT_TRUE(ran.waitFor(101));
+}
+
+// Many pool workers block in sync on one queue whose pending async task needs a worker too: the
+// pool has to add a thread, or everything stops.
+TEST(SerialQueue, WorkersBlockedInSyncDoNotStarveThePool) {
+  auto target = SerialQueue::create("test.target");
+  constexpr int kWaiters = 24;
+  std::vector<std::shared_ptr<SerialQueue>> waiters;
+  Counter entered, finished;
+  bool pendingRan = false;
+  target->sync([&] {
+    target->async([&] { pendingRan = true; });
+    for (int i = 0; i < kWaiters; ++i) {
+      waiters.push_back(SerialQueue::create("test.waiter"));
+      waiters.back()->async([&] {
+        entered.add();
+        target->sync([&] { EXPECT_TRUE(pendingRan); });
+        finished.add();
+      });
+    }
+    // Let the workers pile up behind us before the queue is released.
+    entered.waitFor(8, 2s);
+  });
+  EXPECT_TRUE(finished.waitFor(kWaiters, 20s));
+}
+
+TEST(MainQueue, HostExecutorRunsDrainsOnTheHostThread) {
+  std::mutex mutex;
+  std::condition_variable posted;
+  std::deque<Task> hostLoop;
+  SerialQueue::setMainExecutor([&](Task task) {
+    {
+      std::lock_guard lock(mutex);
+      hostLoop.push_back(std::move(task));
+    }
+    posted.notify_all();
+  });
+  auto main = SerialQueue::main();
+  std::vector<int> order;
+  std::vector<std::thread::id> threads;
+  for (int i = 0; i < 3; ++i) {
+    main->async([&, i] {
+      order.push_back(i);
+      threads.push_back(std::this_thread::get_id());
+    });
+  }
+  // Pump the "host loop" on this thread until the three tasks ran.
+  const auto deadline = Clock::now() + 10s;
+  while (order.size() < 3 && Clock::now() < deadline) {
+    std::unique_lock lock(mutex);
+    if (!posted.wait_until(lock, deadline, [&] { return !hostLoop.empty(); })) break;
+    Task next = std::move(hostLoop.front());
+    hostLoop.pop_front();
+    lock.unlock();
+    next();
+  }
+  SerialQueue::setMainExecutor({});
+  ASSERT_EQ(order, (std::vector<int>{0, 1, 2}));
+  for (auto id : threads) EXPECT_EQ(id, std::this_thread::get_id());
+
+  // Handed back, the library's own main thread runs it again.
+  EXPECT_EQ(main, SerialQueue::main());
+  std::thread::id libraryThread;
+  main->async([&] {
+    EXPECT_TRUE(SerialQueue::main()->isCurrent());
+    libraryThread = std::this_thread::get_id();
+  });
+  main->sync([] {});
+  EXPECT_NE(libraryThread, std::this_thread::get_id());
+  EXPECT_NE(libraryThread, std::thread::id());
+}
+
+TEST(AsyncAfter, FiresNotBeforeItsDelayAndInDeadlineOrder) {
+  auto queue = SerialQueue::create("test.after");
+  const auto start = Clock::now();
+  std::vector<int> order;
+  Clock::time_point firedAt{};
+  Counter done;
+  asyncAfter(queue, 60ms, [&] {
+    order.push_back(60);
+    firedAt = Clock::now();
+    done.add();
+  });
+  asyncAfter(queue, 20ms, [&] {
+    order.push_back(20);
+    done.add();
+  });
+  asyncAfter(queue, -5ms, [&] {
+    order.push_back(0);
+    done.add();
+  });
+  ASSERT_TRUE(done.waitFor(3));
+  queue->sync([] {});
+  EXPECT_EQ(order, (std::vector<int>{0, 20, 60}));
+  EXPECT_GE(firedAt - start, 60ms);
+}
+
+TEST(TimerSource, RepeatsFromStartUntilCancelled) {
+  auto queue = SerialQueue::create("test.timer");
+  auto timer = TimerSource::create(queue);
+  const auto start = Clock::now();
+  std::vector<Clock::time_point> fired;
+  Counter marker;
+  timer->schedule(30ms, 10ms);
+  timer->setHandler([&] {
+    EXPECT_TRUE(queue->isCurrent());
+    fired.push_back(Clock::now());
+    if (fired.size() == 3) timer->cancel();  // on the queue: no firing can be running now
+  });
+  timer->resume();
+  // Well after the third firing, a marker on the same queue: no fourth firing came before it.
+  asyncAfter(queue, 150ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(1));
+  const auto times = queue->sync([&] { return fired; });
+  ASSERT_EQ(times.size(), 3u);
+  EXPECT_GE(times[0] - start, 30ms);
+  EXPECT_GE(times[2] - start, 50ms);
+
+  // A one-shot source fires once.
+  auto once = TimerSource::create(queue);
+  Counter shots;
+  once->schedule(1ms, 0ns);
+  once->setHandler([&] { shots.add(); });
+  once->resume();
+  asyncAfter(queue, 40ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(2));
+  queue->sync([] {});
+  EXPECT_EQ(shots.value(), 1);
+}
+
+TEST(TimerSource, StartsSuspendedAndHonoursSuspendResume) {
+  auto queue = SerialQueue::create("test.suspend");
+  auto timer = TimerSource::create(queue);
+  Counter fired, marker;
+  timer->schedule(0ns, 2ms);
+  timer->setHandler([&] {
+    fired.add();
+    if (fired.value() == 2) timer->suspend();
+  });
+  asyncAfter(queue, 30ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(1));
+  EXPECT_EQ(fired.value(), 0) << "a new source is suspended";
+
+  timer->resume();
+  ASSERT_TRUE(fired.waitFor(2));
+  asyncAfter(queue, 30ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(2));
+  EXPECT_EQ(fired.value(), 2) << "no firing while suspended";
+
+  timer->resume();  // the missed deadline fires at once, then the beat goes on
+  EXPECT_TRUE(fired.waitFor(4));
+  timer->cancel();
+  queue->sync([] {});  // a firing that was running has finished; no other starts
+}
+
+TEST(TimerSource, SlowHandlerDoesNotPileUpFirings) {
+  auto queue = SerialQueue::create("test.slow");
+  auto timer = TimerSource::create(queue);
+  std::promise<void> gate;
+  auto opened = gate.get_future().share();
+  Counter fired, marker;
+  timer->schedule(0ns, 1ms);
+  timer->setHandler([&] {
+    if (fired.value() == 0) opened.wait();
+    fired.add();
+  });
+  timer->resume();
+  // Dozens of deadlines pass while the first firing is stuck.
+  asyncAfter(SerialQueue::create("test.marker"), 60ms, [&] { marker.add(); });
+  ASSERT_TRUE(marker.waitFor(1));
+  // Queued behind whatever firings were submitted meanwhile.
+  int atProbe = -1;
+  queue->async([&] { atProbe = fired.value(); });
+  gate.set_value();
+  timer->cancel();
+  queue->sync([] {});
+  // The stuck one, plus at most one submitted after it started.
+  EXPECT_GE(atProbe, 1);
+  EXPECT_LE(atProbe, 2);
+}
+
+TEST(TimerSourceDeathTest, OverResumeIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto timer = TimerSource::create(SerialQueue::create("test.over"));
+        timer->resume();
+        timer->resume();
+      },
+      "over-resume");
+}
+
+TEST(SerialQueueDeathTest, SyncOnTheCurrentQueueIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto queue = SerialQueue::create("test.self");
+  EXPECT_DEATH(queue->sync([&] { queue->sync([] {}); }), "'test.self' from a task already running");
+  auto other = SerialQueue::create("test.other");
+  EXPECT_DEATH(queue->sync([&] { other->sync([&] { queue->sync([] {}); }); }), "would deadlock");
+  EXPECT_DEATH(
+      {
+        queue->async([&] { queue->sync([] {}); });
+        std::promise<void>().get_future().wait_for(30s);
+      },
+      "would deadlock");
+}
+
+// exit() while pool tasks, the main queue and timers are busy neither crashes nor hangs.
+TEST(DispatchExit, ExitWhileWorkersAndTimersRunIsClean) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        // Leaked on purpose, like the library's own process-lifetime objects.
+        static auto* queues = new std::vector<std::shared_ptr<SerialQueue>>;
+        static auto* spins = new std::atomic<long>{0};
+        for (int i = 0; i < 6; ++i) queues->push_back(SerialQueue::create("exit.busy"));
+        queues->push_back(SerialQueue::main());
+        for (auto& queue : *queues) {
+          SerialQueue* raw = queue.get();
+          struct Spin {
+            SerialQueue* queue;
+            void operator()() const {
+              spins->fetch_add(1);
+              queue->async(*this);
+            }
+          };
+          raw->async(Spin{raw});
+        }
+        static auto* timer = new std::shared_ptr<TimerSource>(TimerSource::create(queues->at(0)));
+        (*timer)->schedule(0ns, 1ms);
+        (*timer)->setHandler([] { spins->fetch_add(1); });
+        (*timer)->resume();
+        asyncAfter(queues->at(1), 1h, [] {});
+        while (spins->load() < 1000) std::this_thread::yield();
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+// Producers hammer a few queues with async and sync work, including syncs from tasks onto other
+// queues (always towards a higher index, so there is no cycle). Each round must finish.
+TEST(DispatchStress, ManyProducersManyRounds) {
+  constexpr int kQueues = 4, kProducers = 8, kRounds = 150, kOps = 20;
+  std::vector<std::shared_ptr<SerialQueue>> queues;
+  std::vector<long> counts(kQueues, 0);  // counts[i] only touched on queues[i]
+  for (int i = 0; i < kQueues; ++i) queues.push_back(SerialQueue::create("stress"));
+  Watchdog watchdog("DispatchStress round", 20s);
+  std::atomic<long> expected[kQueues] = {};
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+      producers.emplace_back([&, p, round] {
+        for (int op = 0; op < kOps; ++op) {
+          const int i = (p + op + round) % kQueues;
+          expected[i].fetch_add(1);
+          if (op % 3 == 0) {
+            queues[i]->sync([&] { ++counts[i]; });
+          } else if (op % 3 == 1 || i == kQueues - 1) {
+            queues[i]->async([&, i] { ++counts[i]; });
+          } else {
+            expected[i + 1].fetch_add(1);
+            queues[i]->async([&, i] {
+              ++counts[i];
+              queues[i + 1]->sync([&] { ++counts[i + 1]; });
+            });
+          }
+        }
+      });
+    }
+    for (auto& producer : producers) producer.join();
+    for (int i = 0; i < kQueues; ++i) queues[i]->sync([] {});
+    watchdog.kick();
+  }
+  // Syncs onto queue i+1 from tasks on queue i may still be queued behind queue i's own work.
+  for (int i = 0; i < kQueues; ++i) queues[i]->sync([] {});
+  for (int i = 0; i < kQueues; ++i) {
+    EXPECT_EQ(queues[i]->sync([&] { return counts[i]; }), expected[i].load()) << i;
+  }
+}
+
+}  // namespace
+}  // namespace pelora::platform

@@ -1,0 +1,181 @@
+#include "pelora/state/store.hpp"
+
+#include <atomic>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "pelora/platform/console.hpp"
+
+namespace pelora {
+namespace {
+
+// Shared by every store of the process: identifiers are never reused.
+std::atomic<std::int64_t> nextSubscriptionID{1};
+
+std::int64_t takeSubscriptionID() {
+  std::int64_t id = nextSubscriptionID.load();
+  do {
+    if (id == std::numeric_limits<std::int64_t>::max()) {
+      platform::fatalError("Store: subscription identifiers overflowed");
+    }
+  } while (!nextSubscriptionID.compare_exchange_weak(id, id + 1));
+  return id;
+}
+
+}  // namespace
+
+namespace detail {
+
+// The store's data behind its two queues. Shared with pending async completions, so a completion
+// that arrives after the Store handle is gone still finds it.
+class StoreCore {
+ public:
+  using ErasedHandler = std::function<void(const std::any&)>;
+
+  struct Container {
+    std::type_index type;
+    std::shared_ptr<const std::any> state;
+  };
+
+  struct Subscription {
+    std::weak_ptr<Subscriber> owner;
+    std::shared_ptr<platform::SerialQueue> queue;
+    std::type_index type;
+    std::shared_ptr<const ErasedHandler> handler;
+    std::int64_t subscriptionID;
+  };
+
+  StoreCore()
+      : updateQueue_(platform::SerialQueue::create("state.update." +
+                                                   std::string(platform::queueLabelSuffix))),
+        syncQueue_(platform::SerialQueue::create("state.sync." +
+                                                 std::string(platform::queueLabelSuffix))) {}
+
+  void provide(std::type_index type, std::any state) {
+    auto value = std::make_shared<const std::any>(std::move(state));
+    // Look-up and append in one turn, so two racing provides cannot both add a container.
+    const bool added = updateQueue_->sync([&] {
+      if (find(type) != nullptr) return false;
+      states_.push_back(Container{type, value});
+      return true;
+    });
+    if (added) notify(matching(type), type, value);
+  }
+
+  std::shared_ptr<const std::any> stateOf(std::type_index type) const {
+    return updateQueue_->sync([&]() -> std::shared_ptr<const std::any> {
+      const Container* container = find(type);
+      return container != nullptr ? container->state : nullptr;
+    });
+  }
+
+  void replace(std::type_index type, std::any state) {
+    auto value = std::make_shared<const std::any>(std::move(state));
+    const bool stored = updateQueue_->sync([&] {
+      Container* container = find(type);
+      if (container == nullptr) return false;
+      container->state = value;
+      return true;
+    });
+    if (stored) notify(matching(type), type, value);
+  }
+
+  std::int64_t subscribe(const std::shared_ptr<Subscriber>& owner, bool initialState,
+                         std::shared_ptr<platform::SerialQueue> queue, std::type_index type,
+                         ErasedHandler handler) {
+    Subscription subscription{owner, std::move(queue), type,
+                              std::make_shared<const ErasedHandler>(std::move(handler)),
+                              takeSubscriptionID()};
+    syncQueue_->sync([&] { subscribers_.push_back(subscription); });
+    if (initialState) {
+      if (auto value = stateOf(type)) notify({subscription}, type, value);
+    }
+    return subscription.subscriptionID;
+  }
+
+  void unsubscribe(std::int64_t identifier) {
+    syncQueue_->sync([&] {
+      std::erase_if(subscribers_, [&](const Subscription& subscription) {
+        return subscription.subscriptionID == identifier;
+      });
+    });
+  }
+
+ private:
+  // On updateQueue_.
+  Container* find(std::type_index type) {
+    for (Container& container : states_) {
+      if (container.type == type) return &container;
+    }
+    return nullptr;
+  }
+  const Container* find(std::type_index type) const {
+    return const_cast<StoreCore*>(this)->find(type);
+  }
+
+  std::vector<Subscription> matching(std::type_index type) const {
+    return syncQueue_->sync([&] {
+      std::vector<Subscription> list;
+      for (const Subscription& subscription : subscribers_) {
+        if (subscription.type == type) list.push_back(subscription);
+      }
+      return list;
+    });
+  }
+
+  // Submits the handlers of live owners in list order, then prunes dead owners. Runs outside
+  // both queues: handlers only ever start asynchronously on their own queue.
+  void notify(const std::vector<Subscription>& list, std::type_index type,
+              const std::shared_ptr<const std::any>& value) {
+    for (const Subscription& subscription : list) {
+      if (subscription.type != type || subscription.owner.expired()) continue;
+      subscription.queue->async([handler = subscription.handler, value] { (*handler)(*value); });
+    }
+    syncQueue_->sync([&] {
+      std::erase_if(subscribers_,
+                    [](const Subscription& subscription) { return subscription.owner.expired(); });
+    });
+  }
+
+  const std::shared_ptr<platform::SerialQueue> updateQueue_;
+  const std::shared_ptr<platform::SerialQueue> syncQueue_;
+  std::vector<Container> states_;          // on updateQueue_, in the order provided
+  std::vector<Subscription> subscribers_;  // on syncQueue_, in the order subscribed
+};
+
+}  // namespace detail
+
+Store::Store() : core_(std::make_shared<detail::StoreCore>()) {}
+
+Store::~Store() = default;
+
+void Store::provideErased(std::type_index type, std::any state) {
+  core_->provide(type, std::move(state));
+}
+
+std::shared_ptr<const std::any> Store::stateOf(std::type_index type) const {
+  return core_->stateOf(type);
+}
+
+void Store::replaceState(std::type_index type, std::any state) {
+  core_->replace(type, std::move(state));
+}
+
+std::function<void(std::any)> Store::stateReplacer(std::type_index type) const {
+  return [core = core_, type](std::any state) { core->replace(type, std::move(state)); };
+}
+
+std::int64_t Store::subscribeErased(const std::shared_ptr<Subscriber>& owner, bool initialState,
+                                    std::shared_ptr<platform::SerialQueue> queue,
+                                    std::type_index type, ErasedHandler handler) {
+  if (!owner) platform::fatalError("Store::subscribe needs an owner");
+  if (!queue) platform::fatalError("Store::subscribe needs a queue for the handler");
+  return core_->subscribe(owner, initialState, std::move(queue), type, std::move(handler));
+}
+
+void Store::unsubscribe(std::int64_t identifier) {
+  core_->unsubscribe(identifier);
+}
+
+}  // namespace pelora

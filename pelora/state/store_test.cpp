@@ -1,0 +1,322 @@
+#include "pelora/state/store.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::SerialQueue;
+
+struct Count : IState {
+  int value = 0;
+};
+struct Name : IState {
+  std::string text;
+};
+
+struct Add {
+  using StateType = Count;
+  int amount;
+  Count reduce(const Count& state) const { return Count{{}, state.value + amount}; }
+};
+struct Rename {
+  using StateType = Name;
+  std::string text;
+  Name reduce(const Name&) const { return Name{{}, text}; }
+};
+
+// Hands its completion to the test, which calls it when it likes.
+struct AddLater {
+  using StateType = Count;
+  using ResultType = int;
+  std::function<void(std::function<void(std::optional<int>)>)> capture;
+  void operation(const Count&, std::function<void(std::optional<int>)> completion) const {
+    capture(std::move(completion));
+  }
+  Count reduce(const Count& state, std::optional<int> result) const {
+    return Count{{}, state.value + result.value_or(-100)};
+  }
+};
+
+static_assert(Action<Add> && !AsyncAction<Add>);
+static_assert(AsyncAction<AddLater> && !Action<AddLater>);
+
+struct Owner : Subscriber {};
+
+// What one subscription received, in order, and whether it ran on its queue.
+class Received {
+ public:
+  explicit Received(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
+  std::function<void(const Count&)> handler() {
+    return [this](const Count& state) {
+      std::lock_guard lock(mutex_);
+      values_.push_back(state.value);
+      onQueue_ = onQueue_ && queue_->isCurrent();
+      changed_.notify_all();
+    };
+  }
+  bool waitFor(std::size_t n) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 10s, [&] { return values_.size() >= n; });
+  }
+  // Everything submitted so far has run once this returns.
+  std::vector<int> settled() {
+    queue_->sync([] {});
+    std::lock_guard lock(mutex_);
+    return values_;
+  }
+  bool onQueue() {
+    std::lock_guard lock(mutex_);
+    return onQueue_;
+  }
+
+ private:
+  std::shared_ptr<SerialQueue> queue_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<int> values_;
+  bool onQueue_ = true;
+};
+
+TEST(StoreStates, ProvideKeepsTheFirstValueOfEachType) {
+  auto store = std::make_shared<Store>();
+  EXPECT_EQ(store->currentState<Count>(), std::nullopt);
+  store->dispatch(Add{3});  // no state yet: nothing happens
+  EXPECT_EQ(store->currentState<Count>(), std::nullopt);
+
+  store->provide(Count{{}, 1});
+  store->provide(Name{{}, "ann"});
+  store->provide(Count{{}, 99});
+  EXPECT_EQ(store->currentState<Count>()->value, 1);
+  store->dispatch(Add{3});
+  store->dispatch(Rename{"bob"});
+  EXPECT_EQ(store->currentState<Count>()->value, 4);
+  EXPECT_EQ(store->currentState<Name>()->text, "bob");
+}
+
+TEST(StoreSubscriptions, InitialStateBeforeAndAfterProvide) {
+  auto store = std::make_shared<Store>();
+  auto owner = std::make_shared<Owner>();
+  auto queue = SerialQueue::create("test.subscriber");
+  Received early(queue), late(queue), quiet(queue);
+
+  store->subscribe(owner, true, queue, early.handler());
+  EXPECT_TRUE(early.settled().empty()) << "nothing to deliver before provide";
+
+  store->provide(Count{{}, 5});
+  EXPECT_EQ(early.settled(), std::vector<int>{5});
+
+  store->subscribe(owner, true, queue, late.handler());
+  store->subscribe<Count>(owner, false, queue, quiet.handler());
+  EXPECT_EQ(late.settled(), std::vector<int>{5});
+  EXPECT_TRUE(quiet.settled().empty());
+
+  // A second provide is ignored and notifies nobody.
+  store->provide(Count{{}, 6});
+  EXPECT_EQ(early.settled(), std::vector<int>{5});
+  EXPECT_EQ(quiet.settled(), std::vector<int>{});
+
+  store->dispatch(Add{1});
+  EXPECT_EQ(early.settled(), (std::vector<int>{5, 6}));
+  EXPECT_EQ(quiet.settled(), std::vector<int>{6});
+}
+
+TEST(StoreSubscriptions, HandlersRunOnTheirQueueInSubscriptionOrder) {
+  auto store = std::make_shared<Store>();
+  store->provide(Count{});
+  auto owner = std::make_shared<Owner>();
+  auto queue = SerialQueue::create("test.order");
+  std::vector<std::string> log;  // only touched on `queue`
+  store->subscribe(owner, false, queue, [&](const Count& s) {
+    EXPECT_TRUE(queue->isCurrent());
+    log.push_back("first " + std::to_string(s.value));
+  });
+  store->subscribe(owner, false, queue,
+                   [&](const Count& s) { log.push_back("second " + std::to_string(s.value)); });
+  auto otherQueue = SerialQueue::create("test.other");
+  Received other(otherQueue);
+  store->subscribe(owner, false, otherQueue, other.handler());
+  std::thread::id handlerThread;
+  store->subscribe(owner, false, otherQueue,
+                   [&](const Count&) { handlerThread = std::this_thread::get_id(); });
+  store->dispatch(Add{1});
+  store->dispatch(Add{1});
+  queue->sync([] {});
+  EXPECT_EQ(log, (std::vector<std::string>{"first 1", "second 1", "first 2", "second 2"}));
+  EXPECT_EQ(other.settled(), (std::vector<int>{1, 2}));
+  EXPECT_TRUE(other.onQueue());
+  EXPECT_NE(otherQueue->sync([&] { return handlerThread; }), std::this_thread::get_id());
+}
+
+TEST(StoreSubscriptions, DeadOwnersAreSkippedAndPrunedAtTheNextDispatch) {
+  auto store = std::make_shared<Store>();
+  store->provide(Count{});
+  auto queue = SerialQueue::create("test.prune");
+  auto alive = std::make_shared<Owner>();
+  auto doomed = std::make_shared<Owner>();
+  Received kept(queue);
+  int doomedCalls = 0;  // on `queue`
+  // The handler's captures live exactly as long as the subscription record.
+  auto token = std::make_shared<int>(0);
+  std::weak_ptr<int> watch = token;
+  store->subscribe(alive, false, queue, kept.handler());
+  store->subscribe(doomed, false, queue,
+                   [&, token = std::move(token)](const Count&) { ++doomedCalls; });
+  store->dispatch(Add{1});
+  EXPECT_EQ(kept.settled(), std::vector<int>{1});
+
+  doomed.reset();
+  EXPECT_FALSE(watch.expired()) << "pruned only at the next notification";
+  store->dispatch(Add{1});
+  EXPECT_EQ(kept.settled(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(queue->sync([&] { return doomedCalls; }), 1);
+  EXPECT_TRUE(watch.expired()) << "the dead subscription was not removed";
+}
+
+TEST(StoreSubscriptions, IdentifiersIncreaseAcrossStoresAndUnsubscribeRemovesOne) {
+  auto owner = std::make_shared<Owner>();
+  auto queue = SerialQueue::create("test.ids");
+  Store one, two;
+  one.provide(Count{});
+  Received first(queue), third(queue);
+  const auto a = one.subscribe(owner, false, queue, first.handler());
+  const auto b = two.subscribe(owner, false, queue, [](const Name&) {});
+  const auto c = one.subscribe(owner, false, queue, third.handler());
+  EXPECT_GE(a, 1);
+  EXPECT_EQ(b, a + 1);
+  EXPECT_EQ(c, b + 1);
+
+  one.unsubscribe(a);
+  one.unsubscribe(-42);
+  two.unsubscribe(c);  // another store's id: nothing there
+  one.dispatch(Add{2});
+  EXPECT_TRUE(first.settled().empty());
+  EXPECT_EQ(third.settled(), std::vector<int>{2});
+}
+
+TEST(StoreSubscriptions, FirstIdentifierOfAProcessIsOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process, counter untouched
+  EXPECT_EXIT(
+      {
+        Store store;
+        const auto id = store.subscribe(std::make_shared<Owner>(), false,
+                                        SerialQueue::create("test.first"), [](const Count&) {});
+        std::exit(id == 1 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(StoreAsyncActions, ReduceTheStateReadAtDispatch) {
+  auto store = std::make_shared<Store>();
+  std::vector<std::function<void(std::optional<int>)>> completions;
+  AddLater later{[&](auto completion) { completions.push_back(std::move(completion)); }};
+
+  store->dispatch(later);  // no state: the operation is not even started
+  EXPECT_TRUE(completions.empty());
+
+  store->provide(Count{{}, 1});
+  auto owner = std::make_shared<Owner>();
+  auto queue = SerialQueue::create("test.async");
+  Received seen(queue);
+  store->subscribe(owner, false, queue, seen.handler());
+  store->dispatch(later);
+  store->dispatch(later);
+  ASSERT_EQ(completions.size(), 2u);
+  EXPECT_EQ(store->currentState<Count>()->value, 1) << "the store does not wait";
+
+  store->dispatch(Add{10});  // 11, soon overwritten: the last writer wins
+  std::thread([&] { completions[0](5); }).join();
+  EXPECT_EQ(store->currentState<Count>()->value, 6);
+  completions[1](std::nullopt);
+  EXPECT_EQ(store->currentState<Count>()->value, -99);
+  EXPECT_EQ(seen.settled(), (std::vector<int>{11, 6, -99}));
+
+  // A completion may outlive the Store handle; subscribers still hear of it.
+  completions.clear();
+  store->dispatch(later);
+  store.reset();
+  completions[0](1);
+  EXPECT_EQ(seen.settled(), (std::vector<int>{11, 6, -99, -98}));
+}
+
+TEST(StoreSubscriptions, HandlerMayCallBackIntoTheStore) {
+  auto store = std::make_shared<Store>();
+  store->provide(Count{});
+  store->provide(Name{});
+  auto owner = std::make_shared<Owner>();
+  auto queue = SerialQueue::create("test.reentrant");
+  std::int64_t self = 0;
+  Received names(queue);
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::string lastName;
+  store->subscribe(owner, false, queue, [&](const Name& name) {
+    std::lock_guard lock(mutex);
+    lastName = name.text;
+    changed.notify_all();
+  });
+  self = store->subscribe(owner, false, queue, [&](const Count& count) {
+    store->dispatch(Rename{"count " + std::to_string(count.value)});
+    store->unsubscribe(self);
+    store->subscribe(owner, true, queue, names.handler());
+    EXPECT_EQ(store->currentState<Count>()->value, count.value);
+  });
+  store->dispatch(Add{7});
+  std::unique_lock lock(mutex);
+  EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return lastName == "count 7"; }));
+  lock.unlock();
+  EXPECT_TRUE(names.waitFor(1));
+  store->dispatch(Add{1});
+  queue->sync([] {});
+  EXPECT_EQ(store->currentState<Name>()->text, "count 7") << "unsubscribed itself";
+}
+
+TEST(StoreStress, ConcurrentDispatchSubscribeAndUnsubscribe) {
+  auto store = std::make_shared<Store>();
+  store->provide(Count{});
+  auto queue = SerialQueue::create("test.stress");
+  std::atomic<long> delivered{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([&, t] {
+      auto owner = std::make_shared<Owner>();
+      for (int i = 0; i < 300; ++i) {
+        const auto id = store->subscribe(owner, i % 2 == 0, queue,
+                                         [&](const Count&) { delivered.fetch_add(1); });
+        store->dispatch(Add{1});
+        if (i % 3 == 0) store->unsubscribe(id);
+        if (i % 50 == 0) owner = std::make_shared<Owner>();  // the old one dies
+        if (t == 0) store->provide(Count{{}, -1});           // always ignored
+        (void)store->currentState<Count>();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  queue->sync([] {});
+  const int value = store->currentState<Count>()->value;
+  EXPECT_GT(value, 0);
+  EXPECT_LE(value, 6 * 300);  // racing dispatches may overwrite each other: accepted
+  EXPECT_GT(delivered.load(), 0);
+}
+
+TEST(StoreDeathTest, SubscribeWithoutOwnerOrQueueIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Store store;
+  EXPECT_DEATH(store.subscribe(nullptr, false, SerialQueue::create("q"), [](const Count&) {}),
+               "needs an owner");
+  EXPECT_DEATH(store.subscribe(std::make_shared<Owner>(), false, nullptr, [](const Count&) {}),
+               "needs a queue");
+}
+
+}  // namespace
+}  // namespace pelora
