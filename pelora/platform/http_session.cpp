@@ -1,0 +1,740 @@
+#include "pelora/platform/http_session.hpp"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <condition_variable>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <new>
+#include <set>
+#include <thread>
+
+#include "pelora/platform/console.hpp"
+
+namespace pelora::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// exit() runs OpenSSL's cleanup (an atexit handler) while worker threads go on, and a worker
+// inside curl may be using what it frees. The fence holds the workers that may be inside curl;
+// at exit it wakes them and waits (briefly) until each has parked for good. Leaked on purpose.
+struct ExitFence {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::atomic<bool> exiting{false};
+  std::set<CURLM*> active;  // guarded by mutex
+};
+
+ExitFence& exitFence() {
+  static auto* fence = new ExitFence;
+  return *fence;
+}
+
+// The multi handle of the worker running on this thread, if any.
+thread_local CURLM* currentWorkerMulti = nullptr;
+
+void parkWorkersAtExit() {
+  ExitFence& fence = exitFence();
+  std::unique_lock lock(fence.mutex);
+  fence.exiting = true;
+  for (CURLM* multi : fence.active) {
+    if (multi != currentWorkerMulti) curl_multi_wakeup(multi);
+  }
+  // Bounded: a worker stuck in a completion must not hold the exit up.
+  fence.changed.wait_for(lock, std::chrono::seconds(1), [&] {
+    return fence.active.empty() ||
+           (fence.active.size() == 1 && *fence.active.begin() == currentWorkerMulti);
+  });
+}
+
+// Called by a worker between curl calls: once the process is exiting, never returns.
+void parkIfExiting(CURLM* multi) {
+  ExitFence& fence = exitFence();
+  if (!fence.exiting.load()) return;
+  std::unique_lock lock(fence.mutex);
+  fence.active.erase(multi);
+  fence.changed.notify_all();
+  fence.changed.wait(lock, [] { return false; });
+}
+
+void initializeLibraries() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // Where we are first to set OpenSSL up, it keeps its state for the whole process.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    // Never paired with curl_global_cleanup: workers may run until the process ends.
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // Registered after OpenSSL's own handler, so it runs before it.
+    std::atexit(parkWorkersAtExit);
+  });
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return lower(x) == lower(y);
+  });
+}
+
+// Owns a curl string (curl_free) or a CURLU handle.
+struct CurlString {
+  char* text = nullptr;
+  ~CurlString() { curl_free(text); }
+};
+struct CurlURL {
+  CURLU* handle = curl_url();
+  ~CurlURL() { curl_url_cleanup(handle); }
+};
+
+std::optional<std::string> urlText(CURLU* url) {
+  CurlString text;
+  if (curl_url_get(url, CURLUPART_URL, &text.text, 0) != CURLUE_OK) return std::nullopt;
+  return std::string(text.text);
+}
+
+// Parses `text` (which must carry its scheme) into `url`; false when curl rejects it.
+bool parseURL(CURLU* url, std::string_view text) {
+  if (!url || text.find('\0') != std::string_view::npos) return false;
+  return curl_url_set(url, CURLUPART_URL, std::string(text).c_str(), 0) == CURLUE_OK;
+}
+
+bool hasPart(CURLU* url, CURLUPart part) {
+  CurlString value;
+  return curl_url_get(url, part, &value.text, 0) == CURLUE_OK;
+}
+
+HttpError makeError(HttpError::Code code, std::string_view text, std::string_view detail,
+                    int curlCode) {
+  HttpError error;
+  error.code = code;
+  error.description = text;
+  if (!detail.empty()) error.description.append(" (").append(detail).append(")");
+  error.curlCode = curlCode;
+  return error;
+}
+
+HttpError errorFor(CURLcode code, const char* errorBuffer) {
+  using Code = HttpError::Code;
+  Code kind = Code::other;
+  std::string_view text = "The request failed";
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      kind = Code::timedOut;
+      text = "The request timed out";
+      break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      kind = Code::cannotFindHost;
+      text = "A server with the specified host name could not be found";
+      break;
+    case CURLE_COULDNT_CONNECT:
+      kind = Code::cannotConnect;
+      text = "Could not connect to the server";
+      break;
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+      kind = Code::connectionLost;
+      text = "The network connection was lost";
+      break;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_USE_SSL_FAILED:
+      kind = Code::tlsFailure;
+      text = "A TLS error occurred and a secure connection to the server could not be made";
+      break;
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      kind = Code::badURL;
+      text = "The URL is not a supported http or https URL";
+      break;
+    case CURLE_READ_ERROR:
+    case CURLE_ABORTED_BY_CALLBACK:  // only the file reader aborts
+    case CURLE_SEND_FAIL_REWIND:
+      kind = Code::fileError;
+      text = "The upload file could not be read";
+      break;
+    default:
+      break;
+  }
+  std::string_view detail = errorBuffer && *errorBuffer ? errorBuffer : curl_easy_strerror(code);
+  return makeError(kind, text, detail, static_cast<int>(code));
+}
+
+HttpError cancelledError() {
+  return makeError(HttpError::Code::cancelled, "cancelled", {}, 0);
+}
+
+class Engine;
+
+class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
+ public:
+  Task(std::shared_ptr<Engine> engine, HttpRequest request, std::optional<std::string> uploadFile,
+       HttpCompletion completion)
+      : request(std::move(request)),
+        uploadFile(std::move(uploadFile)),
+        completion(std::move(completion)),
+        engine_(std::move(engine)) {}
+
+  void resume() override;
+  void cancel() override;
+  State state() const noexcept override { return state_.load(std::memory_order_acquire); }
+
+  // Set here before the task is published; afterwards read and cleared by the worker only.
+  HttpRequest request;
+  std::optional<std::string> uploadFile;
+  HttpCompletion completion;
+  bool delivered = false;  // worker only: the completion has run
+
+  void markCompleted() noexcept { state_.store(State::completed, std::memory_order_release); }
+
+ private:
+  std::shared_ptr<Engine> engine_;
+  std::atomic<State> state_{State::suspended};
+};
+
+// One running transfer; created, driven and destroyed by the worker thread only.
+struct Transfer {
+  std::shared_ptr<Task> task;
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  std::string body;  // POSTFIELDS points here
+  int fd = -1;       // the upload file
+  std::string responseBody;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  Clock::duration idleTimeout{};
+  // Starts once the connection is ready: connecting has its own limit, and waiting in curl's
+  // queue for a free connection is not idleness.
+  std::optional<Clock::time_point> lastActivity;
+
+  Transfer() = default;
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+  ~Transfer() {
+    if (easy) curl_easy_cleanup(easy);
+    curl_slist_free_all(headers);
+    if (fd >= 0) ::close(fd);
+  }
+
+  void touch() {
+    if (lastActivity) lastActivity = Clock::now();
+  }
+};
+
+size_t onWrite(char* data, size_t size, size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  transfer->responseBody.append(data, size * count);
+  transfer->touch();
+  return size * count;
+}
+
+size_t onHeader(char*, size_t size, size_t count, void* context) {
+  static_cast<Transfer*>(context)->touch();
+  return size * count;
+}
+
+size_t onRead(char* buffer, size_t size, size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  for (;;) {
+    ssize_t n = ::read(transfer->fd, buffer, size * count);
+    if (n >= 0) {
+      transfer->touch();
+      return static_cast<size_t>(n);
+    }
+    if (errno != EINTR) return CURL_READFUNC_ABORT;
+  }
+}
+
+// curl rewinds the body when it retries on a fresh connection or follows a redirect.
+int onSeek(void* context, curl_off_t offset, int origin) {
+  auto* transfer = static_cast<Transfer*>(context);
+  return ::lseek(transfer->fd, static_cast<off_t>(offset), origin) < 0 ? CURL_SEEKFUNC_FAIL
+                                                                       : CURL_SEEKFUNC_OK;
+}
+
+int onConnectionReady(void* context, char*, char*, int, int) {
+  static_cast<Transfer*>(context)->lastActivity = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
+struct Message {
+  enum class Kind { start, cancel } kind;
+  std::shared_ptr<Task> task;
+};
+
+class Engine : public std::enable_shared_from_this<Engine> {
+ public:
+  explicit Engine(HttpSessionOptions options) : options(std::move(options)) {
+    for (const auto& entry : this->options.connectTo) {
+      connectTo_ = curl_slist_append(connectTo_, entry.c_str());
+      if (!connectTo_) throw std::bad_alloc();
+    }
+  }
+  ~Engine() { curl_slist_free_all(connectTo_); }
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  const HttpSessionOptions options;
+
+  // Any thread. Starts the worker when none runs.
+  void post(Message message) {
+    std::lock_guard lock(mutex_);
+    inbox_.push_back(std::move(message));
+    if (multi_) {
+      curl_multi_wakeup(multi_);
+      return;
+    }
+    CURLM* multi = curl_multi_init();
+    if (!multi) throw std::bad_alloc();
+    if (options.maxConnectionsPerHost > 0) {
+      curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                        static_cast<long>(options.maxConnectionsPerHost));
+    }
+    {
+      std::lock_guard fence(exitFence().mutex);
+      exitFence().active.insert(multi);
+    }
+    try {
+      std::thread([self = shared_from_this(), multi] { self->run(multi); }).detach();
+    } catch (...) {
+      {
+        std::lock_guard fence(exitFence().mutex);
+        exitFence().active.erase(multi);
+      }
+      curl_multi_cleanup(multi);
+      inbox_.pop_back();
+      throw;
+    }
+    multi_ = multi;
+  }
+
+  // The session handle is gone: the worker ends once nothing is left to do.
+  void sessionGone() {
+    std::lock_guard lock(mutex_);
+    sessionAlive_ = false;
+    if (multi_) curl_multi_wakeup(multi_);
+  }
+
+ private:
+  void run(CURLM* multi);
+  void start(CURLM* multi, const std::shared_ptr<Task>& task);
+  void cancel(CURLM* multi, const std::shared_ptr<Task>& task);
+  void collectFinished(CURLM* multi);
+  void expireIdle(CURLM* multi);
+  int waitMilliseconds() const;
+  std::unique_ptr<Transfer> makeTransfer(const std::shared_ptr<Task>& task,
+                                         std::optional<HttpError>& error);
+  void deliver(const std::shared_ptr<Task>& task, const std::optional<HttpResponse>& response,
+               const std::optional<HttpError>& error);
+  std::unique_ptr<Transfer> detach(CURLM* multi, CURL* easy);
+
+  curl_slist* connectTo_ = nullptr;
+
+  std::mutex mutex_;
+  std::vector<Message> inbox_;  // guarded by mutex_
+  bool sessionAlive_ = true;    // guarded by mutex_
+  CURLM* multi_ = nullptr;      // guarded by mutex_; set while a worker runs
+
+  std::map<CURL*, std::unique_ptr<Transfer>> transfers_;  // worker only
+};
+
+void Task::resume() {
+  State expected = State::suspended;
+  if (state_.compare_exchange_strong(expected, State::running, std::memory_order_acq_rel)) {
+    engine_->post({Message::Kind::start, shared_from_this()});
+  }
+}
+
+void Task::cancel() {
+  State current = state_.load(std::memory_order_acquire);
+  while (current == State::suspended || current == State::running) {
+    if (state_.compare_exchange_weak(current, State::canceling, std::memory_order_acq_rel)) {
+      engine_->post({Message::Kind::cancel, shared_from_this()});
+      return;
+    }
+  }
+}
+
+void Engine::run(CURLM* multi) {
+  // Host signal handlers belong on host threads; and a write to a connection the peer closed
+  // must not raise SIGPIPE for the whole process.
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+  pthread_setname_np(pthread_self(), "pelora-http");
+  currentWorkerMulti = multi;
+
+  std::vector<Message> messages;
+  for (;;) {
+    parkIfExiting(multi);
+    {
+      std::lock_guard lock(mutex_);
+      messages.swap(inbox_);
+      if (messages.empty() && transfers_.empty() && !sessionAlive_) {
+        multi_ = nullptr;  // a later resume starts a fresh worker
+        break;
+      }
+    }
+    for (auto& message : messages) {
+      if (message.kind == Message::Kind::start) {
+        start(multi, message.task);
+      } else {
+        cancel(multi, message.task);
+      }
+    }
+    messages.clear();
+
+    int running = 0;
+    curl_multi_perform(multi, &running);
+    collectFinished(multi);
+    expireIdle(multi);
+    curl_multi_poll(multi, nullptr, 0, waitMilliseconds(), nullptr);
+  }
+  {
+    std::lock_guard lock(exitFence().mutex);
+    exitFence().active.erase(multi);
+    exitFence().changed.notify_all();
+  }
+  currentWorkerMulti = nullptr;
+  // Closes the cached connections.
+  curl_multi_cleanup(multi);
+}
+
+void Engine::start(CURLM* multi, const std::shared_ptr<Task>& task) {
+  if (task->delivered) return;
+  if (task->state() == HttpTask::State::canceling) {
+    deliver(task, std::nullopt, cancelledError());
+    return;
+  }
+  std::optional<HttpError> error;
+  auto transfer = makeTransfer(task, error);
+  if (!transfer) {
+    deliver(task, std::nullopt, error);
+    return;
+  }
+  CURL* easy = transfer->easy;
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
+    deliver(task, std::nullopt,
+            makeError(HttpError::Code::other, "The request could not be started", {}, 0));
+    return;
+  }
+  transfers_.emplace(easy, std::move(transfer));
+}
+
+void Engine::cancel(CURLM* multi, const std::shared_ptr<Task>& task) {
+  if (task->delivered) return;
+  for (auto& [easy, transfer] : transfers_) {
+    if (transfer->task == task) {
+      auto removed = detach(multi, easy);
+      break;
+    }
+  }
+  deliver(task, std::nullopt, cancelledError());
+}
+
+std::unique_ptr<Transfer> Engine::detach(CURLM* multi, CURL* easy) {
+  auto node = transfers_.extract(easy);
+  curl_multi_remove_handle(multi, easy);
+  return std::move(node.mapped());
+}
+
+void Engine::collectFinished(CURLM* multi) {
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    // The message does not survive removing its handle.
+    CURL* easy = message->easy_handle;
+    CURLcode result = message->data.result;
+    auto transfer = detach(multi, easy);
+    if (!transfer) continue;
+    if (result != CURLE_OK) {
+      deliver(transfer->task, std::nullopt, errorFor(result, transfer->errorBuffer));
+      continue;
+    }
+    HttpResponse response;
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    response.status = static_cast<int>(status);
+    curl_header* previous = nullptr;
+    while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
+      response.headers.emplace_back(header->name, header->value);
+      previous = header;
+    }
+    response.body = std::move(transfer->responseBody);
+    deliver(transfer->task, response, std::nullopt);
+  }
+}
+
+void Engine::expireIdle(CURLM* multi) {
+  auto now = Clock::now();
+  std::vector<CURL*> expired;
+  for (const auto& [easy, transfer] : transfers_) {
+    if (transfer->lastActivity && now - *transfer->lastActivity >= transfer->idleTimeout) {
+      expired.push_back(easy);
+    }
+  }
+  for (CURL* easy : expired) {
+    auto transfer = detach(multi, easy);
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(transfer->idleTimeout);
+    deliver(
+        transfer->task, std::nullopt,
+        makeError(HttpError::Code::timedOut, "The request timed out",
+                  "no data for " + std::to_string(ms.count()) + " ms", CURLE_OPERATION_TIMEDOUT));
+  }
+}
+
+int Engine::waitMilliseconds() const {
+  // curl_multi_poll shortens this to curl's own next timer; wakeups end it early.
+  auto wait = std::chrono::milliseconds(60000);
+  auto now = Clock::now();
+  for (const auto& [easy, transfer] : transfers_) {
+    if (!transfer->lastActivity) continue;
+    auto left = *transfer->lastActivity + transfer->idleTimeout - now;
+    auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left);
+    wait = std::min(wait, std::max(leftMs, std::chrono::milliseconds(0)));
+  }
+  return static_cast<int>(wait.count());
+}
+
+void Engine::deliver(const std::shared_ptr<Task>& task, const std::optional<HttpResponse>& response,
+                     const std::optional<HttpError>& error) {
+  task->delivered = true;
+  HttpCompletion completion = std::move(task->completion);
+  task->completion = nullptr;
+  task->request = HttpRequest();
+  task->markCompleted();
+  if (!completion) return;
+  try {
+    completion(response, error);
+  } catch (const std::exception& failure) {
+    printLine(std::string("pelora: an HTTP completion threw: ") + failure.what());
+  } catch (...) {
+    printLine("pelora: an HTTP completion threw");
+  }
+}
+
+std::string headerLine(const std::string& name, const std::string& value) {
+  // "Name;" is how curl sends a field with an empty value ("Name:" would remove it).
+  return value.empty() ? name + ";" : name + ": " + value;
+}
+
+std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task,
+                                               std::optional<HttpError>& error) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->task = task;
+  HttpRequest& request = task->request;
+  transfer->easy = curl_easy_init();
+  if (!transfer->easy) {
+    error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
+    return nullptr;
+  }
+  CURL* easy = transfer->easy;
+  Transfer* context = transfer.get();
+
+  bool hasBody = !request.body.empty() || request.method == "POST" || request.method == "PUT" ||
+                 request.method == "PATCH";
+  curl_off_t uploadSize = 0;
+  if (task->uploadFile) {
+    hasBody = true;
+    transfer->fd = ::open(task->uploadFile->c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info {};
+    if (transfer->fd < 0 || ::fstat(transfer->fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+      error = makeError(HttpError::Code::fileError, "The upload file could not be read",
+                        *task->uploadFile, 0);
+      return nullptr;
+    }
+    uploadSize = static_cast<curl_off_t>(info.st_size);
+  }
+
+  // Session fields first; a request field of the same name replaces the session's value.
+  HttpHeaders fields = options.headers;
+  for (const auto& field : request.headers) {
+    auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& existing) {
+      return equalsIgnoringCase(existing.first, field.first);
+    });
+    if (same != fields.end()) {
+      same->second = field.second;
+    } else {
+      fields.push_back(field);
+    }
+  }
+  auto hasField = [&](std::string_view name) {
+    return std::any_of(fields.begin(), fields.end(),
+                       [&](const auto& field) { return equalsIgnoringCase(field.first, name); });
+  };
+  if (hasBody && !hasField("Content-Type")) {
+    fields.emplace_back("Content-Type", "application/octet-stream");
+  }
+  std::vector<std::string> lines;
+  for (const auto& [name, value] : fields) {
+    // A line break inside a field would smuggle another field or request.
+    if ((name + value).find_first_of("\r\n") != std::string::npos) continue;
+    lines.push_back(headerLine(name, value));
+  }
+  if (hasBody && !hasField("Expect")) {
+    // Without this, curl holds bodies over 1 MiB for up to a second waiting for 100-continue.
+    lines.push_back("Expect:");
+  }
+  for (const auto& line : lines) {
+    curl_slist* list = curl_slist_append(transfer->headers, line.c_str());
+    if (!list) {
+      error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
+      return nullptr;
+    }
+    transfer->headers = list;
+  }
+
+  auto idle = request.timeout.value_or(options.requestTimeout);
+  transfer->idleTimeout = idle;
+
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, context);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onWrite);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, context);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, context);
+  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, onConnectionReady);
+  curl_easy_setopt(easy, CURLOPT_PREREQDATA, context);
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle.count()));
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(options.resourceTimeout.count()));
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+  if (connectTo_) curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connectTo_);
+  if (!options.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle.c_str());
+
+  const std::string method = request.method.empty() ? "GET" : request.method;
+  if (task->uploadFile) {
+    // POST with a known size: a Content-Length body read from the file as curl sends it.
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, onRead);
+    curl_easy_setopt(easy, CURLOPT_READDATA, context);
+    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, onSeek);
+    curl_easy_setopt(easy, CURLOPT_SEEKDATA, context);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, uploadSize);
+  } else if (hasBody) {
+    transfer->body = std::move(request.body);
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(transfer->body.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->body.data());
+  } else if (method == "GET") {
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  } else if (method == "HEAD") {
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+  }
+  if (method != "GET" && method != "HEAD" && !(hasBody && method == "POST")) {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+  return transfer;
+}
+
+class Session final : public HttpSession {
+ public:
+  explicit Session(HttpSessionOptions options)
+      : engine_(std::make_shared<Engine>(std::move(options))) {}
+  ~Session() override { engine_->sessionGone(); }
+
+  const HttpSessionOptions& options() const noexcept override { return engine_->options; }
+
+  std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpCompletion completion) override {
+    return std::make_shared<Task>(engine_, std::move(request), std::nullopt, std::move(completion));
+  }
+
+  std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::string filePath,
+                                       HttpCompletion completion) override {
+    return std::make_shared<Task>(engine_, std::move(request), std::move(filePath),
+                                  std::move(completion));
+  }
+
+ private:
+  std::shared_ptr<Engine> engine_;
+};
+
+}  // namespace
+
+std::optional<std::string> HttpResponse::header(std::string_view name) const {
+  for (const auto& [field, value] : headers) {
+    if (equalsIgnoringCase(field, name)) return value;
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<HttpSession> HttpSession::create(HttpSessionOptions options) {
+  initializeLibraries();
+  return std::make_shared<Session>(std::move(options));
+}
+
+std::optional<std::string> normalizedURL(std::string_view text) {
+  initializeLibraries();
+  CurlURL url;
+  if (!parseURL(url.handle, text)) return std::nullopt;
+  CurlString scheme;
+  if (curl_url_get(url.handle, CURLUPART_SCHEME, &scheme.text, 0) != CURLUE_OK) return std::nullopt;
+  std::string_view name = scheme.text;
+  if (name != "http" && name != "https") return std::nullopt;
+  return urlText(url.handle);
+}
+
+std::optional<std::string> httpsURL(std::string_view host, std::string_view path) {
+  initializeLibraries();
+  if (host.empty()) return std::nullopt;
+  CurlURL url;
+  if (!parseURL(url.handle, "https://" + std::string(host))) return std::nullopt;
+  // The host text must be a host (and port) only, nothing that moves it into another part.
+  CurlString parsedPath;
+  if (hasPart(url.handle, CURLUPART_USER) || hasPart(url.handle, CURLUPART_QUERY) ||
+      hasPart(url.handle, CURLUPART_FRAGMENT) ||
+      curl_url_get(url.handle, CURLUPART_PATH, &parsedPath.text, 0) != CURLUE_OK ||
+      std::string_view(parsedPath.text) != "/") {
+    return std::nullopt;
+  }
+  if (!path.empty()) {
+    if (path.find('\0') != std::string_view::npos) return std::nullopt;
+    if (curl_url_set(url.handle, CURLUPART_PATH, std::string(path).c_str(), 0) != CURLUE_OK) {
+      return std::nullopt;
+    }
+  }
+  return urlText(url.handle);
+}
+
+std::string percentEncoded(std::string_view text) {
+  initializeLibraries();
+  if (text.size() > static_cast<size_t>(INT_MAX)) throw std::length_error("text too long");
+  CurlString escaped{curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()))};
+  if (!escaped.text) throw std::bad_alloc();
+  return escaped.text;
+}
+
+}  // namespace pelora::platform

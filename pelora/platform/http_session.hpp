@@ -1,0 +1,123 @@
+// HTTP session: HTTPS requests on one worker thread per session (the only code that knows libcurl).
+// Any thread creates, resumes and cancels tasks; completions run on the session's worker thread.
+// The session owns its connections; in-flight tasks finish even after the last session handle goes.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace pelora::platform {
+
+// Header fields in order; names compare case-insensitively.
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpSessionOptions {
+  // Idle limit: a transfer fails when no byte moves for this long (also bounds connecting).
+  std::chrono::milliseconds requestTimeout{std::chrono::seconds(60)};
+  // Limit on a whole transfer, queueing for a connection included.
+  std::chrono::milliseconds resourceTimeout{std::chrono::seconds(30)};
+  // Connections open at once to one host; 0 means unlimited. Extra transfers wait their turn.
+  int maxConnectionsPerHost = 0;
+  // Sent with every request; a request's own field of the same name wins.
+  HttpHeaders headers;
+  // "HOST:PORT:CONNECT-TO-HOST:CONNECT-TO-PORT" reroutes (the URL and TLS name stay the same).
+  std::vector<std::string> connectTo;
+  // PEM file of the certificate authorities to trust; empty means the system's.
+  std::string caBundle;
+  // Nothing persists between runs: no cookies, cache or credentials. Sessions never persist
+  // anything, so this only records the intent.
+  bool ephemeral = true;
+};
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string url;  // absolute
+  HttpHeaders headers;
+  std::string body;  // ignored by upload tasks, which send their file
+  // Idle limit for this request; the session's requestTimeout when absent.
+  std::optional<std::chrono::milliseconds> timeout;
+};
+
+struct HttpResponse {
+  int status = 0;
+  HttpHeaders headers;  // of the final response, in arrival order
+  std::string body;
+
+  // The first field named `name` (any letter case).
+  std::optional<std::string> header(std::string_view name) const;
+};
+
+struct HttpError {
+  enum class Code {
+    cancelled,
+    timedOut,
+    cannotFindHost,
+    cannotConnect,
+    connectionLost,  // the connection broke or closed before a whole response arrived
+    tlsFailure,
+    badURL,
+    fileError,  // the upload file could not be read
+    other,
+  };
+  Code code = Code::other;
+  std::string description;  // one human-readable sentence without a final period
+  int curlCode = 0;         // libcurl's CURLcode; 0 when the failure did not come from libcurl
+};
+
+// Exactly one of the two is set.
+using HttpCompletion =
+    std::function<void(const std::optional<HttpResponse>&, const std::optional<HttpError>&)>;
+
+class HttpTask {
+ public:
+  enum class State { running, suspended, canceling, completed };
+
+  virtual ~HttpTask() = default;
+  HttpTask(const HttpTask&) = delete;
+  HttpTask& operator=(const HttpTask&) = delete;
+
+  // Starts a suspended task; does nothing otherwise.
+  virtual void resume() = 0;
+  // Completes the task with HttpError::Code::cancelled unless it has already completed.
+  virtual void cancel() = 0;
+  // `completed` once the completion has been called (or is being called).
+  virtual State state() const noexcept = 0;
+
+ protected:
+  HttpTask() = default;
+};
+
+class HttpSession {
+ public:
+  static std::shared_ptr<HttpSession> create(HttpSessionOptions options = {});
+
+  virtual ~HttpSession() = default;
+  HttpSession(const HttpSession&) = delete;
+  HttpSession& operator=(const HttpSession&) = delete;
+
+  virtual const HttpSessionOptions& options() const noexcept = 0;
+  // A suspended task sending `request` with its body.
+  virtual std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpCompletion completion) = 0;
+  // A suspended task sending the file at `filePath` as the body, streamed with a Content-Length.
+  virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::string filePath,
+                                               HttpCompletion completion) = 0;
+
+ protected:
+  HttpSession() = default;
+};
+
+// Parses and normalises an absolute http(s) URL; nothing when it is not one.
+std::optional<std::string> normalizedURL(std::string_view text);
+// "https://" + host (may carry ":port") + path, normalised; nothing when the host or path is
+// malformed or the host is empty.
+std::optional<std::string> httpsURL(std::string_view host, std::string_view path);
+// Percent-encodes every byte except unreserved ones (A-Z a-z 0-9 - . _ ~), for one URL component.
+std::string percentEncoded(std::string_view text);
+
+}  // namespace pelora::platform

@@ -1,0 +1,307 @@
+#include "tests/support/https_server.hpp"
+
+#include <fcntl.h>
+#include <httplib.h>
+#include <openssl/ssl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace pelora::test {
+namespace {
+
+// Server threads leave signals to the test's own threads; a write to a connection the client
+// closed must fail with EPIPE rather than raise SIGPIPE.
+void blockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return lower(x) == lower(y);
+  });
+}
+
+// httplib adds these pseudo fields to every request; they never came over the wire.
+bool isPseudoField(const std::string& name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
+         name == "LOCAL_PORT";
+}
+
+}  // namespace
+
+std::optional<std::string> RecordedRequest::header(std::string_view name) const {
+  for (const auto& [field, value] : headers) {
+    if (equalsIgnoringCase(field, name)) return value;
+  }
+  return std::nullopt;
+}
+
+std::size_t RecordedRequest::headerCount(std::string_view name) const {
+  return static_cast<std::size_t>(std::count_if(headers.begin(), headers.end(), [&](const auto& f) {
+    return equalsIgnoringCase(f.first, name);
+  }));
+}
+
+TestCertificates TestCertificates::builtIn() {
+#if defined(PELORA_TEST_CA_FILE) && defined(PELORA_TEST_CERT_FILE) && defined(PELORA_TEST_KEY_FILE)
+  return {PELORA_TEST_CA_FILE, PELORA_TEST_CERT_FILE, PELORA_TEST_KEY_FILE};
+#else
+  return {};
+#endif
+}
+
+struct TestHttpsServer::State {
+  // One thread per connection, counted; shutdown() returns once every connection has ended.
+  class ConnectionThreads : public httplib::TaskQueue {
+   public:
+    explicit ConnectionThreads(State& state) : state_(state) {}
+    void enqueue(std::function<void()> connection) override {
+      {
+        std::lock_guard lock(state_.mutex);
+        state_.maxConnections = std::max(state_.maxConnections, ++state_.connections);
+      }
+      std::thread([state = &state_, connection = std::move(connection)]() mutable {
+        blockSignals();
+        connection();
+        connection = nullptr;
+        state->connectionEnded();
+      }).detach();
+    }
+    void shutdown() override {
+      std::unique_lock lock(state_.mutex);
+      state_.changed.wait(lock, [&] { return state_.connections == 0; });
+    }
+
+   private:
+    State& state_;
+  };
+
+  explicit State(TestCertificates files)
+      : certificates(std::move(files)),
+        server(certificates.certificateFile.c_str(), certificates.keyFile.c_str()) {}
+
+  void handle(const httplib::Request& request, httplib::Response& response);
+  void connectionEnded();
+
+  const TestCertificates certificates;
+  httplib::SSLServer server;
+  std::thread listener;
+  int port = 0;
+
+  mutable std::mutex mutex;
+  mutable std::condition_variable changed;
+  std::vector<RecordedRequest> requests;
+  std::map<std::string, std::deque<ScriptedResponse>> scripts;
+  ScriptedResponse defaultResponse;
+  Responder responder;
+  int inFlight = 0;
+  int maxInFlight = 0;
+  int connections = 0;
+  int maxConnections = 0;
+  bool stopping = false;
+  // Duplicates of the connection sockets by connection thread, so that stop() can end the
+  // keep-alive waits of idle connections at once instead of after httplib's timeout.
+  std::map<std::thread::id, int> connectionSockets;
+};
+
+void TestHttpsServer::State::connectionEnded() {
+  std::lock_guard lock(mutex);
+  auto socket = connectionSockets.find(std::this_thread::get_id());
+  if (socket != connectionSockets.end()) {
+    ::close(socket->second);
+    connectionSockets.erase(socket);
+  }
+  --connections;
+  changed.notify_all();
+}
+
+void TestHttpsServer::State::handle(const httplib::Request& request, httplib::Response& response) {
+  const int socket = request.ssl ? SSL_get_fd(request.ssl) : -1;
+  RecordedRequest record;
+  record.method = request.method;
+  record.path = request.path;
+  record.target = request.target;
+  for (const auto& [name, value] : request.headers) {
+    if (!isPseudoField(name)) record.headers.emplace_back(name, value);
+  }
+  record.body = request.body;
+  record.time = std::chrono::steady_clock::now();
+
+  std::optional<ScriptedResponse> answer;
+  Responder ask;
+  {
+    std::lock_guard lock(mutex);
+    if (socket >= 0 && !connectionSockets.count(std::this_thread::get_id())) {
+      int copy = ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
+      if (copy >= 0) connectionSockets.emplace(std::this_thread::get_id(), copy);
+    }
+    if (stopping && socket >= 0) ::shutdown(socket, SHUT_RDWR);
+    maxInFlight = std::max(maxInFlight, ++inFlight);
+    requests.push_back(record);
+    auto script = scripts.find(request.path);
+    if (script != scripts.end() && !script->second.empty()) {
+      answer = std::move(script->second.front());
+      script->second.pop_front();
+    } else {
+      ask = responder;
+    }
+    changed.notify_all();
+  }
+  struct Done {
+    State& state;
+    ~Done() {
+      std::lock_guard lock(state.mutex);
+      --state.inFlight;
+      state.changed.notify_all();
+    }
+  } done{*this};
+
+  if (!answer && ask) answer = ask(record);
+  if (!answer) {
+    std::lock_guard lock(mutex);
+    answer = defaultResponse;
+  }
+  if (answer->delay.count() > 0) {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, answer->delay, [&] { return stopping; });
+  }
+  if (answer->dropConnection && socket >= 0) {
+    ::shutdown(socket, SHUT_RDWR);
+    response.status = 500;
+    return;
+  }
+  response.status = answer->status;
+  for (const auto& [name, value] : answer->headers) response.set_header(name, value);
+  response.set_content(answer->body, answer->contentType);
+}
+
+TestHttpsServer::TestHttpsServer(TestCertificates certificates)
+    : state_(std::make_unique<State>(std::move(certificates))) {
+  State* state = state_.get();
+  httplib::SSLServer& server = state->server;
+  if (!server.is_valid()) {
+    throw std::runtime_error("TestHttpsServer: cannot load " + state->certificates.certificateFile +
+                             " and " + state->certificates.keyFile);
+  }
+  server.new_task_queue = [state] { return new State::ConnectionThreads(*state); };
+  auto handler = [state](const httplib::Request& request, httplib::Response& response) {
+    state->handle(request, response);
+  };
+  server.Get(".*", handler);
+  server.Post(".*", handler);
+  server.Put(".*", handler);
+  server.Patch(".*", handler);
+  server.Delete(".*", handler);
+  server.Options(".*", handler);
+
+  state->port = server.bind_to_any_port("127.0.0.1");
+  if (state->port <= 0) throw std::runtime_error("TestHttpsServer: cannot bind 127.0.0.1");
+  state->listener = std::thread([state] {
+    blockSignals();
+    state->server.listen_after_bind();
+  });
+  // stop() is lost on a server whose accept loop has not begun yet, so wait for it here; this
+  // takes microseconds.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!server.is_running()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      server.stop();
+      state->listener.join();
+      throw std::runtime_error("TestHttpsServer: the accept loop did not start");
+    }
+    std::this_thread::yield();
+  }
+}
+
+TestHttpsServer::~TestHttpsServer() {
+  stop();
+}
+
+int TestHttpsServer::port() const noexcept {
+  return state_->port;
+}
+
+const TestCertificates& TestHttpsServer::certificates() const noexcept {
+  return state_->certificates;
+}
+
+std::string TestHttpsServer::connectTo(std::string_view host, int hostPort) const {
+  return std::string(host) + ":" + std::to_string(hostPort) +
+         ":127.0.0.1:" + std::to_string(state_->port);
+}
+
+void TestHttpsServer::enqueue(const std::string& path, ScriptedResponse response) {
+  std::lock_guard lock(state_->mutex);
+  state_->scripts[path].push_back(std::move(response));
+}
+
+void TestHttpsServer::setDefaultResponse(ScriptedResponse response) {
+  std::lock_guard lock(state_->mutex);
+  state_->defaultResponse = std::move(response);
+}
+
+void TestHttpsServer::setResponder(Responder responder) {
+  std::lock_guard lock(state_->mutex);
+  state_->responder = std::move(responder);
+}
+
+std::vector<RecordedRequest> TestHttpsServer::requests() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->requests;
+}
+
+std::size_t TestHttpsServer::requestCount() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->requests.size();
+}
+
+bool TestHttpsServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(state_->mutex);
+  return state_->changed.wait_for(lock, timeout, [&] { return state_->requests.size() >= count; });
+}
+
+int TestHttpsServer::maxConcurrentRequests() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->maxInFlight;
+}
+
+int TestHttpsServer::maxConcurrentConnections() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->maxConnections;
+}
+
+int TestHttpsServer::openConnections() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->connections;
+}
+
+void TestHttpsServer::stop() {
+  State& state = *state_;
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.stopping) return;
+    state.stopping = true;
+    state.changed.notify_all();
+  }
+  state.server.stop();
+  {
+    std::lock_guard lock(state.mutex);
+    for (const auto& [thread, socket] : state.connectionSockets) ::shutdown(socket, SHUT_RDWR);
+  }
+  if (state.listener.joinable()) state.listener.join();
+}
+
+}  // namespace pelora::test
