@@ -1,0 +1,146 @@
+// Storage: the client's only persistence. Identity, traits and settings live in the user-defaults
+// suite "com.pelora.storage.<write key>"; events are appended to numbered batch files under
+// <documents>/pelora/<write key>/. Callable from any thread except the storage's own queue: every
+// file and suite access runs on that serial queue, which owns the open batch file and the suite.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "pelora/core/events.hpp"
+#include "pelora/core/json.hpp"
+#include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/paths.hpp"
+
+namespace pelora {
+
+class Store;
+
+class Storage {
+ public:
+  // The stored items; rawValue() gives each one's suite key.
+  enum class Constants { userId, traits, anonymousId, settings, events };
+
+  // Keeps `store` and `writeKey` and opens the suite; touches no event file. Empty members of
+  // `paths` take their defaults.
+  static std::shared_ptr<Storage> create(std::shared_ptr<Store> store, std::string writeKey,
+                                         platform::Paths paths);
+  ~Storage();
+  Storage(const Storage&) = delete;
+  Storage& operator=(const Storage&) = delete;
+
+  const std::shared_ptr<Store>& store() const noexcept { return store_; }
+  const std::string& writeKey() const noexcept { return writeKey_; }
+
+  // events: `value` (a TrackEvent or MonitorEvent) is appended to the current batch file; any
+  // other type is ignored. Other keys: `value` is stored as JSON and the suite is written out;
+  // an empty optional removes the key. Never throws; failures lose the value quietly.
+  template <class T>
+  void write(Constants key, const T& value);
+
+  // events (T = std::vector<std::filesystem::path>): finishes the current batch file and lists
+  // the finished ones ("*.temp") in lexical order. Other keys: the stored value decoded as T;
+  // nothing when absent or not decodable. Never throws.
+  template <class T>
+  std::optional<T> read(Constants key);
+
+  // Deletes a finished batch file. Throws std::filesystem::filesystem_error when that fails
+  // (a missing file included). Does not enter the storage queue, so it may run inside sync().
+  void remove(const std::filesystem::path& file);
+
+  // Runs `block` on the storage queue (on the calling thread) and returns its result.
+  template <class F>
+  auto sync(F&& block) {
+    return queue_->sync(std::forward<F>(block));
+  }
+
+  // <documents>/pelora/<write key as one file name>, created when missing.
+  std::filesystem::path eventsDirectory() const;
+
+ private:
+  struct State;
+  using AppendText = void (*)(std::string& out, const void* value);
+
+  Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths);
+
+  void writeEvent(AppendText appendText, const void* event) noexcept;
+  void writeValue(Constants key, std::optional<JSON> value) noexcept;
+  std::optional<JSON> readValue(Constants key) noexcept;
+  std::vector<std::filesystem::path> finishAndList() noexcept;
+
+  std::shared_ptr<Store> store_;
+  std::string writeKey_;
+  std::shared_ptr<platform::SerialQueue> queue_;
+  std::unique_ptr<State> state_;
+};
+
+// The suite key of `key`: "pelora.userId", "pelora.traits", "pelora.anonymousId",
+// "pelora.settings", "pelora.events".
+std::string_view rawValue(Storage::Constants key) noexcept;
+
+namespace detail {
+// The write key as one safe file name: percent-encoded (curl_easy_escape) with "." encoded too,
+// so it never holds "/", NUL, "." or ".."; distinct keys give distinct names.
+std::string safeFileName(std::string_view writeKey);
+
+template <class T>
+inline constexpr bool isStoredEvent =
+    std::is_same_v<T, TrackEvent> || std::is_same_v<T, MonitorEvent>;
+}  // namespace detail
+
+template <class T>
+void Storage::write(Constants key, const T& value) {
+  if constexpr (detail::isStoredEvent<T>) {
+    if (key == Constants::events) {
+      writeEvent(
+          [](std::string& out, const void* v) { appendJSONText(out, *static_cast<const T*>(v)); },
+          &value);
+      return;
+    }
+  }
+  if (key == Constants::events) return;  // batch files hold events only
+  if constexpr (pelora::detail::IsOptional<T>::value) {
+    if (!value) {
+      writeValue(key, std::nullopt);
+    } else {
+      write(key, *value);
+    }
+  } else {
+    std::optional<JSON> json;
+    try {
+      if constexpr (std::is_constructible_v<JSON, const T&>) {
+        json.emplace(value);
+      } else {
+        json.emplace(JSON::with(value));
+      }
+    } catch (const std::exception&) {
+      return;  // not encodable: nothing is stored
+    }
+    writeValue(key, std::move(json));
+  }
+}
+
+template <class T>
+std::optional<T> Storage::read(Constants key) {
+  if constexpr (std::is_same_v<T, std::vector<std::filesystem::path>>) {
+    if (key == Constants::events) return finishAndList();
+    return std::nullopt;
+  } else {
+    if (key == Constants::events) return std::nullopt;
+    std::optional<JSON> json = readValue(key);
+    if (!json) return std::nullopt;
+    try {
+      return decodeValue<T>(*json);
+    } catch (const std::exception&) {
+      return std::nullopt;
+    }
+  }
+}
+
+}  // namespace pelora

@@ -1,0 +1,45 @@
+// A user-defaults suite: string keys to JSON values, kept as one JSON object in
+// <preferences>/pelora/<name>.json, read once when opened and replaced atomically on synchronize.
+// Not thread-safe: its owner confines it to one queue (Storage keeps its suite on its own queue).
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "pelora/core/json.hpp"
+
+namespace pelora::platform {
+
+class UserDefaults {
+ public:
+  // The suite `name` under `preferences`. Nothing when `name` cannot be a single file name
+  // (empty, ".", "..", or holding "/" or NUL). A missing, unreadable or corrupt file opens empty.
+  static std::optional<UserDefaults> open(const std::filesystem::path& preferences,
+                                          std::string_view name);
+
+  // The value stored under `key`, or nothing.
+  std::optional<JSON> get(std::string_view key) const;
+  // Stores `value` under `key` in memory; synchronize() writes it out.
+  void set(std::string_view key, JSON value);
+  // Forgets `key` (a missing key is fine).
+  void remove(std::string_view key);
+
+  // Writes every value to the file (temp file, fsync, rename, fsync of the directory) when
+  // anything changed since the last successful write. False when writing failed: the values stay
+  // in memory and the next call tries again.
+  bool synchronize() noexcept;
+
+  // Where the suite lives.
+  const std::filesystem::path& file() const noexcept { return file_; }
+
+ private:
+  explicit UserDefaults(std::filesystem::path file) : file_(std::move(file)) {}
+
+  std::filesystem::path file_;
+  JSON::Map values_;
+  bool dirty_ = false;
+};
+
+}  // namespace pelora::platform

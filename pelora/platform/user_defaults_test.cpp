@@ -1,0 +1,103 @@
+#include "pelora/platform/user_defaults.hpp"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <fstream>
+#include <vector>
+
+namespace pelora::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "pelora-defaults-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  fs::path file(const std::string& name = "suite") { return root_ / "pelora" / (name + ".json"); }
+  void writeFile(const fs::path& path, const std::string& bytes) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  }
+
+  fs::path root_;
+};
+
+TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
+  const JSON object(JSON::Map{{"a", JSON(JSON::List{JSON(1), JSON(true)})}});
+  {
+    auto suite = UserDefaults::open(root_, "suite");
+    ASSERT_TRUE(suite);
+    EXPECT_EQ(suite->file(), file());
+    suite->set("text", JSON("value"));
+    suite->set("number", JSON(Decimal::parse("12.50").value()));
+    suite->set("object", object);
+    suite->set("null", JSON());
+    suite->set("gone", JSON(1));
+    suite->remove("gone");
+    suite->remove("never there");
+    ASSERT_TRUE(suite->synchronize());
+  }
+  auto suite = UserDefaults::open(root_, "suite");
+  EXPECT_EQ(suite->get("text"), JSON("value"));
+  EXPECT_EQ(suite->get("number"), JSON(Decimal::parse("12.50").value()));
+  EXPECT_EQ(suite->get("object"), object);
+  EXPECT_EQ(suite->get("null"), JSON());
+  EXPECT_EQ(suite->get("gone"), std::nullopt);
+  // The atomic write leaves no temporary file behind.
+  EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "pelora"), fs::directory_iterator()), 1);
+}
+
+TEST_F(UserDefaultsTest, NothingIsWrittenWithoutChanges) {
+  auto suite = UserDefaults::open(root_, "suite");
+  EXPECT_TRUE(suite->synchronize());
+  EXPECT_FALSE(fs::exists(file()));
+}
+
+TEST_F(UserDefaultsTest, CorruptOrForeignContentOpensEmpty) {
+  for (const std::string bytes : {"{\"a\": ", "[1, 2]", "", "\"text\"", "{\"a\": \"\xff\"}"}) {
+    writeFile(file(), bytes);
+    auto suite = UserDefaults::open(root_, "suite");
+    ASSERT_TRUE(suite);
+    EXPECT_EQ(suite->get("a"), std::nullopt) << bytes;
+    suite->set("a", JSON(2));
+    ASSERT_TRUE(suite->synchronize());
+    EXPECT_EQ(UserDefaults::open(root_, "suite")->get("a"), JSON(2));
+  }
+  fs::remove(file());
+  fs::create_directories(file());  // a directory where the file should be
+  EXPECT_EQ(UserDefaults::open(root_, "suite")->get("a"), std::nullopt);
+}
+
+TEST_F(UserDefaultsTest, NamesMustBeOneFileName) {
+  for (const std::string& name :
+       std::vector<std::string>{"", ".", "..", "a/b", "../x", std::string("a\0b", 3)})
+    EXPECT_FALSE(UserDefaults::open(root_, name)) << name;
+  EXPECT_TRUE(UserDefaults::open(root_, "com.pelora.storage.key"));
+}
+
+TEST_F(UserDefaultsTest, UnwritableDirectoryKeepsValuesAndRetries) {
+  writeFile(root_ / "blocker", "a file where a directory should be");
+  auto suite = UserDefaults::open(root_ / "blocker", "suite");
+  suite->set("a", JSON(1));
+  EXPECT_FALSE(suite->synchronize());
+  EXPECT_EQ(suite->get("a"), JSON(1));
+
+  fs::remove(root_ / "blocker");
+  suite->set("b", JSON(2));
+  ASSERT_TRUE(suite->synchronize());
+  auto reopened = UserDefaults::open(root_ / "blocker", "suite");
+  EXPECT_EQ(reopened->get("a"), JSON(1));
+  EXPECT_EQ(reopened->get("b"), JSON(2));
+}
+
+}  // namespace
+}  // namespace pelora::platform
