@@ -1,0 +1,122 @@
+// Plugins: the unit of extension. Every recorded event runs through a Timeline of plugins grouped
+// by stage; destination plugins own a timeline of their own. A plugin always hands back the same
+// event type it received: `execute` has one overload per event record.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "pelora/core/events.hpp"
+#include "pelora/delivery/settings.hpp"
+
+namespace pelora {
+
+class PeloraAnalytics;
+class Timeline;
+
+enum class PluginType : int { before = 0, enrichment = 1, destination = 2, after = 3, utility = 4 };
+// Every stage, in the order every walk over stages uses.
+inline constexpr std::array<PluginType, 5> allPluginTypes{
+    PluginType::before, PluginType::enrichment, PluginType::destination, PluginType::after,
+    PluginType::utility};
+// The stage with that raw value; nothing outside 0...4.
+std::optional<PluginType> pluginType(int rawValue) noexcept;
+
+// Whether settings handed to a plugin are the first it sees or a later change.
+enum class UpdateType { initial, refresh };
+
+class Plugin {
+ public:
+  virtual ~Plugin() = default;
+
+  virtual PluginType type() const = 0;
+  // The client this plugin works for (held strongly: the client graph lives as long as the app).
+  virtual std::shared_ptr<PeloraAnalytics> analytics() const { return analytics_; }
+  virtual void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+    analytics_ = std::move(analytics);
+  }
+  // Called when the plugin is added to a client; by default keeps the client.
+  virtual void configure(std::shared_ptr<PeloraAnalytics> analytics) {
+    setAnalytics(std::move(analytics));
+  }
+  // New settings; does nothing by default.
+  virtual void update(const Settings& /*settings*/, UpdateType /*type*/) {}
+  // Processes one event; returning nothing drops it for the plugins after this one.
+  virtual std::optional<TrackEvent> execute(std::optional<TrackEvent> event) { return event; }
+  virtual std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) { return event; }
+  // Called when the plugin is removed from a timeline.
+  virtual void shutdown() {}
+
+ private:
+  std::shared_ptr<PeloraAnalytics> analytics_;
+};
+
+// A plugin that handles the two event kinds separately and can be flushed and reset.
+class EventPlugin : public Plugin {
+ public:
+  virtual std::optional<TrackEvent> track(TrackEvent event) { return event; }
+  virtual std::optional<MonitorEvent> trackNow(MonitorEvent event) { return event; }
+  virtual void reset() {}
+  virtual void flush() {}
+
+  // Track events go to track(), monitor events to trackNow().
+  std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
+  std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override;
+};
+
+// A plugin that delivers events somewhere, enabled per event and by settings, with a timeline of
+// its own for plugins that concern it alone.
+class DestinationPlugin : public EventPlugin {
+ public:
+  DestinationPlugin();
+
+  // The destination's name in the settings' integrations and in an event's integrations.
+  virtual std::string key() const = 0;
+  const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
+
+  // Configures `plugin` with this destination's client (when set) and adds it to its timeline.
+  std::shared_ptr<Plugin> add(std::shared_ptr<Plugin> plugin);
+  void apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const;
+  void remove(const std::shared_ptr<Plugin>& plugin);
+
+  // Keeps the client and configures the plugins of its own timeline with it.
+  void configure(std::shared_ptr<PeloraAnalytics> analytics) override;
+  // Runs the destination when it is enabled for the event: its timeline's before stage, then
+  // track() for track events, then its after stage.
+  std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
+  std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override;
+
+ protected:
+  // Enabled when the event's integrations do not say false under key() and the client's settings
+  // have an entry for key().
+  bool isDestinationEnabled(const RawEvent& event) const;
+
+ private:
+  template <class E>
+  std::optional<E> process(std::optional<E> event);
+  std::shared_ptr<Timeline> timeline_;
+};
+
+// Marker for plugins that serve the client rather than events.
+class UtilityPlugin {
+ public:
+  virtual ~UtilityPlugin() = default;
+};
+
+// Marker for plugins that the client adds for the platform.
+class PlatformPlugin {
+ public:
+  virtual ~PlatformPlugin() = default;
+};
+
+// A plugin that names its version (its type also offers a static version()).
+class VersionedPlugin {
+ public:
+  virtual ~VersionedPlugin() = default;
+  virtual std::string pluginVersion() const = 0;
+};
+
+}  // namespace pelora

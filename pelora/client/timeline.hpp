@@ -1,0 +1,103 @@
+// Timeline: the stages an event runs through (before, destination, after) and their plugins.
+// Called from any thread: each stage keeps an immutable snapshot of its plugin list, so events run
+// without a lock while plugins are added or removed elsewhere.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "pelora/client/plugin.hpp"
+
+namespace pelora {
+
+// The plugins of one stage, run in the order they were added.
+class Mediator {
+ public:
+  using PluginList = std::vector<std::shared_ptr<Plugin>>;
+
+  void add(std::shared_ptr<Plugin> plugin);
+  // Removes every entry that is this very object; returns how many there were.
+  std::size_t remove(const Plugin* plugin);
+  // A snapshot of the current list.
+  std::shared_ptr<const PluginList> plugins() const;
+
+  // Each plugin gets the previous one's result; destinations only get copies and cannot change or
+  // drop the event for the others. Nothing reaches the rest once a plugin drops the event.
+  template <class E>
+  std::optional<E> execute(std::optional<E> event) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<const PluginList> plugins_ = std::make_shared<const PluginList>();
+};
+
+class Timeline {
+ public:
+  // Mediators for before, destination and after only: enrichment and utility plugins are not kept.
+  Timeline();
+
+  const std::map<PluginType, std::shared_ptr<Mediator>>& plugins() const noexcept {
+    return plugins_;
+  }
+
+  // Appends the plugin to its stage (when the stage exists) and, when its client already holds
+  // settings, hands them over with UpdateType::initial.
+  void add(const std::shared_ptr<Plugin>& plugin);
+  // Shuts down and removes every entry that is this very object.
+  void remove(const std::shared_ptr<Plugin>& plugin);
+  // Calls `closure` on every plugin in stage order, descending into destinations' timelines.
+  void apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const;
+  // Runs one stage.
+  template <class E>
+  std::optional<E> applyPlugins(PluginType type, std::optional<E> event) const {
+    auto it = plugins_.find(type);
+    if (it == plugins_.end()) return event;
+    return it->second->execute(std::move(event));
+  }
+  // Runs before, then destination on the before result (its own result discarded), then after on
+  // the before result.
+  template <class E>
+  std::optional<E> process(std::optional<E> event) const {
+    auto before = applyPlugins(PluginType::before, std::move(event));
+    applyPlugins(PluginType::destination, before);
+    return applyPlugins(PluginType::after, std::move(before));
+  }
+
+  // The first plugin (in stage order) that is a T.
+  template <class T>
+  std::shared_ptr<T> find() const {
+    for (PluginType type : allPluginTypes) {
+      auto it = plugins_.find(type);
+      if (it == plugins_.end()) continue;
+      for (const auto& plugin : *it->second->plugins()) {
+        if (auto match = std::dynamic_pointer_cast<T>(plugin)) return match;
+      }
+    }
+    return nullptr;
+  }
+  // The first destination-stage DestinationPlugin whose key() is `key`.
+  std::shared_ptr<DestinationPlugin> find(std::string_view key) const;
+
+ private:
+  const std::map<PluginType, std::shared_ptr<Mediator>> plugins_;
+};
+
+template <class E>
+std::optional<E> Mediator::execute(std::optional<E> event) const {
+  auto list = plugins();
+  for (const auto& plugin : *list) {
+    if (!event) continue;
+    if (dynamic_cast<DestinationPlugin*>(plugin.get())) {
+      (void)plugin->execute(std::optional<E>(event));
+    } else {
+      event = plugin->execute(std::move(event));
+    }
+  }
+  return event;
+}
+
+}  // namespace pelora
