@@ -44,7 +44,7 @@ install(FILES ${PROJECT_BINARY_DIR}/peloraConfig.cmake ${PROJECT_BINARY_DIR}/pel
 # (cmake --install --prefix DIR), not the one configured. A new dependency of the static library
 # goes into PELORA_PC_REQUIRES_PRIVATE (pkg-config module names, e.g. "libcurl openssl") or, if it
 # has no .pc file, into PELORA_PC_LIBS_PRIVATE.
-set(PELORA_PC_REQUIRES_PRIVATE "libcurl libcrypto")
+set(PELORA_PC_REQUIRES_PRIVATE "libcurl libcrypto uuid")
 set(PELORA_PC_LIBS_PRIVATE "-pthread")
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
