@@ -1,7 +1,10 @@
 // The Pelora client library: everything a host needs.
 #pragma once
 
+#include "pelora/client/analytics.hpp"
 #include "pelora/client/configuration.hpp"
+#include "pelora/client/plugin.hpp"
+#include "pelora/client/timeline.hpp"
 #include "pelora/core/coding.hpp"
 #include "pelora/core/decimal.hpp"
 #include "pelora/core/dictionary.hpp"
@@ -14,6 +17,10 @@
 #include "pelora/delivery/settings.hpp"
 #include "pelora/delivery/storage.hpp"
 #include "pelora/log/log.hpp"
+#include "pelora/log/pelora_log.hpp"
+#include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/paths.hpp"
+#include "pelora/push/push_provider.hpp"
 #include "pelora/state/store.hpp"
+#include "pelora/state/system.hpp"

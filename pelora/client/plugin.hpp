@@ -73,6 +73,7 @@ class DestinationPlugin : public EventPlugin {
  public:
   DestinationPlugin();
 
+  PluginType type() const override { return PluginType::destination; }
   // The destination's name in the settings' integrations and in an event's integrations.
   virtual std::string key() const = 0;
   const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace pelora::testing {
+namespace pelora::test {
 
 class TempDirectory {
  public:
@@ -30,4 +30,4 @@ class TempDirectory {
   std::filesystem::path path_;
 };
 
-}  // namespace pelora::testing
+}  // namespace pelora::test

@@ -1,0 +1,336 @@
+#include "pelora/client/analytics.hpp"
+
+#include <mutex>
+
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/storage.hpp"
+#include "pelora/platform/app_lifecycle.hpp"
+#include "pelora/platform/clock.hpp"
+#include "pelora/platform/console.hpp"
+#include "pelora/platform/uuid.hpp"
+#include "pelora/state/store.hpp"
+#include "pelora/state/system.hpp"
+
+namespace pelora {
+namespace {
+
+std::atomic<bool> debugLogsFlag{false};
+
+// The process-wide device-level user id: initialised from the device id on first read.
+struct UserIdSlot {
+  std::mutex mutex;
+  bool initialised = false;
+  std::optional<std::string> value;
+};
+UserIdSlot& userIdSlot() {
+  static auto* slot = new UserIdSlot;  // never destroyed: read by worker threads during exit()
+  return *slot;
+}
+
+std::string applicationName() {
+  std::error_code error;
+  auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? std::string("pelora") : executable.filename().string();
+}
+
+void debugPrint(std::string_view line) {
+  if (PeloraAnalytics::debugLogsEnabled()) platform::printLine(line);
+}
+
+// Host dictionaries become JSON; one that cannot is reported and left out.
+std::optional<JSON> convertOrReport(const Dictionary& dictionary) {
+  try {
+    return JSON(dictionary);
+  } catch (const JSONError& error) {
+    platform::printLine(error.what());
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+// ---- Type-level values --------------------------------------------------------------------------
+
+bool PeloraAnalytics::debugLogsEnabled() noexcept {
+  return debugLogsFlag.load();
+}
+
+void PeloraAnalytics::setDebugLogsEnabled(bool enabled) noexcept {
+  debugLogsFlag.store(enabled);
+  log::setDebugEnabled(enabled);
+}
+
+std::optional<std::string> PeloraAnalytics::peloraUserId() {
+  auto& slot = userIdSlot();
+  std::lock_guard lock(slot.mutex);
+  if (!slot.initialised) {
+    slot.value = platform::deviceIdentifier(applicationName());
+    slot.initialised = true;
+  }
+  return slot.value;
+}
+
+void PeloraAnalytics::setPeloraUserId(std::optional<std::string> userId) {
+  auto& slot = userIdSlot();
+  std::lock_guard lock(slot.mutex);
+  slot.value = std::move(userId);
+  slot.initialised = true;
+}
+
+// ---- Start-up -----------------------------------------------------------------------------------
+
+std::shared_ptr<PeloraAnalytics> PeloraAnalytics::create(
+    std::shared_ptr<Configuration> configuration, std::optional<LaunchOptions> launchOptions) {
+  std::shared_ptr<PeloraAnalytics> analytics(
+      new PeloraAnalytics(std::move(configuration), std::move(launchOptions)));
+  analytics->start();
+  return analytics;
+}
+
+PeloraAnalytics::PeloraAnalytics(std::shared_ptr<Configuration> configuration,
+                                 std::optional<LaunchOptions> launchOptions)
+    : configuration_(std::move(configuration)),
+      store_(std::make_shared<Store>()),
+      storage_(Storage::create(store_, configuration_->values.writeKey,
+                               configuration_->values.paths.value_or(platform::Paths{}))),
+      launchOptions_(std::move(launchOptions)),
+      timeline_(std::make_shared<Timeline>()) {}
+
+void PeloraAnalytics::start() {
+  const auto& values = configuration_->values;
+  store_->provide(System::defaultState(configuration_, *storage_));
+  UserInfo user = UserInfo::defaultState(*storage_);
+  // A freshly made anonymous id is kept at once, so the next run is the same user.
+  storage_->write(Storage::Constants::anonymousId, user.anonymousId);
+  store_->provide(std::move(user));
+  debugPrint("Pelora: store and storage ready");
+
+  add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::utility,
+                                  PeloraLog::TargetTable{}));
+
+  checkSettings();
+  std::weak_ptr<PeloraAnalytics> weak = weak_from_this();
+  platform::AppLifecycle::shared().addWillEnterForegroundObserver(
+      [weak](platform::AppLifecycle::State state) {
+        if (state != platform::AppLifecycle::State::background) return;
+        if (auto analytics = weak.lock()) analytics->checkSettings();
+      });
+  debugPrint("Pelora: settings checked");
+
+  if (!values.peloraAppPushID.empty()) {
+    AppPushManager::setUpPush(values.peloraAppPushID, launchOptions_);
+  } else {
+    platform::printLine(
+        "Warning: Pelora SDK need peloraAppPushID to enable feature Pelora Notification");
+  }
+}
+
+void PeloraAnalytics::checkSettings() {
+  auto system = store_->currentState<System>();
+  const bool hadSettings = system && system->settings;
+  store_->dispatch(System::ToggleRunningAction{false});
+  Settings settings(configuration_->values.writeKey, std::string(productionTrackingHost));
+  store_->dispatch(System::UpdateSettingsAction{settings});
+  storage_->write(Storage::Constants::settings, settings);
+  const UpdateType type = hadSettings ? UpdateType::refresh : UpdateType::initial;
+  // apply() already reaches the plugins inside destinations; they hear of it twice, as designed.
+  timeline_->apply([&](const std::shared_ptr<Plugin>& plugin) {
+    plugin->update(settings, type);
+    if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
+      destination->apply(
+          [&](const std::shared_ptr<Plugin>& inner) { inner->update(settings, type); });
+    }
+  });
+  store_->dispatch(System::ToggleRunningAction{true});
+}
+
+// ---- Identity and settings ----------------------------------------------------------------------
+
+std::string PeloraAnalytics::anonymousId() const {
+  auto user = store_->currentState<UserInfo>();
+  return user ? user->anonymousId : std::string();
+}
+
+std::optional<std::string> PeloraAnalytics::userId() const {
+  auto user = store_->currentState<UserInfo>();
+  return user ? user->userId : std::nullopt;
+}
+
+std::optional<Dictionary> PeloraAnalytics::traits() const {
+  auto user = store_->currentState<UserInfo>();
+  if (!user || !user->traits) return std::nullopt;
+  return user->traits->dictionaryValue();
+}
+
+std::optional<JSON> PeloraAnalytics::traitsJSON() const {
+  auto user = store_->currentState<UserInfo>();
+  return user ? user->traits : std::nullopt;
+}
+
+std::optional<Settings> PeloraAnalytics::settings() const {
+  auto system = store_->currentState<System>();
+  return system ? system->settings : std::nullopt;
+}
+
+// ---- Recording ----------------------------------------------------------------------------------
+
+void PeloraAnalytics::trackBash(const std::string& name,
+                                const std::optional<Dictionary>& properties) {
+  std::optional<JSON> converted;
+  if (properties) converted = convertOrReport(*properties);
+  process(TrackEvent(name, std::move(converted)));
+}
+
+void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {
+  process(TrackEvent(name, std::move(properties)));
+}
+
+void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string& eventName,
+                                 const Dictionary& eventData,
+                                 const std::optional<std::vector<Dictionary>>& profile) {
+  const auto userIdValue = peloraUserId();
+  const std::string playerId = AppPushManager::playerId();
+  auto stamp = [&](Dictionary dictionary) {
+    if (userIdValue && !userIdValue->empty())
+      dictionary.insert_or_assign("pelora_user_id", *userIdValue);
+    if (!playerId.empty()) dictionary.insert_or_assign("app_push_player_id", playerId);
+    return dictionary;
+  };
+  auto identity = convertOrReport(stamp(identityId));
+  Dictionary data = eventData;
+  setValueForKeyPath(data, std::string("iOS"), "platform");
+  auto dataJSON = convertOrReport(data);
+  std::optional<std::vector<JSON>> profiles;
+  if (profile) {
+    profiles.emplace();
+    for (const auto& entry : *profile) {
+      if (auto converted = convertOrReport(stamp(entry)))
+        profiles->push_back(std::move(*converted));
+    }
+  }
+  process(MonitorEvent(identity.value_or(JSON()), eventName, dataJSON.value_or(JSON()),
+                       std::move(profiles)));
+}
+
+void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
+  try {
+    process(decodeValue<MonitorEvent>(value));
+  } catch (const std::exception& error) {
+    platform::printLine(error.what());
+  }
+}
+
+void PeloraAnalytics::completeEvent(RawEvent& event) const {
+  auto user = store_->currentState<UserInfo>();
+  if (!user) return;
+  event.anonymousId = user->anonymousId;
+  event.messageId = platform::uuidString();
+  event.userId = user->userId;
+  event.timestamp = platform::iso8601Now();
+  event.integrations = JSON(JSON::Map{});
+  event._metadata = DestinationMetadata{};
+}
+
+template <class E>
+void PeloraAnalytics::process(E event) {
+  completeEvent(event);
+  (void)timeline_->process(std::optional<E>(std::move(event)));
+}
+
+// ---- Plugins ------------------------------------------------------------------------------------
+
+std::shared_ptr<Plugin> PeloraAnalytics::add(std::shared_ptr<Plugin> plugin) {
+  plugin->configure(shared_from_this());
+  timeline_->add(plugin);
+  return plugin;
+}
+
+void PeloraAnalytics::remove(const std::shared_ptr<Plugin>& plugin) {
+  timeline_->remove(plugin);
+}
+
+void PeloraAnalytics::apply(
+    const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const {
+  timeline_->apply(closure);
+}
+
+std::shared_ptr<DestinationPlugin> PeloraAnalytics::find(std::string_view key) const {
+  return timeline_->find(key);
+}
+
+void PeloraAnalytics::forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const {
+  for (PluginType type : allPluginTypes) {
+    auto it = timeline_->plugins().find(type);
+    if (it == timeline_->plugins().end()) continue;
+    for (const auto& plugin : *it->second->plugins()) {
+      if (auto eventPlugin = std::dynamic_pointer_cast<EventPlugin>(plugin)) action(*eventPlugin);
+      if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
+        destination->apply([&](const std::shared_ptr<Plugin>& inner) {
+          if (auto innerEvent = std::dynamic_pointer_cast<EventPlugin>(inner)) action(*innerEvent);
+        });
+      }
+    }
+  }
+}
+
+void PeloraAnalytics::flush() {
+  forEachEventPlugin([](EventPlugin& plugin) { plugin.flush(); });
+}
+
+void PeloraAnalytics::reset() {
+  store_->dispatch(UserInfo::ResetAction{});
+  // The suite follows at once, so a reset survives a restart.
+  storage_->write(Storage::Constants::userId, std::optional<std::string>());
+  storage_->write(Storage::Constants::traits, std::optional<JSON>());
+  storage_->write(Storage::Constants::anonymousId, anonymousId());
+  forEachEventPlugin([](EventPlugin& plugin) { plugin.reset(); });
+}
+
+void PeloraAnalytics::manuallyEnableDestination(const std::shared_ptr<DestinationPlugin>& plugin) {
+  store_->dispatch(System::AddDestinationToSettingsAction{plugin->key()});
+}
+
+bool PeloraAnalytics::hasUnsentEvents() const {
+  auto files = pendingUploads();
+  return files && !files->empty();
+}
+
+std::optional<std::vector<std::filesystem::path>> PeloraAnalytics::pendingUploads() const {
+  return storage_->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
+}
+
+void PeloraAnalytics::waitUntilStarted() const {}
+
+// ---- Logging ------------------------------------------------------------------------------------
+
+void PeloraAnalytics::log(std::string_view message, std::optional<LogFilterKind> kind,
+                          std::string_view function, int line) {
+  if (!log::debugEnabled()) return;
+  if (auto logger = timeline_->find<PeloraLog>()) {
+    logger->log(message, kind.value_or(LogFilterKind::debug), function, line);
+  }
+}
+
+void PeloraAnalytics::add(std::shared_ptr<LogTarget> target, LoggingType type) {
+  if (auto logger = timeline_->find<PeloraLog>()) logger->add(std::move(target), type);
+}
+
+void PeloraAnalytics::logFlush() {
+  if (auto logger = timeline_->find<PeloraLog>()) logger->flush();
+}
+
+// ---- Push forwards ------------------------------------------------------------------------------
+
+std::optional<NotificationContent> PeloraAnalytics::didReceiveNotificationExtensionRequest(
+    const NotificationRequest& request, std::optional<NotificationContent> content,
+    std::function<void(const NotificationContent&)> contentHandler) {
+  return AppPushManager::didReceiveNotificationExtensionRequest(request, std::move(content),
+                                                                std::move(contentHandler));
+}
+
+std::optional<NotificationContent> PeloraAnalytics::serviceExtensionTimeWillExpireRequest(
+    const NotificationRequest& request, std::optional<NotificationContent> content) {
+  return AppPushManager::serviceExtensionTimeWillExpireRequest(request, std::move(content));
+}
+
+}  // namespace pelora

@@ -1,0 +1,165 @@
+// PeloraAnalytics: the client a host creates once and keeps for the life of the process. It owns
+// the store, the storage and the plugin timeline; public calls run on the caller's thread and are
+// safe from several threads at once.
+#pragma once
+
+#include <any>
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pelora/client/configuration.hpp"
+#include "pelora/client/plugin.hpp"
+#include "pelora/client/timeline.hpp"
+#include "pelora/core/events.hpp"
+#include "pelora/log/log.hpp"
+#include "pelora/log/pelora_log.hpp"
+#include "pelora/platform/console.hpp"
+#include "pelora/push/push_provider.hpp"
+
+namespace pelora {
+
+class Store;
+class Storage;
+
+class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<PeloraAnalytics> {
+ public:
+  // Builds the client and runs its start-up (storage, states, built-in plugins, settings check,
+  // in-app messages, push).
+  static std::shared_ptr<PeloraAnalytics> create(
+      std::shared_ptr<Configuration> configuration,
+      std::optional<LaunchOptions> launchOptions = std::nullopt);
+
+  // Prints start-up progress and lets log plugins and destinations print; off by default.
+  static bool debugLogsEnabled() noexcept;
+  static void setDebugLogsEnabled(bool enabled) noexcept;
+  // The device-level user id sent with monitor events: on first read the device id (stable per
+  // machine and application), unless set.
+  static std::optional<std::string> peloraUserId();
+  static void setPeloraUserId(std::optional<std::string> userId);
+  // "1.0.0".
+  static std::string version() { return "1.0.0"; }
+
+  const std::shared_ptr<Configuration>& configuration() const noexcept { return configuration_; }
+  const std::shared_ptr<Store>& store() const noexcept { return store_; }
+  const std::shared_ptr<Storage>& storage() const noexcept { return storage_; }
+  const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
+  const std::optional<LaunchOptions>& launchOptions() const noexcept { return launchOptions_; }
+
+  // Identity and settings from the store ("" / nothing before start-up).
+  std::string anonymousId() const;
+  std::optional<std::string> userId() const;
+  std::optional<Dictionary> traits() const;
+  template <class T>
+  std::optional<T> traits() const;
+  std::optional<Settings> settings() const;
+
+  // Records a named event. Properties that cannot become JSON are dropped (the error is printed)
+  // and the event is still recorded.
+  void trackBash(const std::string& name, const std::optional<Dictionary>& properties = {});
+  template <class T>
+  void trackBash(const std::string& name, const std::optional<T>& properties);
+  // Records an identity-tracking event, sent at once.
+  void trackEvent(const Dictionary& identityId, const std::string& eventName,
+                  const Dictionary& eventData,
+                  const std::optional<std::vector<Dictionary>>& profile = {});
+  template <class T>
+  void trackEvent(const std::optional<T>& monitorEvent);
+
+  // Configures `plugin` with this client and adds it to the timeline.
+  std::shared_ptr<Plugin> add(std::shared_ptr<Plugin> plugin);
+  void remove(const std::shared_ptr<Plugin>& plugin);
+  void apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const;
+  template <class T>
+  std::shared_ptr<T> find() const {
+    return timeline_->find<T>();
+  }
+  std::shared_ptr<DestinationPlugin> find(std::string_view key) const;
+
+  // Flushes every event plugin, destinations' own plugins included.
+  void flush();
+  // Forgets the user (new anonymous id, no userId or traits) and resets every event plugin.
+  void reset();
+  // Marks the destination's key as enabled in the settings.
+  void manuallyEnableDestination(const std::shared_ptr<DestinationPlugin>& plugin);
+  // True while events are waiting: uploads in flight, events not yet flushed, or finished files.
+  bool hasUnsentEvents() const;
+  // The finished batch files waiting for upload.
+  std::optional<std::vector<std::filesystem::path>> pendingUploads() const;
+  // Returns once a startup queue in the timeline (if any) is running. Call it on the main queue.
+  void waitUntilStarted() const;
+
+  // Log lines: passed to a log plugin in the timeline while debug logs are on.
+  void log(std::string_view message, std::optional<LogFilterKind> kind, std::string_view function,
+           int line) override;
+  void add(std::shared_ptr<LogTarget> target, LoggingType type);
+  void logFlush();
+
+  // Notification-service-extension forwards to the registered push provider.
+  static std::optional<NotificationContent> didReceiveNotificationExtensionRequest(
+      const NotificationRequest& request, std::optional<NotificationContent> content,
+      std::function<void(const NotificationContent&)> contentHandler);
+  static std::optional<NotificationContent> serviceExtensionTimeWillExpireRequest(
+      const NotificationRequest& request, std::optional<NotificationContent> content);
+
+ private:
+  PeloraAnalytics(std::shared_ptr<Configuration> configuration,
+                  std::optional<LaunchOptions> launchOptions);
+  void start();
+  void checkSettings();
+  template <class E>
+  void process(E event);
+  void completeEvent(RawEvent& event) const;
+  std::optional<JSON> traitsJSON() const;
+  void trackBashJSON(const std::string& name, std::optional<JSON> properties);
+  void trackMonitorEventJSON(const JSON& value);
+  void forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const;
+
+  std::shared_ptr<Configuration> configuration_;
+  std::shared_ptr<Store> store_;
+  std::shared_ptr<Storage> storage_;
+  std::optional<LaunchOptions> launchOptions_;
+  std::shared_ptr<Timeline> timeline_;
+};
+
+template <class T>
+std::optional<T> PeloraAnalytics::traits() const {
+  auto json = traitsJSON();
+  if (!json) return std::nullopt;
+  try {
+    return decodeValue<T>(*json);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+template <class T>
+void PeloraAnalytics::trackBash(const std::string& name, const std::optional<T>& properties) {
+  std::optional<JSON> converted;
+  if (properties) {
+    try {
+      converted = JSON::with(*properties);
+    } catch (const std::exception& error) {
+      platform::printLine(error.what());
+    }
+  }
+  trackBashJSON(name, std::move(converted));
+}
+
+template <class T>
+void PeloraAnalytics::trackEvent(const std::optional<T>& monitorEvent) {
+  if (!monitorEvent) return;
+  try {
+    trackMonitorEventJSON(JSON::with(*monitorEvent));
+  } catch (const std::exception& error) {
+    platform::printLine(error.what());
+  }
+}
+
+}  // namespace pelora

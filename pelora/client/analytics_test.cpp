@@ -1,0 +1,240 @@
+#include "pelora/client/analytics.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "pelora/platform/app_lifecycle.hpp"
+#include "pelora/state/store.hpp"
+#include "pelora/state/system.hpp"
+#include "tests/support/temp_directory.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Keeps every event the timeline hands to the destination stage.
+class CollectingDestination : public DestinationPlugin {
+ public:
+  std::string key() const override { return "Collector"; }
+  std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
+    std::lock_guard lock(mutex);
+    if (event) tracks.push_back(*event);
+    return event;
+  }
+  std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override {
+    std::lock_guard lock(mutex);
+    if (event) monitors.push_back(*event);
+    return event;
+  }
+  void update(const Settings&, UpdateType type) override {
+    std::lock_guard lock(mutex);
+    updates.push_back(type);
+  }
+  void reset() override { ++resets; }
+  void flush() override { ++flushes; }
+  std::mutex mutex;
+  std::vector<TrackEvent> tracks;
+  std::vector<MonitorEvent> monitors;
+  std::vector<UpdateType> updates;
+  std::atomic<int> resets{0};
+  std::atomic<int> flushes{0};
+};
+
+template <class Predicate>
+bool eventually(Predicate predicate) {
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+class AnalyticsTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<PeloraAnalytics> makeClient(const std::string& pushId = "") {
+    auto configuration = std::make_shared<Configuration>("client-key", std::nullopt);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    configuration->peloraAppPushID(pushId);
+    auto client = PeloraAnalytics::create(configuration);
+    collector = std::make_shared<CollectingDestination>();
+    client->add(collector);
+    return client;
+  }
+  test::TempDirectory dir;
+  std::shared_ptr<CollectingDestination> collector;
+};
+
+TEST_F(AnalyticsTest, EventsAreCompletedWithIdentityIdAndTime) {
+  auto client = makeClient();
+  client->trackBash("First", Dictionary{{"n", 1}});
+  client->trackBash("Second");
+  ASSERT_EQ(collector->tracks.size(), 2u);
+  const TrackEvent& first = collector->tracks[0];
+  const TrackEvent& second = collector->tracks[1];
+  EXPECT_EQ(first.type, "track");
+  EXPECT_EQ(first.anonymousId, client->anonymousId());
+  EXPECT_FALSE(client->anonymousId().empty());
+  EXPECT_THAT(
+      *first.messageId,
+      testing::MatchesRegex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"));
+  EXPECT_NE(first.messageId, second.messageId);
+  EXPECT_THAT(
+      *first.timestamp,
+      testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}Z"));
+  EXPECT_LE(*first.timestamp, *second.timestamp);
+  EXPECT_EQ(first.integrations, JSON(JSON::Map{}));
+  EXPECT_EQ(first._metadata, DestinationMetadata{});
+  EXPECT_EQ(first.properties->toString(), R"({"n":1})");
+  EXPECT_FALSE(second.properties);
+  EXPECT_EQ(PeloraAnalytics::version(), "1.0.0");
+  EXPECT_EQ(client->version(), "1.0.0");
+}
+
+TEST_F(AnalyticsTest, UnconvertiblePropertiesAreReportedAndDropped) {
+  auto client = makeClient();
+  struct Opaque {};
+  ::testing::internal::CaptureStdout();
+  client->trackBash("Odd", Dictionary{{"ok", 1}, {"bad", Opaque{}}});
+  std::string printed = ::testing::internal::GetCapturedStdout();
+  ASSERT_EQ(collector->tracks.size(), 1u);
+  EXPECT_FALSE(collector->tracks[0].properties);
+  EXPECT_NE(printed.find("nonJSONType"), std::string::npos) << printed;
+}
+
+TEST_F(AnalyticsTest, MonitorEventsCarryDeviceIdsAndPlatform) {
+  auto client = makeClient();
+  PeloraAnalytics::setPeloraUserId("DEVICE-1");
+  struct Opaque {};
+  ::testing::internal::CaptureStdout();
+  client->trackEvent(Dictionary{{"email", std::string("a@b")}}, "login",
+                     Dictionary{{"platform", std::string("web")}, {"step", 2}},
+                     std::vector<Dictionary>{{{"name", std::string("Ann")}}, {{"bad", Opaque{}}}});
+  ::testing::internal::GetCapturedStdout();
+  ASSERT_EQ(collector->monitors.size(), 1u);
+  const MonitorEvent& event = collector->monitors[0];
+  EXPECT_EQ(event.type, "monitor_event");
+  EXPECT_EQ(event.eventName, "login");
+  EXPECT_EQ(event.identityId.toString(), R"({"email":"a@b","pelora_user_id":"DEVICE-1"})");
+  EXPECT_EQ(event.eventData.toString(), R"({"platform":"iOS","step":2})");
+  ASSERT_TRUE(event.profile);
+  ASSERT_EQ(event.profile->size(), 1u);
+  EXPECT_EQ((*event.profile)[0].toString(), R"({"name":"Ann","pelora_user_id":"DEVICE-1"})");
+  EXPECT_TRUE(event.messageId);
+
+  PeloraAnalytics::setPeloraUserId(std::string());
+  client->trackEvent(Dictionary{}, "e", Dictionary{});
+  EXPECT_EQ(collector->monitors[1].identityId.toString(), "{}");
+  EXPECT_FALSE(collector->monitors[1].profile);
+}
+
+TEST_F(AnalyticsTest, IdentitySurvivesRestartAndResetSurvivesToo) {
+  std::string firstId;
+  {
+    auto client = makeClient();
+    firstId = client->anonymousId();
+  }
+  auto restarted = makeClient();
+  EXPECT_EQ(restarted->anonymousId(), firstId);
+  restarted->reset();
+  const std::string afterReset = restarted->anonymousId();
+  EXPECT_NE(afterReset, firstId);
+  EXPECT_FALSE(restarted->userId());
+  EXPECT_FALSE(restarted->traits());
+  EXPECT_EQ(collector->resets.load(), 1);
+  auto again = makeClient();
+  EXPECT_EQ(again->anonymousId(), afterReset);
+}
+
+TEST_F(AnalyticsTest, SettingsAreCheckedAtStartAndOnReturnFromBackground) {
+  auto client = makeClient();
+  // Added after start: gets the held settings as initial.
+  ASSERT_EQ(collector->updates, (std::vector<UpdateType>{UpdateType::initial}));
+  auto settings = client->settings();
+  ASSERT_TRUE(settings);
+  EXPECT_TRUE(settings->hasIntegrationSettings("Pelora.io"));
+  EXPECT_TRUE(client->store()->currentState<System>()->running);
+
+  auto& lifecycle = platform::AppLifecycle::shared();
+  lifecycle.didBecomeActive();
+  lifecycle.willEnterForeground();  // not from the background: no check
+  lifecycle.didEnterBackground();
+  lifecycle.willEnterForeground();
+  lifecycle.didBecomeActive();
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(collector->mutex);
+    return collector->updates.size() >= 2;
+  }));
+  std::lock_guard lock(collector->mutex);
+  EXPECT_EQ(collector->updates,
+            (std::vector<UpdateType>{UpdateType::initial, UpdateType::refresh}));
+}
+
+TEST_F(AnalyticsTest, PushNeedsAnAppIdAndSaysSoAlways) {
+  PeloraAnalytics::setDebugLogsEnabled(false);
+  ::testing::internal::CaptureStdout();
+  auto client = makeClient();
+  std::string printed = ::testing::internal::GetCapturedStdout();
+  EXPECT_NE(printed.find("Warning: Pelora SDK need peloraAppPushID to enable feature Pelora "
+                         "Notification"),
+            std::string::npos);
+}
+
+TEST_F(AnalyticsTest, LoggingIsHarmlessWithoutAKeptLogPluginAndReachesOneThatIsKept) {
+  auto client = makeClient();
+  PeloraAnalytics::setDebugLogsEnabled(true);
+  client->log("nobody hears this", LogFilterKind::error, "test", __LINE__);
+  client->logFlush();
+
+  class Target : public LogTarget {
+   public:
+    void parseLog(const LogMessage& message) override { messages.push_back(message.message); }
+    std::vector<std::string> messages;
+  };
+  auto target = std::make_shared<Target>();
+  client->add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::before,
+                                          PeloraLog::TargetTable{}));
+  client->add(target, LoggingType::log);
+  client->log("heard", LogFilterKind::warning, "test", __LINE__);
+  PeloraAnalytics::setDebugLogsEnabled(false);
+  client->log("silenced", LogFilterKind::error, "test", __LINE__);
+  EXPECT_EQ(target->messages, (std::vector<std::string>{"heard"}));
+}
+
+TEST_F(AnalyticsTest, RecordingFromManyThreadsLosesNothing) {
+  auto client = makeClient();
+  constexpr int threads = 4;
+  constexpr int perThread = 200;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([&, t] {
+      for (int i = 0; i < perThread; ++i) {
+        client->trackBash("e", Dictionary{{"t", t}, {"i", i}});
+        if (i % 50 == 0) client->trackEvent(Dictionary{{"t", t}}, "m", Dictionary{});
+      }
+    });
+  }
+  for (auto& worker : workers) worker.join();
+  std::lock_guard lock(collector->mutex);
+  EXPECT_EQ(collector->tracks.size(), static_cast<std::size_t>(threads * perThread));
+  EXPECT_EQ(collector->monitors.size(), static_cast<std::size_t>(threads * 4));
+}
+
+TEST_F(AnalyticsTest, FlushReachesEventPluginsAndPendingUploadsListsFiles) {
+  auto client = makeClient();
+  client->flush();
+  EXPECT_EQ(collector->flushes.load(), 1);
+  EXPECT_FALSE(client->hasUnsentEvents());
+  auto pending = client->pendingUploads();
+  ASSERT_TRUE(pending);
+  EXPECT_TRUE(pending->empty());
+  client->waitUntilStarted();
+}
+
+}  // namespace
+}  // namespace pelora

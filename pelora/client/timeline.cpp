@@ -1,0 +1,156 @@
+#include "pelora/client/timeline.hpp"
+
+#include <algorithm>
+
+#include "pelora/client/analytics.hpp"
+
+namespace pelora {
+
+std::optional<PluginType> pluginType(int rawValue) noexcept {
+  if (rawValue < 0 || rawValue > 4) return std::nullopt;
+  return static_cast<PluginType>(rawValue);
+}
+
+// ---- EventPlugin and DestinationPlugin ----------------------------------------------------------
+
+std::optional<TrackEvent> EventPlugin::execute(std::optional<TrackEvent> event) {
+  if (!event) return event;
+  return track(std::move(*event));
+}
+
+std::optional<MonitorEvent> EventPlugin::execute(std::optional<MonitorEvent> event) {
+  if (!event) return event;
+  return trackNow(std::move(*event));
+}
+
+DestinationPlugin::DestinationPlugin() : timeline_(std::make_shared<Timeline>()) {}
+
+std::shared_ptr<Plugin> DestinationPlugin::add(std::shared_ptr<Plugin> plugin) {
+  if (auto client = analytics()) plugin->configure(client);
+  timeline_->add(plugin);
+  return plugin;
+}
+
+void DestinationPlugin::apply(
+    const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const {
+  timeline_->apply(closure);
+}
+
+void DestinationPlugin::remove(const std::shared_ptr<Plugin>& plugin) {
+  timeline_->remove(plugin);
+}
+
+void DestinationPlugin::configure(std::shared_ptr<PeloraAnalytics> analytics) {
+  setAnalytics(analytics);
+  apply([&](const std::shared_ptr<Plugin>& plugin) { plugin->configure(analytics); });
+}
+
+bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
+  bool allowedByEvent = true;
+  if (event.integrations) {
+    if (auto entry = event.integrations->value<std::any>(KeyPath(key()))) {
+      if (const bool* flag = std::any_cast<bool>(&*entry)) allowedByEvent = *flag;
+    }
+  }
+  auto client = analytics();
+  if (!client) return false;
+  auto settings = client->settings();
+  bool allowedBySettings = settings && settings->hasIntegrationSettings(key());
+  return allowedByEvent && allowedBySettings;
+}
+
+template <class E>
+std::optional<E> DestinationPlugin::process(std::optional<E> event) {
+  if (!event || !isDestinationEnabled(*event)) return std::nullopt;
+  auto before = timeline_->applyPlugins(PluginType::before, std::move(event));
+  auto enriched = timeline_->applyPlugins(PluginType::enrichment, std::move(before));
+  std::optional<E> result;
+  if constexpr (std::is_same_v<E, TrackEvent>) {
+    if (enriched) result = track(std::move(*enriched));
+  }
+  return timeline_->applyPlugins(PluginType::after, std::move(result));
+}
+
+std::optional<TrackEvent> DestinationPlugin::execute(std::optional<TrackEvent> event) {
+  return process(std::move(event));
+}
+
+std::optional<MonitorEvent> DestinationPlugin::execute(std::optional<MonitorEvent> event) {
+  return process(std::move(event));
+}
+
+// ---- Mediator and Timeline ----------------------------------------------------------------------
+
+void Mediator::add(std::shared_ptr<Plugin> plugin) {
+  std::lock_guard lock(mutex_);
+  auto list = std::make_shared<PluginList>(*plugins_);
+  list->push_back(std::move(plugin));
+  plugins_ = std::move(list);
+}
+
+std::size_t Mediator::remove(const Plugin* plugin) {
+  std::lock_guard lock(mutex_);
+  auto list = std::make_shared<PluginList>(*plugins_);
+  auto removed = std::erase_if(*list, [&](const auto& p) { return p.get() == plugin; });
+  plugins_ = std::move(list);
+  return removed;
+}
+
+std::shared_ptr<const Mediator::PluginList> Mediator::plugins() const {
+  std::lock_guard lock(mutex_);
+  return plugins_;
+}
+
+namespace {
+std::map<PluginType, std::shared_ptr<Mediator>> keptStages() {
+  return {{PluginType::before, std::make_shared<Mediator>()},
+          {PluginType::destination, std::make_shared<Mediator>()},
+          {PluginType::after, std::make_shared<Mediator>()}};
+}
+}  // namespace
+
+Timeline::Timeline() : plugins_(keptStages()) {}
+
+void Timeline::add(const std::shared_ptr<Plugin>& plugin) {
+  auto it = plugins_.find(plugin->type());
+  if (it == plugins_.end()) return;
+  it->second->add(plugin);
+  if (auto client = plugin->analytics()) {
+    if (auto settings = client->settings()) plugin->update(*settings, UpdateType::initial);
+  }
+}
+
+void Timeline::remove(const std::shared_ptr<Plugin>& plugin) {
+  for (PluginType type : allPluginTypes) {
+    auto it = plugins_.find(type);
+    if (it == plugins_.end()) continue;
+    auto list = it->second->plugins();
+    auto count = std::count_if(list->begin(), list->end(),
+                               [&](const auto& p) { return p.get() == plugin.get(); });
+    for (long i = 0; i < count; ++i) plugin->shutdown();
+    if (count > 0) it->second->remove(plugin.get());
+  }
+}
+
+void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const {
+  for (PluginType type : allPluginTypes) {
+    auto it = plugins_.find(type);
+    if (it == plugins_.end()) continue;
+    for (const auto& plugin : *it->second->plugins()) {
+      closure(plugin);
+      if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
+        destination->apply(closure);
+      }
+    }
+  }
+}
+
+std::shared_ptr<DestinationPlugin> Timeline::find(std::string_view key) const {
+  for (const auto& plugin : *plugins_.at(PluginType::destination)->plugins()) {
+    auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin);
+    if (destination && destination->key() == key) return destination;
+  }
+  return nullptr;
+}
+
+}  // namespace pelora

@@ -1,0 +1,190 @@
+#include "pelora/client/timeline.hpp"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "pelora/client/analytics.hpp"
+#include "tests/support/temp_directory.hpp"
+
+namespace pelora {
+namespace {
+
+// Records what reaches it and optionally changes or drops track events.
+class Recorder : public EventPlugin {
+ public:
+  explicit Recorder(PluginType type,
+                    std::function<std::optional<TrackEvent>(TrackEvent)> change = {})
+      : type_(type), change_(std::move(change)) {}
+  PluginType type() const override { return type_; }
+  std::optional<TrackEvent> track(TrackEvent event) override {
+    std::lock_guard lock(mutex_);
+    seen_.push_back(event.event);
+    return change_ ? change_(std::move(event)) : std::optional<TrackEvent>(std::move(event));
+  }
+  void shutdown() override { ++shutdowns; }
+  std::vector<std::string> seen() const {
+    std::lock_guard lock(mutex_);
+    return seen_;
+  }
+  int shutdowns = 0;
+
+ private:
+  PluginType type_;
+  std::function<std::optional<TrackEvent>(TrackEvent)> change_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> seen_;
+};
+
+class RecordingDestination : public DestinationPlugin {
+ public:
+  explicit RecordingDestination(std::string key, std::optional<TrackEvent> replacement = {})
+      : key_(std::move(key)), replacement_(std::move(replacement)) {}
+  std::string key() const override { return key_; }
+  std::optional<TrackEvent> track(TrackEvent event) override {
+    seen.push_back(event.event);
+    return replacement_;
+  }
+  void update(const Settings&, UpdateType type) override { updates.push_back(type); }
+  std::vector<std::string> seen;
+  std::vector<UpdateType> updates;
+
+ private:
+  std::string key_;
+  std::optional<TrackEvent> replacement_;
+};
+
+class TimelineTest : public ::testing::Test {
+ protected:
+  TimelineTest() {
+    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    analytics = PeloraAnalytics::create(configuration);
+  }
+  test::TempDirectory dir;
+  std::shared_ptr<PeloraAnalytics> analytics;
+};
+
+TEST_F(TimelineTest, OnlyBeforeDestinationAndAfterStagesKeepPlugins) {
+  Timeline timeline;
+  EXPECT_EQ(timeline.plugins().size(), 3u);
+  auto enrichment = std::make_shared<Recorder>(PluginType::enrichment);
+  auto utility = std::make_shared<Recorder>(PluginType::utility);
+  timeline.add(enrichment);
+  timeline.add(utility);
+  for (const auto& [type, mediator] : timeline.plugins()) EXPECT_TRUE(mediator->plugins()->empty());
+  EXPECT_FALSE(timeline.find<Recorder>());
+  EXPECT_EQ(timeline.process(std::optional<TrackEvent>(TrackEvent("e", std::nullopt)))->event, "e");
+  EXPECT_TRUE(enrichment->seen().empty());
+  EXPECT_EQ(pluginType(4), PluginType::utility);
+  EXPECT_FALSE(pluginType(5));
+  EXPECT_FALSE(pluginType(-1));
+}
+
+TEST_F(TimelineTest, BeforeStageCanChangeOrDropForEveryoneAfterIt) {
+  auto dropper = std::make_shared<Recorder>(PluginType::before, [](TrackEvent e) {
+    return e.event == "drop" ? std::nullopt
+                             : std::optional<TrackEvent>(TrackEvent(e.event + "!", {}));
+  });
+  auto afterDropper = std::make_shared<Recorder>(PluginType::before);
+  auto destination = std::make_shared<RecordingDestination>("Dest");
+  auto after = std::make_shared<Recorder>(PluginType::after);
+  for (std::shared_ptr<Plugin> p :
+       {std::shared_ptr<Plugin>(dropper), std::shared_ptr<Plugin>(afterDropper),
+        std::shared_ptr<Plugin>(destination), std::shared_ptr<Plugin>(after)}) {
+    analytics->add(p);
+  }
+  analytics->manuallyEnableDestination(destination);
+  analytics->trackBash("drop");
+  analytics->trackBash("keep");
+  EXPECT_EQ(dropper->seen(), (std::vector<std::string>{"drop", "keep"}));
+  EXPECT_EQ(afterDropper->seen(), (std::vector<std::string>{"keep!"}));
+  EXPECT_EQ(destination->seen, (std::vector<std::string>{"keep!"}));
+  EXPECT_EQ(after->seen(), (std::vector<std::string>{"keep!"}));
+}
+
+TEST_F(TimelineTest, DestinationsCannotChangeTheEventForOthers) {
+  auto first = std::make_shared<RecordingDestination>("A", TrackEvent("replaced", std::nullopt));
+  auto second = std::make_shared<RecordingDestination>("B", std::nullopt);
+  auto third = std::make_shared<RecordingDestination>("C");
+  auto after = std::make_shared<Recorder>(PluginType::after);
+  for (auto d : {first, second, third}) {
+    analytics->add(d);
+    analytics->manuallyEnableDestination(d);
+  }
+  analytics->add(after);
+  analytics->trackBash("original");
+  EXPECT_EQ(second->seen, (std::vector<std::string>{"original"}));
+  EXPECT_EQ(third->seen, (std::vector<std::string>{"original"}));
+  EXPECT_EQ(after->seen(), (std::vector<std::string>{"original"}));
+}
+
+TEST_F(TimelineTest, DestinationNeedsSettingsEntryAndNoFalseInTheEvent) {
+  auto unlisted = std::make_shared<RecordingDestination>("Unlisted");
+  analytics->add(unlisted);
+  analytics->trackBash("ignored");
+  EXPECT_TRUE(unlisted->seen.empty());  // no settings entry for its key
+
+  auto listed = std::make_shared<RecordingDestination>("Listed");
+  analytics->add(listed);
+  analytics->manuallyEnableDestination(listed);
+  // A before plugin stands in for a host that marks events per destination.
+  auto marker = std::make_shared<Recorder>(PluginType::before, [](TrackEvent e) {
+    if (e.event == "off") e.integrations = JSON::parse(R"({"Listed":false})");
+    if (e.event == "on") e.integrations = JSON::parse(R"({"Listed":true})");
+    if (e.event == "text") e.integrations = JSON::parse(R"({"Listed":"no"})");
+    return std::optional<TrackEvent>(e);
+  });
+  analytics->add(marker);
+  for (const char* name : {"off", "on", "text", "plain"}) analytics->trackBash(name);
+  EXPECT_EQ(listed->seen, (std::vector<std::string>{"on", "text", "plain"}));
+
+  // No client, no settings: disabled.
+  auto detached = std::make_shared<RecordingDestination>("Listed");
+  EXPECT_FALSE(detached->execute(std::optional<TrackEvent>(TrackEvent("x", std::nullopt))));
+  EXPECT_TRUE(detached->seen.empty());
+}
+
+TEST_F(TimelineTest, FindRemoveAndApplyFollowTheStages) {
+  // A destination placed in the before stage is not found by key.
+  class BeforeDestination : public RecordingDestination {
+   public:
+    using RecordingDestination::RecordingDestination;
+    PluginType type() const override { return PluginType::before; }
+  };
+  auto misplaced = std::make_shared<BeforeDestination>("Misplaced");
+  auto destination = std::make_shared<RecordingDestination>("Dest");
+  auto inner = std::make_shared<Recorder>(PluginType::after);
+  analytics->add(misplaced);
+  analytics->add(destination);
+  destination->add(inner);
+  EXPECT_FALSE(analytics->find("Misplaced"));
+  EXPECT_EQ(analytics->find("Dest"), destination);
+  EXPECT_EQ(inner->analytics(), analytics);  // configured with the destination's client
+
+  std::vector<const Plugin*> visited;
+  analytics->apply([&](const std::shared_ptr<Plugin>& p) { visited.push_back(p.get()); });
+  EXPECT_NE(std::find(visited.begin(), visited.end(), inner.get()), visited.end());
+  EXPECT_LT(std::find(visited.begin(), visited.end(), misplaced.get()),
+            std::find(visited.begin(), visited.end(), destination.get()));
+
+  auto twice = std::make_shared<Recorder>(PluginType::after);
+  analytics->add(twice);
+  analytics->add(twice);
+  analytics->trackBash("e");
+  EXPECT_EQ(twice->seen().size(), 2u);
+  analytics->remove(twice);
+  EXPECT_EQ(twice->shutdowns, 2);
+  analytics->trackBash("f");
+  EXPECT_EQ(twice->seen().size(), 2u);
+}
+
+TEST_F(TimelineTest, PluginsAddedToAClientWithSettingsGetThemAsInitial) {
+  auto destination = std::make_shared<RecordingDestination>("Dest");
+  analytics->add(destination);
+  ASSERT_FALSE(destination->updates.empty());
+  EXPECT_EQ(destination->updates.front(), UpdateType::initial);
+}
+
+}  // namespace
+}  // namespace pelora
