@@ -5,11 +5,9 @@
 
 #include "pelora/platform/console.hpp"
 
-namespace pelora::log {
-namespace {
-std::atomic<bool> debugFlag{false};
+namespace pelora {
 
-std::string_view kindName(std::optional<LogFilterKind> kind) {
+std::string_view name(std::optional<LogFilterKind> kind) noexcept {
   if (!kind) return "log";
   switch (*kind) {
     case LogFilterKind::error:
@@ -21,6 +19,13 @@ std::string_view kindName(std::optional<LogFilterKind> kind) {
   }
   return "log";
 }
+
+}  // namespace pelora
+
+namespace pelora::log {
+namespace {
+std::atomic<bool> debugFlag{false};
+
 }  // namespace
 
 void setDebugEnabled(bool enabled) noexcept {
@@ -35,7 +40,7 @@ void message(std::string_view message, std::optional<LogFilterKind> kind, std::s
              int line) {
   if (!debugEnabled()) return;
   std::string text = "[pelora ";
-  text.append(kindName(kind)).append("] ").append(function).append(":");
+  text.append(pelora::name(kind)).append("] ").append(function).append(":");
   text.append(std::to_string(line)).append(" ").append(message);
   platform::printLine(text);
 }

@@ -10,6 +10,9 @@ namespace pelora {
 // How serious a log line is.
 enum class LogFilterKind { error, warning, debug };
 
+// "error", "warning", "debug"; "log" for a line without a kind.
+std::string_view name(std::optional<LogFilterKind> kind) noexcept;
+
 // Receives structured log lines: the client is one (its log function), tests record them.
 class LogSink {
  public:

@@ -10,18 +10,6 @@
 namespace pelora {
 namespace {
 
-std::string_view kindName(LogFilterKind kind) {
-  switch (kind) {
-    case LogFilterKind::error:
-      return "error";
-    case LogFilterKind::warning:
-      return "warning";
-    case LogFilterKind::debug:
-      return "debug";
-  }
-  return "log";
-}
-
 // error < warning < debug in the enum, so a smaller value is more severe.
 bool passes(LogFilterKind kind, LogFilterKind filter) {
   return static_cast<int>(kind) <= static_cast<int>(filter);
@@ -34,7 +22,7 @@ void ConsoleTarget::parseLog(const LogMessage& message) {
   line.append(" [pelora ");
   switch (message.type) {
     case LoggingType::log:
-      line.append(kindName(message.kind));
+      line.append(name(message.kind));
       break;
     case LoggingType::metric:
       line.append("metric");

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-
 namespace pelora::platform {
 namespace {
 
@@ -18,8 +17,9 @@ TEST(ClockTest, FormatsUTCWithMilliseconds) {
   EXPECT_EQ(iso8601(system_clock::time_point(std::chrono::microseconds(1'999))),
             "1970-01-01T00:00:00.001Z");
   EXPECT_EQ(iso8601(system_clock::time_point(milliseconds(-1))), "1969-12-31T23:59:59.999Z");
-  EXPECT_THAT(iso8601Now(),
-              testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}Z"));
+  EXPECT_THAT(
+      iso8601Now(),
+      testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}Z"));
 }
 
 }  // namespace
