@@ -96,6 +96,10 @@ PeloraAnalytics::PeloraAnalytics(std::shared_ptr<Configuration> configuration,
       launchOptions_(std::move(launchOptions)),
       timeline_(std::make_shared<Timeline>()) {}
 
+PeloraAnalytics::~PeloraAnalytics() {
+  if (foregroundObserver_) platform::AppLifecycle::shared().removeObserver(*foregroundObserver_);
+}
+
 void PeloraAnalytics::start() {
   const auto& values = configuration_->values;
   store_->provide(System::defaultState(configuration_, *storage_));
@@ -110,7 +114,7 @@ void PeloraAnalytics::start() {
 
   checkSettings();
   std::weak_ptr<PeloraAnalytics> weak = weak_from_this();
-  platform::AppLifecycle::shared().addWillEnterForegroundObserver(
+  foregroundObserver_ = platform::AppLifecycle::shared().addWillEnterForegroundObserver(
       [weak](platform::AppLifecycle::State state) {
         if (state != platform::AppLifecycle::State::background) return;
         if (auto analytics = weak.lock()) analytics->checkSettings();

@@ -20,6 +20,7 @@
 #include "pelora/core/events.hpp"
 #include "pelora/log/log.hpp"
 #include "pelora/log/pelora_log.hpp"
+#include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/push/push_provider.hpp"
 
@@ -43,6 +44,9 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   // machine and application), unless set.
   static std::optional<std::string> peloraUserId();
   static void setPeloraUserId(std::optional<std::string> userId);
+  // Stops watching the app lifecycle (a client normally lives as long as the process).
+  ~PeloraAnalytics() override;
+
   // "1.0.0".
   static std::string version() { return "1.0.0"; }
 
@@ -126,6 +130,7 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   std::shared_ptr<Storage> storage_;
   std::optional<LaunchOptions> launchOptions_;
   std::shared_ptr<Timeline> timeline_;
+  std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
 };
 
 template <class T>
