@@ -3,6 +3,8 @@
 #include <mutex>
 
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/pelora_destination.hpp"
+#include "pelora/delivery/pelora_monitor_event.hpp"
 #include "pelora/delivery/storage.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/clock.hpp"
@@ -107,6 +109,16 @@ void PeloraAnalytics::start() {
 
   add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::utility,
                                   PeloraLog::TargetTable{}));
+
+  if (values.autoAddPeloraDestination) {
+    auto destination = std::make_shared<PeloraDestination>();
+    destination->setAnalytics(shared_from_this());
+    add(destination);  // configures it (storage, HTTP client, flush timer) with this client
+  }
+  auto monitor = std::make_shared<PeloraMonitorEvent>();
+  monitor->setAnalytics(shared_from_this());
+  add(monitor);
+  debugPrint("Pelora: built-in destinations added");
 
   checkSettings();
   std::weak_ptr<PeloraAnalytics> weak = weak_from_this();
@@ -291,6 +303,9 @@ void PeloraAnalytics::manuallyEnableDestination(const std::shared_ptr<Destinatio
 }
 
 bool PeloraAnalytics::hasUnsentEvents() const {
+  if (auto destination = find<PeloraDestination>()) {
+    if (destination->pendingUploads() > 0 || destination->eventCount() > 0) return true;
+  }
   auto files = pendingUploads();
   return files && !files->empty();
 }

@@ -22,9 +22,8 @@ class PeloraMonitorEventTest : public ::testing::Test {
         .connectTo({server.connectTo(productionTrackingHost)})
         .caBundle(server.certificates().caFile);
     client = PeloraAnalytics::create(configuration);
-    plugin = std::make_shared<PeloraMonitorEvent>();
-    plugin->setAnalytics(client);
-    client->add(plugin);
+    plugin = client->find<PeloraMonitorEvent>();  // the client adds one at start-up
+    ASSERT_TRUE(plugin);
   }
 
   test::TempDirectory dir;
