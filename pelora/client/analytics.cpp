@@ -1,7 +1,10 @@
 #include "pelora/client/analytics.hpp"
 
+#include <chrono>
 #include <mutex>
+#include <thread>
 
+#include "pelora/client/startup_queue.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/delivery/pelora_destination.hpp"
 #include "pelora/delivery/pelora_monitor_event.hpp"
@@ -314,7 +317,13 @@ std::optional<std::vector<std::filesystem::path>> PeloraAnalytics::pendingUpload
   return storage_->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
 }
 
-void PeloraAnalytics::waitUntilStarted() const {}
+void PeloraAnalytics::waitUntilStarted() const {
+  auto startup = find<StartupQueue>();
+  if (!startup) return;
+  // The flag is set by a main-queue task; a caller on the main queue itself would wait forever.
+  if (platform::SerialQueue::main()->isCurrent()) return;
+  while (!startup->running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
 
 // ---- Logging ------------------------------------------------------------------------------------
 
