@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -16,6 +17,7 @@
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/delivery/http_client.hpp"
 #include "pelora/delivery/storage.hpp"
+#include "pelora/log/pelora_log.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
@@ -74,6 +76,8 @@ class PeloraDestinationTest : public ::testing::Test {
     client->add(destination);
     return client;
   }
+
+  void TearDown() override { PeloraAnalytics::setDebugLogsEnabled(false); }
 
   // Finished batch files on disk, in name order.
   std::vector<fs::path> finishedFiles() const {
@@ -211,6 +215,56 @@ TEST_F(PeloraDestinationTest, FlushDuringARunningUploadSendsNothingButFinishesTh
   ASSERT_EQ(requests.size(), 2u);
   JSON body = JSON::parse(requests[1].body);
   EXPECT_EQ(body["batch"]->arrayValue()->size(), 2u);
+}
+
+// Keeps every log line the client passes on, from any thread.
+class LineTarget : public LogTarget {
+ public:
+  void parseLog(const LogMessage& message) override {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(message.function + " | " + message.message);
+  }
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+TEST_F(PeloraDestinationTest, LogLinesTellWhatEachFlushDid) {
+  makeClient();
+  auto target = std::make_shared<LineTarget>();
+  client->add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::before,
+                                          PeloraLog::TargetTable{}));
+  client->add(target, LoggingType::log);
+  PeloraAnalytics::setDebugLogsEnabled(true);
+  server.enqueue(batchPath, {.status = 200, .delay = 1000ms});
+  client->trackBash("Logged");
+  destination->flush();
+  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_EQ(finishedFiles().size(), 1u);  // kept until the slow answer arrives
+  const std::string first = finishedFiles()[0].filename().string();
+  destination->flush();
+  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+  PeloraAnalytics::setDebugLogsEnabled(false);
+
+  std::vector<std::string> expected{
+      "flush() | Uploads in-progress: 0",
+      "flush() | Processing Batch:\n" + first,
+      "flush() | Uploads in-progress: 1",
+      "flush() | Skipping processing; Uploads in progress.",
+      "cleanupUploads() | Cleaned up 1 non-running uploads.",
+      "flush() | Processed: " + first,
+  };
+  auto lines = target->lines();
+  auto at = lines.begin();
+  for (const auto& line : expected) {
+    at = std::find(at, lines.end(), line);
+    ASSERT_NE(at, lines.end()) << "missing, or out of order: " << line;
+  }
 }
 
 TEST_F(PeloraDestinationTest, TimerFlushesOnItsOwn) {
