@@ -310,17 +310,5 @@ TEST_F(PeloraDestinationTest, SettingsNeedBothKeyAndHostToReplaceTheHTTPClient) 
   loose.flush();  // no client, storage or HTTP client: nothing happens
 }
 
-TEST_F(PeloraDestinationTest, ReplacedHTTPClientStillReachesTheServer) {
-  makeClient();
-  destination->update(Settings("settings-key", std::string(productionTrackingHost)),
-                      UpdateType::refresh);
-  client->trackBash("Keyed");
-  destination->flush();
-  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
-  ASSERT_EQ(server.requestCount(), 1u);
-  // The batch file carries the storage's write key; the request goes to the settings' host.
-  EXPECT_EQ(server.requests()[0].header("Host"), productionTrackingHost);
-}
-
 }  // namespace
 }  // namespace pelora
