@@ -1,8 +1,13 @@
 #include "pelora/client/analytics.hpp"
 
+#include <chrono>
 #include <mutex>
+#include <thread>
 
+#include "pelora/client/startup_queue.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/pelora_destination.hpp"
+#include "pelora/delivery/pelora_monitor_event.hpp"
 #include "pelora/delivery/storage.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/clock.hpp"
@@ -111,6 +116,16 @@ void PeloraAnalytics::start() {
 
   add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::utility,
                                   PeloraLog::TargetTable{}));
+
+  if (values.autoAddPeloraDestination) {
+    auto destination = std::make_shared<PeloraDestination>();
+    destination->setAnalytics(shared_from_this());
+    add(destination);  // configures it (storage, HTTP client, flush timer) with this client
+  }
+  auto monitor = std::make_shared<PeloraMonitorEvent>();
+  monitor->setAnalytics(shared_from_this());
+  add(monitor);
+  debugPrint("Pelora: built-in destinations added");
 
   checkSettings();
   std::weak_ptr<PeloraAnalytics> weak = weak_from_this();
@@ -295,6 +310,9 @@ void PeloraAnalytics::manuallyEnableDestination(const std::shared_ptr<Destinatio
 }
 
 bool PeloraAnalytics::hasUnsentEvents() const {
+  if (auto destination = find<PeloraDestination>()) {
+    if (destination->pendingUploads() > 0 || destination->eventCount() > 0) return true;
+  }
   auto files = pendingUploads();
   return files && !files->empty();
 }
@@ -303,7 +321,13 @@ std::optional<std::vector<std::filesystem::path>> PeloraAnalytics::pendingUpload
   return storage_->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
 }
 
-void PeloraAnalytics::waitUntilStarted() const {}
+void PeloraAnalytics::waitUntilStarted() const {
+  auto startup = find<StartupQueue>();
+  if (!startup) return;
+  // The flag is set by a main-queue task; a caller on the main queue itself would wait forever.
+  if (platform::SerialQueue::main()->isCurrent()) return;
+  while (!startup->running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
 
 // ---- Logging ------------------------------------------------------------------------------------
 

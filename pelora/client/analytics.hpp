@@ -96,7 +96,8 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   bool hasUnsentEvents() const;
   // The finished batch files waiting for upload.
   std::optional<std::vector<std::filesystem::path>> pendingUploads() const;
-  // Returns once a startup queue in the timeline (if any) is running. Call it on the main queue.
+  // Returns once a startup queue in the timeline (if any) is running; at once when there is none
+  // or when called from a main-queue task (which could never see the flag change).
   void waitUntilStarted() const;
 
   // Log lines: passed to a log plugin in the timeline while debug logs are on.

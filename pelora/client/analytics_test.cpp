@@ -4,12 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/pelora_destination.hpp"
+#include "pelora/delivery/pelora_monitor_event.hpp"
+#include "pelora/delivery/storage.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/state/store.hpp"
 #include "pelora/state/system.hpp"
+#include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
 namespace pelora {
@@ -61,12 +67,18 @@ class AnalyticsTest : public ::testing::Test {
     auto configuration = std::make_shared<Configuration>("client-key", std::nullopt);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     configuration->peloraAppPushID(pushId);
+    // The built-in destinations send to the tracking host: keep them on the local server.
+    configuration->autoAddPeloraDestination(autoAdd)
+        .connectTo({server.connectTo(productionTrackingHost)})
+        .caBundle(server.certificates().caFile);
     auto client = PeloraAnalytics::create(configuration);
     collector = std::make_shared<CollectingDestination>();
     client->add(collector);
     return client;
   }
   test::TempDirectory dir;
+  test::TestHttpsServer server;
+  bool autoAdd = true;
   std::shared_ptr<CollectingDestination> collector;
 };
 
@@ -234,6 +246,43 @@ TEST_F(AnalyticsTest, FlushReachesEventPluginsAndPendingUploadsListsFiles) {
   ASSERT_TRUE(pending);
   EXPECT_TRUE(pending->empty());
   client->waitUntilStarted();
+}
+
+TEST_F(AnalyticsTest, BuiltInDestinationsAreAddedAndTheirWorkCountsAsUnsent) {
+  auto client = makeClient();
+  auto destination = client->find<PeloraDestination>();
+  ASSERT_TRUE(destination);
+  EXPECT_EQ(client->find("Pelora.io"), destination);
+  EXPECT_EQ(destination->analytics(), client);
+  auto monitor = client->find<PeloraMonitorEvent>();
+  ASSERT_TRUE(monitor);
+  EXPECT_EQ(monitor->analytics(), client);
+  EXPECT_TRUE(monitor->httpClient());
+
+  client->trackBash("Counted");
+  EXPECT_EQ(destination->eventCount(), 1);
+  EXPECT_TRUE(client->hasUnsentEvents());  // counted but not yet in a finished file
+  client->flush();
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_TRUE(eventually([&] { return !client->hasUnsentEvents(); }));
+  EXPECT_EQ(server.requests()[0].path, "/tracking-controller/b");
+
+  client->trackEvent(Dictionary{}, "monitored", Dictionary{});
+  ASSERT_TRUE(server.waitForRequests(2));
+  EXPECT_EQ(server.requests()[1].path, "/");
+}
+
+TEST_F(AnalyticsTest, WithoutTheUploadDestinationOnlyFinishedFilesCount) {
+  autoAdd = false;
+  auto client = makeClient();
+  EXPECT_FALSE(client->find("Pelora.io"));
+  EXPECT_FALSE(client->find<PeloraDestination>());
+  EXPECT_TRUE(client->find<PeloraMonitorEvent>());
+  client->trackBash("Not stored");
+  EXPECT_FALSE(client->hasUnsentEvents());
+  // A batch left by an earlier run is still waiting.
+  std::ofstream(client->storage()->eventsDirectory() / "0-pelora-events.temp") << "{}";
+  EXPECT_TRUE(client->hasUnsentEvents());
 }
 
 }  // namespace

@@ -59,6 +59,8 @@ class TimelineTest : public ::testing::Test {
   TimelineTest() {
     auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    // Uploads are not under test here; nothing may head for the real tracking host.
+    configuration->autoAddPeloraDestination(false);
     analytics = PeloraAnalytics::create(configuration);
   }
   test::TempDirectory dir;

@@ -1,0 +1,78 @@
+#include "pelora/client/startup_queue.hpp"
+
+#include <string>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/state/system.hpp"
+
+namespace pelora {
+
+StartupQueue::StartupQueue()
+    : syncQueue_(platform::SerialQueue::create("startupQueue." +
+                                               std::string(platform::queueLabelSuffix))) {}
+
+std::shared_ptr<PeloraAnalytics> StartupQueue::analytics() const {
+  std::lock_guard lock(mutex_);
+  return analytics_;
+}
+
+void StartupQueue::setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+  {
+    std::lock_guard lock(mutex_);
+    analytics_ = analytics;
+  }
+  if (!analytics) return;
+  // The store keeps its subscribers weakly; the handler must not keep this plugin alive either.
+  std::weak_ptr<StartupQueue> weak = weak_from_this();
+  analytics->store()->subscribe<System>(shared_from_this(), false, platform::SerialQueue::main(),
+                                        [weak](const System& state) {
+                                          if (auto self = weak.lock()) self->runningUpdate(state);
+                                        });
+}
+
+void StartupQueue::runningUpdate(const System& state) {
+  running_.set(state.running);
+  if (state.running) syncQueue_->sync([&] { replay(); });
+}
+
+void StartupQueue::replay() {
+  auto client = analytics();
+  std::deque<HeldEvent> events;
+  events.swap(queuedEvents_);
+  if (!client) return;  // nobody to hand them to: they are lost
+  for (auto& held : events) {
+    std::visit(
+        [&](auto& event) {
+          using E = std::decay_t<decltype(event)>;
+          (void)client->timeline()->process(std::optional<E>(std::move(event)));
+        },
+        held);
+  }
+}
+
+template <class E>
+std::optional<E> StartupQueue::hold(std::optional<E> event) {
+  // The replay runs events back through this plugin on syncQueue: they pass, whatever the flag
+  // says by then, since waiting for syncQueue there could never end.
+  if (running_.get() || syncQueue_->isCurrent()) return event;
+  if (!event) return std::nullopt;
+  syncQueue_->sync([&] {
+    if (queuedEvents_.size() >= maxSize) queuedEvents_.pop_front();
+    queuedEvents_.emplace_back(std::move(*event));
+  });
+  return std::nullopt;
+}
+
+std::optional<TrackEvent> StartupQueue::execute(std::optional<TrackEvent> event) {
+  return hold(std::move(event));
+}
+
+std::optional<MonitorEvent> StartupQueue::execute(std::optional<MonitorEvent> event) {
+  return hold(std::move(event));
+}
+
+std::size_t StartupQueue::heldCount() const {
+  return syncQueue_->sync([&] { return queuedEvents_.size(); });
+}
+
+}  // namespace pelora

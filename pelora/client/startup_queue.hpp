@@ -1,0 +1,62 @@
+// StartupQueue: a before-stage plugin that holds events while the client's System state says it
+// is not running and replays them, oldest first, once it is. Events arrive on any thread; the
+// System subscription runs on the main queue; the held list is touched only on syncQueue.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <variant>
+
+#include "pelora/client/plugin.hpp"
+#include "pelora/delivery/concurrency.hpp"
+#include "pelora/platform/dispatch.hpp"
+#include "pelora/state/store.hpp"
+
+namespace pelora {
+
+struct System;
+
+class StartupQueue : public Plugin,
+                     public Subscriber,
+                     public std::enable_shared_from_this<StartupQueue> {
+ public:
+  // Only the newest this many held events survive.
+  static constexpr std::size_t maxSize = 1000;
+
+  StartupQueue();
+
+  PluginType type() const override { return PluginType::before; }
+  bool running() const { return running_.get(); }
+  void setRunning(bool running) { running_.set(running); }
+
+  std::shared_ptr<PeloraAnalytics> analytics() const override;
+  // A client subscribes this plugin to later System changes (not to the current state).
+  void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) override;
+
+  // While running: the event unchanged. Otherwise the event is held and nothing is returned.
+  std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
+  std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override;
+
+  // Events held now.
+  std::size_t heldCount() const;
+
+ private:
+  using HeldEvent = std::variant<TrackEvent, MonitorEvent>;
+
+  template <class E>
+  std::optional<E> hold(std::optional<E> event);
+  void runningUpdate(const System& state);
+  // Only on syncQueue_.
+  void replay();
+
+  Atomic<bool> running_{false};
+  const std::shared_ptr<platform::SerialQueue> syncQueue_;
+  std::deque<HeldEvent> queuedEvents_;  // touched only on syncQueue_
+  mutable std::mutex mutex_;            // guards analytics_
+  std::shared_ptr<PeloraAnalytics> analytics_;
+};
+
+}  // namespace pelora

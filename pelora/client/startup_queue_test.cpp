@@ -1,0 +1,157 @@
+#include "pelora/client/startup_queue.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/state/system.hpp"
+#include "tests/support/https_server.hpp"
+#include "tests/support/temp_directory.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+
+template <class Predicate>
+bool eventually(Predicate predicate) {
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// Records the names of the events that reach the destination stage, in order.
+class Recorder : public DestinationPlugin {
+ public:
+  std::string key() const override { return "Recorder"; }
+  std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
+    std::lock_guard lock(mutex);
+    if (event) names.push_back(event->event);
+    return event;
+  }
+  std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override {
+    std::lock_guard lock(mutex);
+    if (event) names.push_back("monitor:" + event->eventName);
+    return event;
+  }
+  std::vector<std::string> seen() {
+    std::lock_guard lock(mutex);
+    return names;
+  }
+  std::mutex mutex;
+  std::vector<std::string> names;
+};
+
+class StartupQueueTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto configuration = std::make_shared<Configuration>("startup-key", std::nullopt);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    configuration->autoAddPeloraDestination(false)
+        .connectTo({server.connectTo(productionTrackingHost)})
+        .caBundle(server.certificates().caFile);
+    client = PeloraAnalytics::create(configuration);
+    recorder = std::make_shared<Recorder>();
+    client->add(recorder);
+    queue = std::make_shared<StartupQueue>();
+    client->add(queue);
+  }
+  void setRunning(bool running) { client->store()->dispatch(System::ToggleRunningAction{running}); }
+
+  test::TempDirectory dir;
+  test::TestHttpsServer server;
+  std::shared_ptr<PeloraAnalytics> client;
+  std::shared_ptr<Recorder> recorder;
+  std::shared_ptr<StartupQueue> queue;
+};
+
+TEST_F(StartupQueueTest, AddedToARunningClientItHoldsUntilTheNextChange) {
+  ASSERT_TRUE(client->store()->currentState<System>()->running);
+  EXPECT_FALSE(queue->running());  // the current state is not delivered
+  client->trackBash("Held");
+  EXPECT_TRUE(recorder->seen().empty());
+  EXPECT_EQ(queue->heldCount(), 1u);
+
+  setRunning(false);  // a change to holding keeps holding
+  client->trackBash("Held too");
+  EXPECT_EQ(queue->heldCount(), 2u);
+
+  setRunning(true);
+  ASSERT_TRUE(eventually([&] { return recorder->seen().size() == 2; }));
+  EXPECT_EQ(recorder->seen(), (std::vector<std::string>{"Held", "Held too"}));
+  EXPECT_TRUE(queue->running());
+  EXPECT_EQ(queue->heldCount(), 0u);
+
+  client->trackBash("Passing");
+  EXPECT_EQ(recorder->seen().back(), "Passing");
+}
+
+TEST_F(StartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKinds) {
+  client->trackEvent(Dictionary{}, "first-dropped", Dictionary{});
+  for (int i = 1; i <= 999; ++i) client->trackBash("E" + std::to_string(i));
+  client->trackEvent(Dictionary{}, "last", Dictionary{});
+  EXPECT_EQ(queue->heldCount(), 1000u);
+  // Replayed events are not completed again: their message ids stay as recorded.
+  setRunning(true);
+  ASSERT_TRUE(eventually([&] { return recorder->seen().size() == 1000; }));
+  auto seen = recorder->seen();
+  EXPECT_EQ(seen.front(), "E1");
+  EXPECT_EQ(seen[998], "E999");
+  EXPECT_EQ(seen.back(), "monitor:last");
+  EXPECT_EQ(queue->heldCount(), 0u);
+}
+
+TEST_F(StartupQueueTest, HoldingAnAbsentEventQueuesNothing) {
+  EXPECT_EQ(queue->execute(std::optional<TrackEvent>()), std::nullopt);
+  EXPECT_EQ(queue->execute(std::optional<MonitorEvent>()), std::nullopt);
+  EXPECT_EQ(queue->heldCount(), 0u);
+  queue->setRunning(true);
+  TrackEvent event("Direct", std::nullopt);
+  EXPECT_EQ(queue->execute(std::optional<TrackEvent>(event)), event);
+}
+
+TEST_F(StartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
+  class Ids : public Recorder {
+   public:
+    std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
+      std::lock_guard lock(mutex);
+      if (event) names.push_back(event->messageId.value_or(""));
+      return event;
+    }
+  };
+  auto ids = std::make_shared<Ids>();
+  client->add(ids);
+  TrackEvent event("Stamped", std::nullopt);
+  event.messageId = "MESSAGE-1";
+  event.timestamp = "2020-01-01T00:00:00.000Z";
+  (void)client->timeline()->process(std::optional<TrackEvent>(event));
+  setRunning(true);
+  ASSERT_TRUE(eventually([&] { return ids->seen().size() == 1; }));
+  EXPECT_EQ(ids->seen()[0], "MESSAGE-1");
+}
+
+TEST_F(StartupQueueTest, WaitUntilStartedWaitsForTheRunningFlag) {
+  std::atomic<bool> returned{false};
+  std::atomic<bool> runningOnReturn{false};
+  std::thread waiter([&] {
+    client->waitUntilStarted();
+    runningOnReturn = queue->running();
+    returned = true;
+  });
+  EXPECT_FALSE(returned.load());
+  setRunning(true);
+  ASSERT_TRUE(eventually([&] { return returned.load(); }));
+  waiter.join();
+  EXPECT_TRUE(runningOnReturn.load());
+}
+
+}  // namespace
+}  // namespace pelora

@@ -1,0 +1,191 @@
+#include "pelora/delivery/pelora_destination.hpp"
+
+#include <algorithm>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/delivery/http_client.hpp"
+#include "pelora/delivery/storage.hpp"
+
+namespace pelora {
+
+PeloraDestination::PeloraDestination()
+    : uploadsQueue_(platform::SerialQueue::create("uploadsQueue." +
+                                                  std::string(platform::queueLabelSuffix))) {}
+
+PeloraDestination::~PeloraDestination() = default;
+
+void PeloraDestination::configure(std::shared_ptr<PeloraAnalytics> analytics) {
+  DestinationPlugin::configure(analytics);
+  if (!analytics) return;
+  auto configuration = analytics->configuration();
+  auto client = std::make_shared<HTTPClient>(configuration, std::weak_ptr<LogSink>(analytics),
+                                             std::nullopt, std::nullopt);
+  // The timer lives inside this object, so it must not keep it alive.
+  std::weak_ptr<PeloraDestination> weak = weak_from_this();
+  auto timer = std::make_unique<QueueTimer>(configuration->values.flushInterval,
+                                            platform::SerialQueue::main(), [weak] {
+                                              if (auto self = weak.lock()) self->flush();
+                                            });
+  std::unique_ptr<QueueTimer> previous;
+  {
+    std::lock_guard lock(mutex_);
+    storage_ = analytics->storage();
+    httpClient_ = std::move(client);
+    previous = std::move(flushTimer_);
+    flushTimer_ = std::move(timer);
+  }
+}
+
+void PeloraDestination::update(const Settings& settings, UpdateType /*type*/) {
+  std::optional<std::string> key;
+  std::optional<std::string> host;
+  if (auto entry = settings.integrationSettings(this->key())) {
+    auto stringEntry = [&](const char* name) -> std::optional<std::string> {
+      auto it = entry->find(name);
+      if (it == entry->end()) return std::nullopt;
+      if (const auto* text = std::any_cast<std::string>(&it->second)) return *text;
+      return std::nullopt;
+    };
+    key = stringEntry("apiKey");
+    host = stringEntry("apiHost");
+  }
+  auto client = analytics();
+  std::shared_ptr<HTTPClient> replacement;
+  if (key && host && client) {
+    replacement = std::make_shared<HTTPClient>(client->configuration(),
+                                               std::weak_ptr<LogSink>(client), key, host);
+  }
+  std::lock_guard lock(mutex_);
+  apiKey_ = std::move(key);
+  apiHost_ = std::move(host);
+  if (replacement) httpClient_ = std::move(replacement);
+}
+
+std::optional<TrackEvent> PeloraDestination::track(TrackEvent event) {
+  auto client = analytics();
+  std::shared_ptr<Storage> storage;
+  {
+    std::lock_guard lock(mutex_);
+    storage = storage_;
+  }
+  if (!storage || !client) return event;
+  storage->write(Storage::Constants::events, event);
+  std::int64_t count = 0;
+  eventCount_.modify([&](std::int64_t& value) { count = ++value; });
+  if (count >= client->configuration()->values.flushAt) flush();
+  return event;
+}
+
+void PeloraDestination::flush() {
+  auto client = analytics();
+  std::shared_ptr<Storage> storage;
+  std::shared_ptr<HTTPClient> http;
+  std::optional<std::string> key;
+  {
+    std::lock_guard lock(mutex_);
+    storage = storage_;
+    http = httpClient_;
+    key = apiKey_;
+  }
+  if (!client || !storage || !http) return;
+
+  auto files = storage->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
+  if (!files) return;
+  eventCount_.set(0);
+
+  const std::size_t inProgress = uploadsQueue_->sync([&] {
+    cleanupUploads();
+    return uploads_.size();
+  });
+  log("Uploads in-progress: " + std::to_string(inProgress), "flush()", __LINE__);
+  // One set of uploads at a time: a file still being sent must not be sent twice.
+  if (inProgress != 0) {
+    log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
+    return;
+  }
+
+  const std::string writeKey = key.value_or(client->configuration()->values.writeKey);
+  std::weak_ptr<PeloraDestination> weak = weak_from_this();
+  for (const auto& file : *files) {
+    log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
+    auto task = http->startBatchUpload(writeKey, file, [weak, file](const HTTPResult& result) {
+      if (auto self = weak.lock()) self->uploadFinished(file, result.succeeded());
+    });
+    if (task) {
+      uploadsQueue_->sync([&] {
+        uploads_.push_back(UploadTaskInfo{file, task, {}});
+        // A quick upload may have completed (and cleaned up) before its entry existed; without
+        // this the pending count would stay above zero until the next flush.
+        if (task->state() != platform::HttpTask::State::running) cleanupUploads();
+      });
+    }
+  }
+}
+
+// Runs on the HTTP session's worker; it hops to the storage queue and the uploads queue in turn,
+// never holding one while waiting for the other.
+void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded) {
+  auto client = analytics();
+  std::shared_ptr<Storage> storage;
+  {
+    std::lock_guard lock(mutex_);
+    storage = storage_;
+  }
+  if (succeeded) {
+    if (storage) {
+      storage->sync([&] {
+        try {
+          storage->remove(file);
+        } catch (const std::exception&) {
+          // Already gone: nothing left to send.
+        }
+      });
+    }
+    uploadsQueue_->sync([&] { cleanupUploads(); });
+  } else if (client) {
+    client->logFlush();
+  }
+  log("Processed: " + file.filename().string(), "flush()", __LINE__);
+  uploadsQueue_->sync([&] { cleanupUploads(); });
+}
+
+void PeloraDestination::cleanupUploads() {
+  std::vector<UploadTaskInfo> removed;
+  auto running = std::stable_partition(uploads_.begin(), uploads_.end(), [](const auto& info) {
+    return info.task && info.task->state() == platform::HttpTask::State::running;
+  });
+  std::move(running, uploads_.end(), std::back_inserter(removed));
+  uploads_.erase(running, uploads_.end());
+  for (auto& info : removed) {
+    if (info.cleanup) info.cleanup();
+  }
+  if (analytics()) {
+    log("Cleaned up " + std::to_string(removed.size()) + " non-running uploads.",
+        "cleanupUploads()", __LINE__);
+  }
+}
+
+std::size_t PeloraDestination::pendingUploads() const {
+  return uploadsQueue_->sync([&] { return uploads_.size(); });
+}
+
+std::optional<std::string> PeloraDestination::apiKey() const {
+  std::lock_guard lock(mutex_);
+  return apiKey_;
+}
+
+std::optional<std::string> PeloraDestination::apiHost() const {
+  std::lock_guard lock(mutex_);
+  return apiHost_;
+}
+
+std::shared_ptr<HTTPClient> PeloraDestination::httpClient() const {
+  std::lock_guard lock(mutex_);
+  return httpClient_;
+}
+
+void PeloraDestination::log(const std::string& message, const char* function, int line) const {
+  if (auto client = analytics()) client->log(message, LogFilterKind::debug, function, line);
+}
+
+}  // namespace pelora

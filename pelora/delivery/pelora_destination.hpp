@@ -1,0 +1,80 @@
+// PeloraDestination: the built-in destination that appends track events to the storage's batch
+// files and uploads finished files through HTTPClient. Events arrive on any thread; flushes run on
+// the caller's thread or (timer) on the main queue. The upload list lives on its own serial queue.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pelora/client/plugin.hpp"
+#include "pelora/delivery/concurrency.hpp"
+#include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/http_session.hpp"
+
+namespace pelora {
+
+class HTTPClient;
+class Storage;
+
+class PeloraDestination : public DestinationPlugin,
+                          public VersionedPlugin,
+                          public std::enable_shared_from_this<PeloraDestination> {
+ public:
+  // One started upload: the batch file, its task, and what to run when the entry is dropped.
+  struct UploadTaskInfo {
+    std::filesystem::path url;
+    std::shared_ptr<platform::HttpTask> task;
+    std::function<void()> cleanup;
+  };
+
+  PeloraDestination();
+  ~PeloraDestination() override;
+
+  static std::string version() { return "1.0.0"; }
+  std::string pluginVersion() const override { return version(); }
+  std::string key() const override { return "Pelora.io"; }
+
+  // Takes the client's storage, makes an HTTP client with default key and host and starts the
+  // flush timer (every flushInterval seconds, on the main queue).
+  void configure(std::shared_ptr<PeloraAnalytics> analytics) override;
+  // Uses "apiKey" and "apiHost" under "Pelora.io"; only both together replace the HTTP client.
+  void update(const Settings& settings, UpdateType type) override;
+  // Appends the event to the current batch file; flushes here once flushAt events are stored.
+  std::optional<TrackEvent> track(TrackEvent event) override;
+  // Finishes the current batch file and uploads every finished file, unless uploads are running.
+  void flush() override;
+
+  // Upload entries not yet cleaned up.
+  std::size_t pendingUploads() const;
+  // Events stored since the last flush.
+  std::int64_t eventCount() const { return eventCount_.get(); }
+  std::optional<std::string> apiKey() const;
+  std::optional<std::string> apiHost() const;
+  std::shared_ptr<HTTPClient> httpClient() const;
+
+ private:
+  // Only on uploadsQueue_.
+  void cleanupUploads();
+  void uploadFinished(const std::filesystem::path& file, bool succeeded);
+  void log(const std::string& message, const char* function, int line) const;
+
+  const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
+  std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
+  Atomic<std::int64_t> eventCount_{0};
+
+  mutable std::mutex mutex_;  // guards the members below, which configure and update replace
+  std::shared_ptr<Storage> storage_;
+  std::shared_ptr<HTTPClient> httpClient_;
+  std::optional<std::string> apiKey_;
+  std::optional<std::string> apiHost_;
+  std::unique_ptr<QueueTimer> flushTimer_;
+};
+
+}  // namespace pelora

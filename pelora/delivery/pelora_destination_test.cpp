@@ -1,0 +1,314 @@
+#include "pelora/delivery/pelora_destination.hpp"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/http_client.hpp"
+#include "pelora/delivery/storage.hpp"
+#include "pelora/log/pelora_log.hpp"
+#include "tests/support/https_server.hpp"
+#include "tests/support/temp_directory.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr const char* batchPath = "/tracking-controller/b";
+
+template <class Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+int closedPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class PeloraDestinationTest : public ::testing::Test {
+ protected:
+  // A client without the built-in destination, so each test owns the one it adds.
+  std::shared_ptr<PeloraAnalytics> makeClient(std::int64_t flushAt = 100,
+                                              double flushInterval = 3600,
+                                              std::optional<int> refusedPort = {}) {
+    configuration = std::make_shared<Configuration>("dest-key", std::nullopt);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    configuration->flushAt(flushAt).flushInterval(flushInterval).autoAddPeloraDestination(false);
+    std::string route = refusedPort ? std::string(productionTrackingHost) +
+                                          ":443:127.0.0.1:" + std::to_string(*refusedPort)
+                                    : server.connectTo(productionTrackingHost);
+    configuration->connectTo({route}).caBundle(server.certificates().caFile);
+    client = PeloraAnalytics::create(configuration);
+    destination = std::make_shared<PeloraDestination>();
+    client->add(destination);
+    return client;
+  }
+
+  void TearDown() override { PeloraAnalytics::setDebugLogsEnabled(false); }
+
+  // Finished batch files on disk, in name order.
+  std::vector<fs::path> finishedFiles() const {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(client->storage()->eventsDirectory())) {
+      if (entry.path().extension() == ".temp") files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+  }
+  bool uploadsSettled() const { return destination->pendingUploads() == 0; }
+
+  test::TempDirectory dir;
+  test::TestHttpsServer server;
+  std::shared_ptr<Configuration> configuration;
+  std::shared_ptr<PeloraAnalytics> client;
+  std::shared_ptr<PeloraDestination> destination;
+};
+
+TEST_F(PeloraDestinationTest, IdentifiesItself) {
+  PeloraDestination destination;
+  EXPECT_EQ(destination.key(), "Pelora.io");
+  EXPECT_EQ(destination.type(), PluginType::destination);
+  EXPECT_EQ(PeloraDestination::version(), "1.0.0");
+  EXPECT_EQ(destination.pluginVersion(), "1.0.0");
+  EXPECT_EQ(destination.pendingUploads(), 0u);
+}
+
+TEST_F(PeloraDestinationTest, SuccessfulUploadSendsTheBatchAndDeletesTheFile) {
+  makeClient();
+  client->trackBash("First", Dictionary{{"n", 1}});
+  client->trackBash("Second");
+  client->trackEvent(Dictionary{{"id", "x"}}, "monitored", Dictionary{});  // not stored here
+  EXPECT_EQ(destination->eventCount(), 2);
+  client->flush();
+  EXPECT_EQ(destination->eventCount(), 0);
+  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+
+  std::vector<test::RecordedRequest> uploads;
+  for (const auto& request : server.requests()) {
+    if (request.path == batchPath) uploads.push_back(request);
+  }
+  ASSERT_EQ(uploads.size(), 1u);
+  JSON body = JSON::parse(uploads[0].body);
+  ASSERT_TRUE(body["batch"] && body["sentAt"] && body["writeKey"]);
+  EXPECT_EQ(body["writeKey"], JSON("dest-key"));
+  auto batch = body["batch"]->arrayValue();
+  ASSERT_TRUE(batch);
+  ASSERT_EQ(batch->size(), 2u);
+  for (std::int64_t i = 0; i < 2; ++i) {
+    auto event = (*body["batch"])[i];
+    ASSERT_TRUE(event);
+    EXPECT_EQ((*event)["event"], JSON(i == 0 ? "First" : "Second"));
+    EXPECT_EQ((*event)["type"], JSON("track"));
+  }
+}
+
+TEST_F(PeloraDestinationTest, RejectedBatchesStayAndGoAgainWithNewerOnes) {
+  makeClient();
+  server.enqueue(batchPath, {.status = 500});
+  server.enqueue(batchPath, {.status = 429});
+  server.enqueue(batchPath, {.status = 429});
+  client->trackBash("Old");
+  destination->flush();
+  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+  auto kept = finishedFiles();
+  ASSERT_EQ(kept.size(), 1u);
+  const std::string oldBody = readFile(kept[0]);
+  EXPECT_EQ(server.requests()[0].body, oldBody);  // sent unchanged and kept unchanged
+
+  client->trackBash("New");
+  destination->flush();  // both files: each is answered 429
+  ASSERT_TRUE(server.waitForRequests(3));
+  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+  ASSERT_EQ(finishedFiles().size(), 2u);
+
+  destination->flush();  // the default answer is 200
+  ASSERT_TRUE(server.waitForRequests(5));
+  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+  int oldSends = 0;
+  for (const auto& request : server.requests()) oldSends += request.body == oldBody ? 1 : 0;
+  EXPECT_EQ(oldSends, 3);
+  EXPECT_EQ(server.requestCount(), 5u);
+}
+
+TEST_F(PeloraDestinationTest, RefusedConnectionKeepsTheFile) {
+  makeClient(100, 3600, closedPort());
+  client->trackBash("Lost?");
+  destination->flush();
+  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+  EXPECT_EQ(finishedFiles().size(), 1u);
+  EXPECT_EQ(destination->eventCount(), 0);
+}
+
+TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
+  makeClient(1);
+  server.setDefaultResponse({.status = 500});  // keep every file to look at it
+  for (int i = 0; i < 3; ++i) {
+    client->trackBash("E" + std::to_string(i));
+    EXPECT_EQ(destination->eventCount(), 0);
+    ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+  }
+  auto files = finishedFiles();
+  ASSERT_EQ(files.size(), 3u);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    JSON body = JSON::parse(readFile(files[i]));
+    ASSERT_TRUE(body["batch"] && body["batch"]->arrayValue());
+    EXPECT_EQ(body["batch"]->arrayValue()->size(), 1u);
+  }
+}
+
+TEST_F(PeloraDestinationTest, FlushDuringARunningUploadSendsNothingButFinishesTheFile) {
+  makeClient();
+  server.enqueue(batchPath, {.status = 200, .delay = 1500ms});
+  client->trackBash("Slow");
+  destination->flush();
+  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_EQ(destination->pendingUploads(), 1u);
+
+  client->trackBash("Waiting");
+  client->trackBash("Waiting too");
+  EXPECT_EQ(destination->eventCount(), 2);
+  destination->flush();
+  EXPECT_EQ(destination->eventCount(), 0);
+  // Still only the slow upload is listed; the new events sit in a finished file of their own.
+  EXPECT_EQ(destination->pendingUploads(), 1u);
+  EXPECT_EQ(finishedFiles().size(), 2u);
+
+  ASSERT_TRUE(eventually([&] { return finishedFiles().size() == 1 && uploadsSettled(); }));
+  EXPECT_EQ(server.requestCount(), 1u);
+  destination->flush();
+  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  JSON body = JSON::parse(requests[1].body);
+  EXPECT_EQ(body["batch"]->arrayValue()->size(), 2u);
+}
+
+// Keeps every log line the client passes on, from any thread.
+class LineTarget : public LogTarget {
+ public:
+  void parseLog(const LogMessage& message) override {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(message.function + " | " + message.message);
+  }
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+TEST_F(PeloraDestinationTest, LogLinesTellWhatEachFlushDid) {
+  makeClient();
+  auto target = std::make_shared<LineTarget>();
+  client->add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::before,
+                                          PeloraLog::TargetTable{}));
+  client->add(target, LoggingType::log);
+  PeloraAnalytics::setDebugLogsEnabled(true);
+  server.enqueue(batchPath, {.status = 200, .delay = 1000ms});
+  client->trackBash("Logged");
+  destination->flush();
+  ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_EQ(finishedFiles().size(), 1u);  // kept until the slow answer arrives
+  const std::string first = finishedFiles()[0].filename().string();
+  destination->flush();
+  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+  PeloraAnalytics::setDebugLogsEnabled(false);
+
+  std::vector<std::string> expected{
+      "flush() | Uploads in-progress: 0",
+      "flush() | Processing Batch:\n" + first,
+      "flush() | Uploads in-progress: 1",
+      "flush() | Skipping processing; Uploads in progress.",
+      "cleanupUploads() | Cleaned up 1 non-running uploads.",
+      "flush() | Processed: " + first,
+  };
+  auto lines = target->lines();
+  auto at = lines.begin();
+  for (const auto& line : expected) {
+    at = std::find(at, lines.end(), line);
+    ASSERT_NE(at, lines.end()) << "missing, or out of order: " << line;
+  }
+}
+
+TEST_F(PeloraDestinationTest, TimerFlushesOnItsOwn) {
+  makeClient(100, 0.05);
+  client->trackBash("Timed");
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_TRUE(eventually([&] { return finishedFiles().empty(); }));
+}
+
+TEST_F(PeloraDestinationTest, SettingsNeedBothKeyAndHostToReplaceTheHTTPClient) {
+  makeClient();
+  // Adding it handed over the client's settings, which carry both.
+  EXPECT_EQ(destination->apiKey(), "dest-key");
+  EXPECT_EQ(destination->apiHost(), std::string(productionTrackingHost));
+  auto first = destination->httpClient();
+  ASSERT_TRUE(first);
+
+  Settings keyOnly;
+  keyOnly.integrations = JSON(Dictionary{{"Pelora.io", Dictionary{{"apiKey", "k2"}}}});
+  destination->update(keyOnly, UpdateType::refresh);
+  EXPECT_EQ(destination->httpClient(), first);
+  EXPECT_EQ(destination->apiKey(), "k2");
+  EXPECT_EQ(destination->apiHost(), std::nullopt);  // a missing entry clears the old one
+
+  Settings wrongTypes;
+  wrongTypes.integrations =
+      JSON(Dictionary{{"Pelora.io", Dictionary{{"apiKey", 5}, {"apiHost", "h"}}}});
+  destination->update(wrongTypes, UpdateType::initial);
+  EXPECT_EQ(destination->httpClient(), first);
+  EXPECT_EQ(destination->apiKey(), std::nullopt);
+
+  destination->update(Settings("k3", "collector.test"), UpdateType::refresh);
+  auto replaced = destination->httpClient();
+  ASSERT_NE(replaced, first);
+  EXPECT_EQ(replaced->apiKey(), "k3");
+  EXPECT_EQ(replaced->apiHost(), "collector.test");
+
+  // Without a client there is nothing to build an HTTP client for.
+  PeloraDestination loose;
+  loose.update(Settings("k", "h"), UpdateType::initial);
+  EXPECT_EQ(loose.httpClient(), nullptr);
+  EXPECT_EQ(loose.apiKey(), "k");
+  loose.flush();  // no client, storage or HTTP client: nothing happens
+}
+
+}  // namespace
+}  // namespace pelora

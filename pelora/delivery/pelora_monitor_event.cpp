@@ -1,0 +1,69 @@
+#include "pelora/delivery/pelora_monitor_event.hpp"
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/delivery/http_client.hpp"
+
+namespace pelora {
+namespace {
+
+std::optional<std::string> stringEntry(const std::optional<Dictionary>& entry, const char* name) {
+  if (!entry) return std::nullopt;
+  auto it = entry->find(name);
+  if (it == entry->end()) return std::nullopt;
+  if (const auto* text = std::any_cast<std::string>(&it->second)) return *text;
+  return std::nullopt;
+}
+
+}  // namespace
+
+PeloraMonitorEvent::PeloraMonitorEvent() : timeline_(std::make_shared<Timeline>()) {}
+
+std::shared_ptr<PeloraAnalytics> PeloraMonitorEvent::analytics() const {
+  std::lock_guard lock(mutex_);
+  return analytics_;
+}
+
+void PeloraMonitorEvent::setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+  std::shared_ptr<HTTPClient> client;
+  if (analytics) {
+    client = std::make_shared<HTTPClient>(
+        analytics->configuration(), std::weak_ptr<LogSink>(analytics), std::nullopt, std::nullopt);
+  }
+  std::lock_guard lock(mutex_);
+  analytics_ = std::move(analytics);
+  // Clearing the client keeps the HTTP client, as only an assignment brings a new one.
+  if (client) httpClient_ = std::move(client);
+}
+
+void PeloraMonitorEvent::update(const Settings& settings, UpdateType /*type*/) {
+  auto entry = settings.integrationSettings("Pelora.io");
+  std::lock_guard lock(mutex_);
+  apiKey_ = stringEntry(entry, "apiKey");
+  apiHost_ = stringEntry(entry, "apiHost");
+}
+
+std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
+  if (auto client = httpClient()) {
+    client->trackingEventPayload(event.identityId, event.eventName, event.eventData,
+                                 event.profile.value_or(std::vector<JSON>{}),
+                                 [](const HTTPResult&) {});
+  }
+  return event;
+}
+
+std::shared_ptr<HTTPClient> PeloraMonitorEvent::httpClient() const {
+  std::lock_guard lock(mutex_);
+  return httpClient_;
+}
+
+std::optional<std::string> PeloraMonitorEvent::apiKey() const {
+  std::lock_guard lock(mutex_);
+  return apiKey_;
+}
+
+std::optional<std::string> PeloraMonitorEvent::apiHost() const {
+  std::lock_guard lock(mutex_);
+  return apiHost_;
+}
+
+}  // namespace pelora

@@ -1,0 +1,48 @@
+// PeloraMonitorEvent: a before-stage plugin that posts each monitor event at once through an
+// HTTPClient of its own and ignores the answer; it stores nothing. Events arrive on any thread;
+// the client and the HTTP client are replaced under a lock.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "pelora/client/plugin.hpp"
+#include "pelora/client/timeline.hpp"
+
+namespace pelora {
+
+class HTTPClient;
+
+class PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
+ public:
+  PeloraMonitorEvent();
+
+  static std::string version() { return "1.0.0"; }
+  std::string pluginVersion() const override { return version(); }
+  PluginType type() const override { return PluginType::before; }
+  const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
+
+  std::shared_ptr<PeloraAnalytics> analytics() const override;
+  // A client (not an empty one) also brings a fresh HTTP client with default key and host.
+  void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) override;
+  // Fills apiKey and apiHost from "Pelora.io" like the upload destination; sending ignores them.
+  void update(const Settings& settings, UpdateType type) override;
+  // Posts the event when there is an HTTP client; returns it unchanged either way.
+  std::optional<MonitorEvent> trackNow(MonitorEvent event) override;
+
+  std::shared_ptr<HTTPClient> httpClient() const;
+  std::optional<std::string> apiKey() const;
+  std::optional<std::string> apiHost() const;
+
+ private:
+  const std::shared_ptr<Timeline> timeline_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<PeloraAnalytics> analytics_;
+  std::shared_ptr<HTTPClient> httpClient_;
+  std::optional<std::string> apiKey_;
+  std::optional<std::string> apiHost_;
+};
+
+}  // namespace pelora

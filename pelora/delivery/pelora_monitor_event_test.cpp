@@ -1,0 +1,103 @@
+#include "pelora/delivery/pelora_monitor_event.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/http_client.hpp"
+#include "tests/support/https_server.hpp"
+#include "tests/support/temp_directory.hpp"
+
+namespace pelora {
+namespace {
+
+class PeloraMonitorEventTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    configuration = std::make_shared<Configuration>("monitor-key", std::nullopt);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    configuration->autoAddPeloraDestination(false)
+        .connectTo({server.connectTo(productionTrackingHost)})
+        .caBundle(server.certificates().caFile);
+    client = PeloraAnalytics::create(configuration);
+    plugin = client->find<PeloraMonitorEvent>();  // the client adds one at start-up
+    ASSERT_TRUE(plugin);
+  }
+
+  test::TempDirectory dir;
+  test::TestHttpsServer server;
+  std::shared_ptr<Configuration> configuration;
+  std::shared_ptr<PeloraAnalytics> client;
+  std::shared_ptr<PeloraMonitorEvent> plugin;
+};
+
+TEST_F(PeloraMonitorEventTest, MonitorEventsArePostedAtOnceAndTrackEventsAreNot) {
+  client->trackBash("Ordinary");
+  client->trackEvent(Dictionary{{"email", "a@b.c"}}, "first", Dictionary{{"k", "v"}});
+  ASSERT_TRUE(server.waitForRequests(1));
+  client->trackEvent(Dictionary{{"email", "a@b.c"}}, "second", Dictionary{},
+                     std::vector<Dictionary>{Dictionary{{"name", "N"}}});
+  ASSERT_TRUE(server.waitForRequests(2));
+
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);  // the track event sent nothing
+  std::vector<std::string> names;
+  for (const auto& request : requests) {
+    EXPECT_EQ(request.path, "/");
+    JSON body = JSON::parse(request.body);
+    ASSERT_TRUE(body.mapPointer());
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : *body.mapPointer()) keys.push_back(key);
+    EXPECT_EQ(keys, (std::vector<std::string>{"eventData", "event_date", "event_name",
+                                              "identity_id", "profile", "workspace_id"}));
+    EXPECT_EQ(body["workspace_id"], JSON("monitor-key"));
+    EXPECT_EQ((*body["identity_id"])["email"], JSON("a@b.c"));
+    EXPECT_EQ((*body["eventData"])["platform"], JSON("iOS"));
+    names.push_back(body["event_name"]->stringValue().value_or(""));
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"first", "second"}));
+}
+
+TEST_F(PeloraMonitorEventTest, ExecutePassesEventsThroughUnchanged) {
+  TrackEvent track("Plain", std::nullopt);
+  EXPECT_EQ(plugin->execute(std::optional<TrackEvent>(track)), track);
+  MonitorEvent monitor(JSON("id"), "direct", JSON(JSON::Map{}), std::nullopt);
+  EXPECT_EQ(plugin->execute(std::optional<MonitorEvent>(monitor)), monitor);
+  ASSERT_TRUE(server.waitForRequests(1));
+  JSON body = JSON::parse(server.requests()[0].body);
+  EXPECT_EQ(body["event_name"], JSON("direct"));
+  EXPECT_EQ(body["profile"], JSON(JSON::List{}));
+}
+
+TEST_F(PeloraMonitorEventTest, WithoutAClientNothingIsSent) {
+  PeloraMonitorEvent loose;
+  EXPECT_EQ(loose.type(), PluginType::before);
+  EXPECT_EQ(PeloraMonitorEvent::version(), loose.pluginVersion());
+  MonitorEvent monitor(JSON("id"), "early", JSON(JSON::Map{}), std::nullopt);
+  EXPECT_EQ(loose.execute(std::optional<MonitorEvent>(monitor)), monitor);
+  EXPECT_EQ(loose.httpClient(), nullptr);
+  loose.setAnalytics(nullptr);
+  EXPECT_EQ(loose.httpClient(), nullptr);
+}
+
+TEST_F(PeloraMonitorEventTest, SettingsFillKeyAndHostAndAssigningMakesAFreshHTTPClient) {
+  EXPECT_EQ(plugin->apiKey(), "monitor-key");  // handed the client's settings when added
+  EXPECT_EQ(plugin->apiHost(), std::string(productionTrackingHost));
+  auto first = plugin->httpClient();
+  plugin->update(Settings(), UpdateType::refresh);
+  EXPECT_EQ(plugin->apiKey(), std::nullopt);
+  EXPECT_EQ(plugin->apiHost(), std::nullopt);
+  EXPECT_EQ(plugin->httpClient(), first);  // settings never replace the sender
+
+  plugin->setAnalytics(client);
+  ASSERT_NE(plugin->httpClient(), first);
+  EXPECT_EQ(plugin->httpClient()->apiKey(), "monitor-key");
+  plugin->setAnalytics(nullptr);
+  EXPECT_NE(plugin->httpClient(), nullptr);
+}
+
+}  // namespace
+}  // namespace pelora
