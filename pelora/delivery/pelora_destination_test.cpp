@@ -248,7 +248,12 @@ TEST_F(PeloraDestinationTest, LogLinesTellWhatEachFlushDid) {
   ASSERT_EQ(finishedFiles().size(), 1u);  // kept until the slow answer arrives
   const std::string first = finishedFiles()[0].filename().string();
   destination->flush();
-  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
+  // The completion deletes the file before it logs "Processed:", so wait for the line itself.
+  const std::string processed = "flush() | Processed: " + first;
+  ASSERT_TRUE(eventually([&] {
+    auto lines = target->lines();
+    return std::find(lines.begin(), lines.end(), processed) != lines.end();
+  }));
   PeloraAnalytics::setDebugLogsEnabled(false);
 
   std::vector<std::string> expected{
