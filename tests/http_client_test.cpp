@@ -14,6 +14,8 @@
 #include "pelora/core/service_hosts.hpp"
 #include "tests/support/https_server.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora {
 
 // Reaches the shared response handler, which no transport outcome can drive to its
@@ -27,6 +29,8 @@ struct HTTPClientTestPeer {
 };
 
 namespace {
+
+using test::closedPort;
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -87,18 +91,6 @@ struct Results {
 std::pair<std::shared_ptr<Results>, HTTPCompletion> collector() {
   auto results = std::make_shared<Results>();
   return {results, results->completion(results)};
-}
-
-int closedPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 class HTTPClientTest : public ::testing::Test {

@@ -18,8 +18,12 @@
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora {
 namespace {
+
+using test::eventually;
 
 using namespace std::chrono_literals;
 
@@ -50,16 +54,6 @@ class CollectingDestination : public DestinationPlugin {
   std::atomic<int> resets{0};
   std::atomic<int> flushes{0};
 };
-
-template <class Predicate>
-bool eventually(Predicate predicate) {
-  auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 class AnalyticsTest : public ::testing::Test {
  protected:

@@ -13,20 +13,14 @@
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora {
 namespace {
 
-using namespace std::chrono_literals;
+using test::eventually;
 
-template <class Predicate>
-bool eventually(Predicate predicate) {
-  auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using namespace std::chrono_literals;
 
 // Records the names of the events that reach the destination stage, in order.
 class Recorder : public DestinationPlugin {

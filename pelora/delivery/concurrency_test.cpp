@@ -13,35 +13,16 @@
 
 #include "pelora/log/log.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora {
 namespace {
+
+using test::Counter;
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using platform::SerialQueue;
-
-// Counts from any thread; add() notifies under the lock so a waiter may destroy it at once.
-class Counter {
- public:
-  void add() {
-    std::lock_guard lock(mutex_);
-    ++value_;
-    changed_.notify_all();
-  }
-  bool waitFor(int target, std::chrono::milliseconds limit = 10s) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return value_ >= target; });
-  }
-  int value() {
-    std::lock_guard lock(mutex_);
-    return value_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int value_ = 0;
-};
 
 // Sets the module-wide debug switch for one test and restores it.
 class DebugLogs {

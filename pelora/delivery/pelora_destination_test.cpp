@@ -21,35 +21,18 @@
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora {
 namespace {
+
+using test::closedPort;
+using test::eventually;
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr const char* batchPath = "/tracking-controller/b";
-
-template <class Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
-
-int closedPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
 std::string readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);

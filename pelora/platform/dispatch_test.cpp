@@ -15,35 +15,15 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora::platform {
 namespace {
 
+using test::Counter;
+
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-// Counts events from any thread and waits for a count with a deadline. add() notifies under the
-// lock, so a waiter that has seen its count may destroy the counter at once.
-class Counter {
- public:
-  void add(int n = 1) {
-    std::lock_guard lock(mutex_);
-    value_ += n;
-    changed_.notify_all();
-  }
-  bool waitFor(int target, std::chrono::milliseconds limit = 10s) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return value_ >= target; });
-  }
-  int value() {
-    std::lock_guard lock(mutex_);
-    return value_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int value_ = 0;
-};
 
 // Aborts the process with `what` when kick() is not called for `limit`: a stuck round fails the
 // suite at once instead of hanging it.

@@ -20,8 +20,13 @@
 #include "pelora/core/service_hosts.hpp"
 #include "tests/support/https_server.hpp"
 
+#include "tests/support/waiting.hpp"
+
 namespace pelora::platform {
 namespace {
+
+using test::closedPort;
+using test::eventually;
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -79,30 +84,6 @@ std::size_t threadCount() {
   std::size_t count = 0;
   for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/task")) ++count;
   return count;
-}
-
-// Polls `condition` (for facts nothing notifies about) until it holds or `timeout` passes.
-template <class Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = 10s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
-// A port on 127.0.0.1 that nothing listens on.
-int closedPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 class HttpSessionTest : public ::testing::Test {
