@@ -14,9 +14,27 @@ std::optional<std::string> stringEntry(const std::optional<Dictionary>& entry, c
   return std::nullopt;
 }
 
+// Counts one post from its start until its completion is released: after it has run, or when the
+// HTTP client drops it unsent.
+class PostInFlight {
+ public:
+  explicit PostInFlight(std::shared_ptr<std::atomic<std::size_t>> count)
+      : count_(std::move(count)) {
+    ++*count_;
+  }
+  ~PostInFlight() { --*count_; }
+  PostInFlight(const PostInFlight&) = delete;
+  PostInFlight& operator=(const PostInFlight&) = delete;
+
+ private:
+  std::shared_ptr<std::atomic<std::size_t>> count_;
+};
+
 }  // namespace
 
-PeloraMonitorEvent::PeloraMonitorEvent() : timeline_(std::make_shared<Timeline>()) {}
+PeloraMonitorEvent::PeloraMonitorEvent()
+    : timeline_(std::make_shared<Timeline>()),
+      postsInFlight_(std::make_shared<std::atomic<std::size_t>>(0)) {}
 
 std::shared_ptr<PeloraAnalytics> PeloraMonitorEvent::analytics() const {
   std::lock_guard lock(mutex_);
@@ -44,9 +62,10 @@ void PeloraMonitorEvent::update(const Settings& settings, UpdateType /*type*/) {
 
 std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
   if (auto client = httpClient()) {
-    client->trackingEventPayload(event.identityId, event.eventName, event.eventData,
-                                 event.profile.value_or(std::vector<JSON>{}),
-                                 [](const HTTPResult&) {});
+    client->trackingEventPayload(
+        event.identityId, event.eventName, event.eventData,
+        event.profile.value_or(std::vector<JSON>{}),
+        [inFlight = std::make_shared<PostInFlight>(postsInFlight_)](const HTTPResult&) {});
   }
   return event;
 }

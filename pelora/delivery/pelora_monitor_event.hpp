@@ -3,6 +3,8 @@
 // the client and the HTTP client are replaced under a lock.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,11 +35,15 @@ class PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
   std::optional<MonitorEvent> trackNow(MonitorEvent event) override;
 
   std::shared_ptr<HTTPClient> httpClient() const;
+  // Posts started and not yet answered: a host about to exit can wait for zero.
+  std::size_t postsInFlight() const noexcept { return postsInFlight_->load(); }
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
 
  private:
   const std::shared_ptr<Timeline> timeline_;
+  // Shared with the completions, which may outlive this plugin.
+  const std::shared_ptr<std::atomic<std::size_t>> postsInFlight_;
   mutable std::mutex mutex_;
   std::shared_ptr<PeloraAnalytics> analytics_;
   std::shared_ptr<HTTPClient> httpClient_;

@@ -1,93 +1,14 @@
-// TestHttpsServer: an HTTPS server on 127.0.0.1 for tests and the local collector. It records
-// every request and answers from per-path scripts. Handlers run on the server's own connection
-// threads; every public call is thread-safe. Owns its socket and threads; stop() joins them.
+// The tests' names for the local collector's HTTPS server, which they script per path.
 #pragma once
 
-#include <chrono>
-#include <cstddef>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
+#include "tools/collector/https_server.hpp"
 
 namespace pelora::test {
 
-using Headers = std::vector<std::pair<std::string, std::string>>;
-
-struct RecordedRequest {
-  std::string method;
-  std::string path;    // without the query
-  std::string target;  // as sent: path and query
-  Headers headers{};
-  std::string body{};
-  std::chrono::steady_clock::time_point time;  // when the whole request had arrived
-
-  // The first field named `name` (any letter case).
-  std::optional<std::string> header(std::string_view name) const;
-  std::size_t headerCount(std::string_view name) const;
-};
-
-struct ScriptedResponse {
-  int status = 200;
-  std::string body{};
-  std::string contentType = "application/json";
-  Headers headers{};
-  std::chrono::milliseconds delay{0};  // before answering; cut short when the server stops
-  bool dropConnection = false;         // close the connection instead of answering
-};
-
-// PEM files: the authority clients trust, and the server's certificate and key.
-struct TestCertificates {
-  std::string caFile;
-  std::string certificateFile;
-  std::string keyFile;
-
-  // Generated at build time; the certificate names localhost, 127.0.0.1 and the service hosts.
-  static TestCertificates builtIn();
-};
-
-class TestHttpsServer {
- public:
-  // Consulted for a request whose path has no scripted answer left; nothing means the default.
-  using Responder = std::function<std::optional<ScriptedResponse>(const RecordedRequest&)>;
-
-  // Listening on a free port of 127.0.0.1 when it returns; throws std::runtime_error otherwise.
-  explicit TestHttpsServer(TestCertificates certificates = TestCertificates::builtIn());
-  ~TestHttpsServer();
-  TestHttpsServer(const TestHttpsServer&) = delete;
-  TestHttpsServer& operator=(const TestHttpsServer&) = delete;
-
-  int port() const noexcept;
-  const TestCertificates& certificates() const noexcept;
-  // A connect-to entry sending `host`:`hostPort` here, e.g. "tracking.pelora.io:443:127.0.0.1:N".
-  std::string connectTo(std::string_view host, int hostPort = 443) const;
-
-  // Answers the next request for `path` (without the query) with `response`; answers queue up.
-  void enqueue(const std::string& path, ScriptedResponse response);
-  // The answer when nothing is scripted; 200 with an empty body at first.
-  void setDefaultResponse(ScriptedResponse response);
-  void setResponder(Responder responder);
-
-  std::vector<RecordedRequest> requests() const;
-  std::size_t requestCount() const;
-  // True once at least `count` requests have arrived; false when `timeout` passes first.
-  bool waitForRequests(std::size_t count,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-
-  // Highest numbers seen at once: requests being answered, and open connections.
-  int maxConcurrentRequests() const;
-  int maxConcurrentConnections() const;
-  int openConnections() const;
-
-  // Stops listening, cuts delays short, closes kept-alive connections and joins every thread.
-  void stop();
-
- private:
-  struct State;
-  std::unique_ptr<State> state_;
-};
+using collector::Headers;
+using collector::RecordedRequest;
+using collector::ScriptedResponse;
+using TestCertificates = collector::Certificates;
+using TestHttpsServer = collector::HttpsServer;
 
 }  // namespace pelora::test

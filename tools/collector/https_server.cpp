@@ -1,4 +1,4 @@
-#include "tests/support/https_server.hpp"
+#include "tools/collector/https_server.hpp"
 
 #include <fcntl.h>
 #include <httplib.h>
@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace pelora::test {
+namespace pelora::collector {
 namespace {
 
 // Server threads leave signals to the test's own threads; a write to a connection the client
@@ -55,15 +55,20 @@ std::size_t RecordedRequest::headerCount(std::string_view name) const {
   }));
 }
 
-TestCertificates TestCertificates::builtIn() {
-#if defined(PELORA_TEST_CA_FILE) && defined(PELORA_TEST_CERT_FILE) && defined(PELORA_TEST_KEY_FILE)
-  return {PELORA_TEST_CA_FILE, PELORA_TEST_CERT_FILE, PELORA_TEST_KEY_FILE};
+Certificates Certificates::builtIn() {
+#if defined(PELORA_LOCAL_CA_FILE) && defined(PELORA_LOCAL_CERT_FILE) && \
+    defined(PELORA_LOCAL_KEY_FILE)
+  return {PELORA_LOCAL_CA_FILE, PELORA_LOCAL_CERT_FILE, PELORA_LOCAL_KEY_FILE};
 #else
   return {};
 #endif
 }
 
-struct TestHttpsServer::State {
+Certificates Certificates::inDirectory(const std::string& directory) {
+  return {directory + "/ca.pem", directory + "/server.pem", directory + "/server-key.pem"};
+}
+
+struct HttpsServer::State {
   // One thread per connection, counted; shutdown() returns once every connection has ended.
   class ConnectionThreads : public httplib::TaskQueue {
    public:
@@ -89,14 +94,14 @@ struct TestHttpsServer::State {
     State& state_;
   };
 
-  explicit State(TestCertificates files)
+  explicit State(Certificates files)
       : certificates(std::move(files)),
         server(certificates.certificateFile.c_str(), certificates.keyFile.c_str()) {}
 
   void handle(const httplib::Request& request, httplib::Response& response);
   void connectionEnded();
 
-  const TestCertificates certificates;
+  const Certificates certificates;
   httplib::SSLServer server;
   std::thread listener;
   int port = 0;
@@ -117,7 +122,7 @@ struct TestHttpsServer::State {
   std::map<std::thread::id, int> connectionSockets;
 };
 
-void TestHttpsServer::State::connectionEnded() {
+void HttpsServer::State::connectionEnded() {
   std::lock_guard lock(mutex);
   auto socket = connectionSockets.find(std::this_thread::get_id());
   if (socket != connectionSockets.end()) {
@@ -128,7 +133,7 @@ void TestHttpsServer::State::connectionEnded() {
   changed.notify_all();
 }
 
-void TestHttpsServer::State::handle(const httplib::Request& request, httplib::Response& response) {
+void HttpsServer::State::handle(const httplib::Request& request, httplib::Response& response) {
   const int socket = request.ssl ? SSL_get_fd(request.ssl) : -1;
   RecordedRequest record;
   record.method = request.method;
@@ -188,12 +193,12 @@ void TestHttpsServer::State::handle(const httplib::Request& request, httplib::Re
   response.set_content(answer->body, answer->contentType);
 }
 
-TestHttpsServer::TestHttpsServer(TestCertificates certificates)
+HttpsServer::HttpsServer(Certificates certificates, int port)
     : state_(std::make_unique<State>(std::move(certificates))) {
   State* state = state_.get();
   httplib::SSLServer& server = state->server;
   if (!server.is_valid()) {
-    throw std::runtime_error("TestHttpsServer: cannot load " + state->certificates.certificateFile +
+    throw std::runtime_error("HttpsServer: cannot load " + state->certificates.certificateFile +
                              " and " + state->certificates.keyFile);
   }
   server.new_task_queue = [state] { return new State::ConnectionThreads(*state); };
@@ -207,8 +212,15 @@ TestHttpsServer::TestHttpsServer(TestCertificates certificates)
   server.Delete(".*", handler);
   server.Options(".*", handler);
 
-  state->port = server.bind_to_any_port("127.0.0.1");
-  if (state->port <= 0) throw std::runtime_error("TestHttpsServer: cannot bind 127.0.0.1");
+  if (port == 0) {
+    state->port = server.bind_to_any_port("127.0.0.1");
+  } else if (server.bind_to_port("127.0.0.1", port)) {
+    state->port = port;
+  }
+  if (state->port <= 0) {
+    throw std::runtime_error("HttpsServer: cannot bind 127.0.0.1" +
+                             (port == 0 ? std::string() : ":" + std::to_string(port)));
+  }
   state->listener = std::thread([state] {
     blockSignals();
     state->server.listen_after_bind();
@@ -220,75 +232,75 @@ TestHttpsServer::TestHttpsServer(TestCertificates certificates)
     if (std::chrono::steady_clock::now() > deadline) {
       server.stop();
       state->listener.join();
-      throw std::runtime_error("TestHttpsServer: the accept loop did not start");
+      throw std::runtime_error("HttpsServer: the accept loop did not start");
     }
     std::this_thread::yield();
   }
 }
 
-TestHttpsServer::~TestHttpsServer() {
+HttpsServer::~HttpsServer() {
   stop();
 }
 
-int TestHttpsServer::port() const noexcept {
+int HttpsServer::port() const noexcept {
   return state_->port;
 }
 
-const TestCertificates& TestHttpsServer::certificates() const noexcept {
+const Certificates& HttpsServer::certificates() const noexcept {
   return state_->certificates;
 }
 
-std::string TestHttpsServer::connectTo(std::string_view host, int hostPort) const {
+std::string HttpsServer::connectTo(std::string_view host, int hostPort) const {
   return std::string(host) + ":" + std::to_string(hostPort) +
          ":127.0.0.1:" + std::to_string(state_->port);
 }
 
-void TestHttpsServer::enqueue(const std::string& path, ScriptedResponse response) {
+void HttpsServer::enqueue(const std::string& path, ScriptedResponse response) {
   std::lock_guard lock(state_->mutex);
   state_->scripts[path].push_back(std::move(response));
 }
 
-void TestHttpsServer::setDefaultResponse(ScriptedResponse response) {
+void HttpsServer::setDefaultResponse(ScriptedResponse response) {
   std::lock_guard lock(state_->mutex);
   state_->defaultResponse = std::move(response);
 }
 
-void TestHttpsServer::setResponder(Responder responder) {
+void HttpsServer::setResponder(Responder responder) {
   std::lock_guard lock(state_->mutex);
   state_->responder = std::move(responder);
 }
 
-std::vector<RecordedRequest> TestHttpsServer::requests() const {
+std::vector<RecordedRequest> HttpsServer::requests() const {
   std::lock_guard lock(state_->mutex);
   return state_->requests;
 }
 
-std::size_t TestHttpsServer::requestCount() const {
+std::size_t HttpsServer::requestCount() const {
   std::lock_guard lock(state_->mutex);
   return state_->requests.size();
 }
 
-bool TestHttpsServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
+bool HttpsServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(state_->mutex);
   return state_->changed.wait_for(lock, timeout, [&] { return state_->requests.size() >= count; });
 }
 
-int TestHttpsServer::maxConcurrentRequests() const {
+int HttpsServer::maxConcurrentRequests() const {
   std::lock_guard lock(state_->mutex);
   return state_->maxInFlight;
 }
 
-int TestHttpsServer::maxConcurrentConnections() const {
+int HttpsServer::maxConcurrentConnections() const {
   std::lock_guard lock(state_->mutex);
   return state_->maxConnections;
 }
 
-int TestHttpsServer::openConnections() const {
+int HttpsServer::openConnections() const {
   std::lock_guard lock(state_->mutex);
   return state_->connections;
 }
 
-void TestHttpsServer::stop() {
+void HttpsServer::stop() {
   State& state = *state_;
   {
     std::lock_guard lock(state.mutex);
@@ -304,4 +316,4 @@ void TestHttpsServer::stop() {
   if (state.listener.joinable()) state.listener.join();
 }
 
-}  // namespace pelora::test
+}  // namespace pelora::collector

@@ -1,0 +1,310 @@
+#include "tools/collector/collector.hpp"
+
+#include <algorithm>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+
+#include "pelora/platform/clock.hpp"
+#include "pelora/platform/console.hpp"
+
+namespace pelora::collector {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+ScriptedResponse answer(int status, const std::string& message) {
+  ScriptedResponse response;
+  response.status = status;
+  response.body = JSON(JSON::Map{{status < 300 ? "status" : "error", message}}).toString();
+  return response;
+}
+
+// Why `body` is not an object holding `key` of kind `kind`, or nothing when it is.
+std::optional<std::string> missing(const JSON::Map& body, const char* key, JSON::Kind kind,
+                                   const char* what) {
+  auto it = body.find(key);
+  if (it == body.end()) return std::string("\"") + key + "\" is missing";
+  if (it->second.kind() != kind) return std::string("\"") + key + "\" is not " + what;
+  return std::nullopt;
+}
+
+// The shared checks of both endpoints: method, content type and a JSON object body.
+std::optional<std::string> bodyProblem(const RecordedRequest& request, JSON& parsed) {
+  if (request.method != "POST") return "expected POST, got " + request.method;
+  auto contentType = request.header("Content-Type").value_or("");
+  if (contentType.rfind("application/json", 0) != 0) {
+    return "Content-Type is \"" + contentType + "\", not application/json";
+  }
+  try {
+    parsed = JSON::parse(request.body);
+  } catch (const std::exception& error) {
+    return std::string("body is not JSON: ") + error.what();
+  }
+  if (!parsed.mapPointer()) return "body is not a JSON object";
+  return std::nullopt;
+}
+
+std::optional<std::string> batchProblem(const JSON& parsed, std::vector<TrackEvent>& events) {
+  const auto& body = *parsed.mapPointer();
+  if (auto problem = missing(body, "batch", JSON::Kind::array, "an array")) return problem;
+  if (auto problem = missing(body, "sentAt", JSON::Kind::string, "a string")) return problem;
+  if (auto problem = missing(body, "writeKey", JSON::Kind::string, "a string")) return problem;
+  const auto& batch = *body.at("batch").listPointer();
+  if (batch.empty()) return std::string("\"batch\" is empty");
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    const std::string where = "batch[" + std::to_string(i) + "]: ";
+    TrackEvent event;
+    try {
+      event = decodeValue<TrackEvent>(batch[i]);
+    } catch (const std::exception& error) {
+      return where + error.what();
+    }
+    if (event.type != "track") return where + "\"type\" is not \"track\"";
+    if (!event.messageId || !event.timestamp || !event.anonymousId) {
+      return where + "\"messageId\", \"timestamp\" and \"anonymousId\" are required";
+    }
+    events.push_back(std::move(event));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> trackingEventProblem(const JSON& parsed) {
+  const auto& body = *parsed.mapPointer();
+  for (auto [key, kind, what] : {std::tuple{"workspace_id", JSON::Kind::string, "a string"},
+                                 std::tuple{"identity_id", JSON::Kind::object, "an object"},
+                                 std::tuple{"event_name", JSON::Kind::string, "a string"},
+                                 std::tuple{"event_date", JSON::Kind::number, "a number"},
+                                 std::tuple{"profile", JSON::Kind::array, "an array"}}) {
+    if (auto problem = missing(body, key, kind, what)) return problem;
+  }
+  if (!body.count("eventData")) return std::string("\"eventData\" is missing");
+  auto date = body.at("event_date").decimalValue();
+  if (!date || !date->isInteger()) {
+    return std::string("\"event_date\" is not whole milliseconds");
+  }
+  return std::nullopt;
+}
+
+// "App Opened, Product Viewed x8": the names in order of first appearance, with their counts.
+std::string eventNames(const std::vector<TrackEvent>& events) {
+  std::vector<std::pair<std::string, int>> names;
+  for (const auto& event : events) {
+    auto it = std::find_if(names.begin(), names.end(),
+                           [&](const auto& entry) { return entry.first == event.event; });
+    if (it == names.end()) {
+      names.emplace_back(event.event, 1);
+    } else {
+      ++it->second;
+    }
+  }
+  std::string text;
+  for (const auto& [name, count] : names) {
+    if (!text.empty()) text += ", ";
+    text += name;
+    if (count > 1) text += " x" + std::to_string(count);
+  }
+  return text;
+}
+
+}  // namespace
+
+struct Collector::State {
+  explicit State(CollectorOptions options) : options(std::move(options)) {}
+
+  ScriptedResponse handle(const RecordedRequest& request);
+  ScriptedResponse answerFor(const RecordedRequest& request);
+  ScriptedResponse acceptBatch(const RecordedRequest& request, const JSON& body);
+  ScriptedResponse acceptTrackingEvent(const RecordedRequest& request, const JSON& body);
+  void print(const std::string& line) const {
+    if (options.printLines) platform::printLine(line);
+  }
+  // Under `mutex`.
+  void appendJSONLine(const char* kind, const JSON& body);
+
+  const CollectorOptions options;
+  mutable std::mutex mutex;
+  mutable std::condition_variable changed;
+  int failStatus = 0;
+  int failRemaining = 0;
+  Clock::time_point failUntil{};
+  std::chrono::milliseconds delay{0};
+  Counts counts;
+  std::vector<TrackEvent> events;
+  std::set<std::string, std::less<>> messageIds;
+  std::vector<JSON> trackingEvents;
+};
+
+ScriptedResponse Collector::State::handle(const RecordedRequest& request) {
+  ScriptedResponse response = answerFor(request);
+  std::lock_guard lock(mutex);
+  response.delay = delay;
+  return response;
+}
+
+ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
+  const std::string what = request.method + " " + request.target;
+  {
+    std::lock_guard lock(mutex);
+    if (failRemaining > 0 || Clock::now() < failUntil) {
+      if (failRemaining > 0) --failRemaining;
+      ++counts.failed;
+      print("answered " + std::to_string(failStatus) + " to " + what + " (told to fail)");
+      return answer(failStatus, "failing on purpose");
+    }
+  }
+  const bool isBatch = request.path == batchPath;
+  if (!isBatch && request.path != trackingEventPath) {
+    print("answered 404 to " + what);
+    return answer(404, "no such endpoint");
+  }
+  JSON body;
+  auto problem = bodyProblem(request, body);
+  if (!problem) {
+    if (isBatch) return acceptBatch(request, body);
+    problem = trackingEventProblem(body);
+    if (!problem) return acceptTrackingEvent(request, body);
+  }
+  {
+    std::lock_guard lock(mutex);
+    ++counts.rejected;
+  }
+  print("rejected " + what + ": " + *problem);
+  return answer(400, *problem);
+}
+
+ScriptedResponse Collector::State::acceptBatch(const RecordedRequest& request, const JSON& body) {
+  std::vector<TrackEvent> received;
+  if (auto problem = batchProblem(body, received)) {
+    {
+      std::lock_guard lock(mutex);
+      ++counts.rejected;
+    }
+    print("rejected " + request.method + " " + request.target + ": " + *problem);
+    return answer(400, *problem);
+  }
+  std::size_t seenBefore = 0;
+  std::size_t number = 0;
+  {
+    std::lock_guard lock(mutex);
+    for (const auto& event : received) {
+      if (!messageIds.insert(*event.messageId).second) ++seenBefore;
+    }
+    counts.events += received.size();
+    counts.distinctEvents = messageIds.size();
+    number = ++counts.batches;
+    events.insert(events.end(), received.begin(), received.end());
+    appendJSONLine("batch", body);
+    changed.notify_all();
+  }
+  const auto& map = *body.mapPointer();
+  print("batch " + std::to_string(number) + ": " + std::to_string(received.size()) +
+        " events, writeKey " + *map.at("writeKey").stringPointer() + ", sentAt " +
+        *map.at("sentAt").stringPointer() + ": " + eventNames(received) +
+        (seenBefore ? " (" + std::to_string(seenBefore) + " received before)" : ""));
+  return answer(200, "stored");
+}
+
+ScriptedResponse Collector::State::acceptTrackingEvent(const RecordedRequest& /*request*/,
+                                                       const JSON& body) {
+  std::size_t number = 0;
+  {
+    std::lock_guard lock(mutex);
+    number = ++counts.trackingEvents;
+    trackingEvents.push_back(body);
+    appendJSONLine("trackingEvent", body);
+    changed.notify_all();
+  }
+  const auto& map = *body.mapPointer();
+  print("tracking event " + std::to_string(number) + ": \"" +
+        *map.at("event_name").stringPointer() + "\", workspace " +
+        *map.at("workspace_id").stringPointer() + ", identity " + map.at("identity_id").toString());
+  return answer(200, "stored");
+}
+
+void Collector::State::appendJSONLine(const char* kind, const JSON& body) {
+  if (options.jsonLinesFile.empty()) return;
+  std::ofstream file(options.jsonLinesFile, std::ios::app);
+  file << JSON(JSON::Map{{"kind", kind}, {"receivedAt", platform::iso8601Now()}, {"body", body}})
+              .toString()
+       << '\n';
+  if (!file) platform::printLine("collector: cannot append to " + options.jsonLinesFile);
+}
+
+Collector::Collector(CollectorOptions options)
+    : state_(std::make_shared<State>(std::move(options))),
+      server_(state_->options.certificates, state_->options.port) {
+  if (!state_->options.jsonLinesFile.empty()) {
+    std::ofstream probe(state_->options.jsonLinesFile, std::ios::app);
+    if (!probe) throw std::runtime_error("cannot open " + state_->options.jsonLinesFile);
+  }
+  server_.setResponder([state = state_](const RecordedRequest& request) {
+    return std::optional<ScriptedResponse>(state->handle(request));
+  });
+}
+
+Collector::~Collector() {
+  server_.stop();
+}
+
+void Collector::failNext(int status, int count) {
+  std::lock_guard lock(state_->mutex);
+  state_->failStatus = status;
+  state_->failRemaining = count;
+}
+
+void Collector::failFor(int status, std::chrono::milliseconds duration) {
+  std::lock_guard lock(state_->mutex);
+  state_->failStatus = status;
+  state_->failUntil = Clock::now() + duration;
+}
+
+void Collector::recover() {
+  std::lock_guard lock(state_->mutex);
+  state_->failRemaining = 0;
+  state_->failUntil = {};
+}
+
+void Collector::delayAnswers(std::chrono::milliseconds delay) {
+  std::lock_guard lock(state_->mutex);
+  state_->delay = delay;
+}
+
+Collector::Counts Collector::counts() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->counts;
+}
+
+std::vector<TrackEvent> Collector::events() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->events;
+}
+
+std::vector<JSON> Collector::trackingEvents() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->trackingEvents;
+}
+
+bool Collector::waitForDistinctEvents(std::size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(state_->mutex);
+  return state_->changed.wait_for(lock, timeout,
+                                  [&] { return state_->counts.distinctEvents >= count; });
+}
+
+std::string Collector::summary() const {
+  auto c = counts();
+  auto count = [](std::size_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+  };
+  return count(c.batches, "batch", "batches") + ", " + count(c.events, "event", "events") + " (" +
+         std::to_string(c.distinctEvents) + " distinct), " +
+         count(c.trackingEvents, "tracking event", "tracking events") + ", " +
+         std::to_string(c.failed) + " failed, " + std::to_string(c.rejected) + " rejected";
+}
+
+}  // namespace pelora::collector

@@ -1,0 +1,135 @@
+// pelora_collector: a local stand-in for the tracking service. It listens on 127.0.0.1 over HTTPS,
+// prints one line per batch and tracking event it receives, and stops on SIGINT or SIGTERM with a
+// summary. Point a client at it with a connect-to entry and its CA file (both printed at start).
+#include <signal.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/platform/console.hpp"
+#include "tools/collector/collector.hpp"
+
+namespace {
+
+constexpr const char* usage = R"(usage: pelora_collector [options]
+  --port N            listen on 127.0.0.1:N (default 8443; 0 picks a free port)
+  --certs DIR         ca.pem, server.pem and server-key.pem to use (default: the ones made at build)
+  --jsonl FILE        append every accepted batch and tracking event to FILE, one JSON line each
+  --ready-file FILE   once listening, write the connect-to entry that sends the production
+                      tracking host here (HOST:443:127.0.0.1:PORT) to FILE
+  --fail-status CODE  the status that the two options below answer with (default 503)
+  --fail-first N      answer the first N requests with the failure status
+  --fail-seconds S    answer every request with the failure status for the first S seconds
+  --delay-ms N        hold every answer back N milliseconds, like a slow service
+  --quiet             no line per request
+Stops on SIGINT or SIGTERM and prints what it received.
+)";
+
+[[noreturn]] void fail(const std::string& message) {
+  std::cerr << "pelora_collector: " << message << "\n" << usage;
+  std::exit(2);
+}
+
+int number(std::string_view option, std::string_view text) {
+  int value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || value < 0) {
+    fail(std::string(option) + " takes a whole number, not \"" + std::string(text) + "\"");
+  }
+  return value;
+}
+
+// Written whole and then renamed, so a script polling the file never reads half a line.
+void writeReadyFile(const std::string& path, const std::string& line) {
+  const std::string temporary = path + ".tmp";
+  {
+    std::ofstream file(temporary, std::ios::trunc);
+    file << line << '\n';
+    if (!file) fail("cannot write " + temporary);
+  }
+  std::error_code error;
+  std::filesystem::rename(temporary, path, error);
+  if (error) fail("cannot write " + path + ": " + error.message());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  pelora::collector::CollectorOptions options;
+  options.port = 8443;
+  options.printLines = true;
+  std::string readyFile;
+  int failStatus = 503;
+  int failFirst = 0;
+  int failSeconds = 0;
+  int delayMilliseconds = 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view option = argv[i];
+    if (option == "-h" || option == "--help") {
+      std::cout << usage;
+      return 0;
+    }
+    if (option == "--quiet") {
+      options.printLines = false;
+      continue;
+    }
+    if (i + 1 >= argc) fail(std::string(option) + " needs a value");
+    const std::string value = argv[++i];
+    if (option == "--port") {
+      options.port = number(option, value);
+    } else if (option == "--certs") {
+      options.certificates = pelora::collector::Certificates::inDirectory(value);
+    } else if (option == "--jsonl") {
+      options.jsonLinesFile = value;
+    } else if (option == "--ready-file") {
+      readyFile = value;
+    } else if (option == "--fail-status") {
+      failStatus = number(option, value);
+      if (failStatus < 100 || failStatus > 599) fail("--fail-status takes an HTTP status");
+    } else if (option == "--fail-first") {
+      failFirst = number(option, value);
+    } else if (option == "--fail-seconds") {
+      failSeconds = number(option, value);
+    } else if (option == "--delay-ms") {
+      delayMilliseconds = number(option, value);
+    } else {
+      fail("unknown option " + std::string(option));
+    }
+  }
+
+  // Taken by sigwait below; every thread started from here on inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  try {
+    pelora::collector::Collector collector(options);
+    if (failFirst > 0) collector.failNext(failStatus, failFirst);
+    if (failSeconds > 0) collector.failFor(failStatus, std::chrono::seconds(failSeconds));
+    collector.delayAnswers(std::chrono::milliseconds(delayMilliseconds));
+    const std::string host(pelora::productionTrackingHost);
+    pelora::platform::printLine("pelora_collector: listening on https://127.0.0.1:" +
+                                std::to_string(collector.port()));
+    pelora::platform::printLine("  trust     " + collector.certificates().caFile);
+    pelora::platform::printLine("  reach it  " + collector.connectTo(host));
+    if (!readyFile.empty()) writeReadyFile(readyFile, collector.connectTo(host));
+
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    collector.stop();
+    pelora::platform::printLine("pelora_collector: received " + collector.summary());
+  } catch (const std::exception& error) {
+    std::cerr << "pelora_collector: " << error.what() << "\n";
+    return 1;
+  }
+  return 0;
+}
