@@ -7,27 +7,13 @@
 
 #include <pelora/pelora.hpp>
 
+#include "bench/bench_support.hpp"
+
 namespace {
 
-using pelora::Array;
-using pelora::Decimal;
 using pelora::Dictionary;
 using pelora::JSON;
-
-Dictionary hostProperties() {
-  return Dictionary{
-      {"product", std::string("Rain jacket")},
-      {"sku", std::string("RJ-2041-BLU-M")},
-      {"category", std::string("outerwear")},
-      {"quantity", 2},
-      {"stock", std::int64_t{1840}},
-      {"price", Decimal::parse("129.95").value()},
-      {"discount", Decimal::parse("0.15").value()},
-      {"gift", true},
-      {"shipping", Dictionary{{"method", std::string("express")}, {"days", 2}}},
-      {"tags", Array{std::string("sale"), std::string("new"), 7}},
-  };
-}
+using pelora::bench::hostProperties;
 
 pelora::TrackEvent fullEvent() {
   pelora::TrackEvent event("Product Added", JSON(hostProperties()));

@@ -14,6 +14,7 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <new>
@@ -26,6 +27,11 @@ namespace pelora::platform {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// Transfers handed to curl at once; later ones wait, without a curl handle or an open upload file,
+// until one ends. A backlog of thousands of uploads then costs a list entry each, and a transfer's
+// time-outs start only once it is handed over.
+constexpr std::size_t maxAttachedTransfers = 16;
 
 // exit() runs OpenSSL's cleanup (an atexit handler) while worker threads go on, and a worker
 // inside curl may be using what it frees. The fence holds the workers that may be inside curl;
@@ -344,6 +350,8 @@ class Engine : public std::enable_shared_from_this<Engine> {
  private:
   void run(CURLM* multi);
   void start(CURLM* multi, const std::shared_ptr<Task>& task);
+  void attach(CURLM* multi, const std::shared_ptr<Task>& task);
+  void attachWaiting(CURLM* multi);
   void cancel(CURLM* multi, const std::shared_ptr<Task>& task);
   void collectFinished(CURLM* multi);
   void expireIdle(CURLM* multi);
@@ -362,6 +370,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   CURLM* multi_ = nullptr;      // guarded by mutex_; set while a worker runs
 
   std::map<CURL*, std::unique_ptr<Transfer>> transfers_;  // worker only
+  std::deque<std::shared_ptr<Task>> waiting_;             // worker only, in start order
 };
 
 void Task::resume() {
@@ -396,7 +405,7 @@ void Engine::run(CURLM* multi) {
     {
       std::lock_guard lock(mutex_);
       messages.swap(inbox_);
-      if (messages.empty() && transfers_.empty() && !sessionAlive_) {
+      if (messages.empty() && transfers_.empty() && waiting_.empty() && !sessionAlive_) {
         multi_ = nullptr;  // a later resume starts a fresh worker
         break;
       }
@@ -414,6 +423,10 @@ void Engine::run(CURLM* multi) {
     curl_multi_perform(multi, &running);
     collectFinished(multi);
     expireIdle(multi);
+    if (!waiting_.empty() && transfers_.size() < maxAttachedTransfers) {
+      attachWaiting(multi);
+      continue;  // lets curl start the newly attached transfers before waiting
+    }
     curl_multi_poll(multi, nullptr, 0, waitMilliseconds(), nullptr);
   }
   {
@@ -429,6 +442,24 @@ void Engine::run(CURLM* multi) {
 void Engine::start(CURLM* multi, const std::shared_ptr<Task>& task) {
   if (task->delivered) return;
   if (task->state() == HttpTask::State::canceling) {
+    deliver(task, std::nullopt, cancelledError());
+    return;
+  }
+  waiting_.push_back(task);
+  attachWaiting(multi);
+}
+
+void Engine::attachWaiting(CURLM* multi) {
+  while (!waiting_.empty() && transfers_.size() < maxAttachedTransfers) {
+    auto task = std::move(waiting_.front());
+    waiting_.pop_front();
+    attach(multi, task);
+  }
+}
+
+void Engine::attach(CURLM* multi, const std::shared_ptr<Task>& task) {
+  if (task->delivered) return;
+  if (task->state() == HttpTask::State::canceling) {  // cancelled while it waited
     deliver(task, std::nullopt, cancelledError());
     return;
   }
@@ -449,6 +480,8 @@ void Engine::start(CURLM* multi, const std::shared_ptr<Task>& task) {
 
 void Engine::cancel(CURLM* multi, const std::shared_ptr<Task>& task) {
   if (task->delivered) return;
+  auto waiting = std::find(waiting_.begin(), waiting_.end(), task);
+  if (waiting != waiting_.end()) waiting_.erase(waiting);
   for (auto& [easy, transfer] : transfers_) {
     if (transfer->task == task) {
       auto removed = detach(multi, easy);
