@@ -1,25 +1,39 @@
 #include "pelora/platform/clock.hpp"
 
-#include <cstdio>
-#include <ctime>
-
 namespace pelora::platform {
+namespace {
 
+// Writes `value` as exactly `width` decimal digits ending just before `end`.
+void putDigits(char* end, unsigned value, int width) {
+  for (int i = 0; i < width; ++i) {
+    *--end = static_cast<char>('0' + value % 10);
+    value /= 10;
+  }
+}
+
+}  // namespace
+
+// Every event carries one of these, so it is built digit by digit rather than through printf.
 std::string iso8601(std::chrono::system_clock::time_point time) {
   using namespace std::chrono;
   // floor, not truncation toward zero: 1 ms before the epoch is 23:59:59.999 of the day before.
   const auto millis = floor<milliseconds>(time);
-  const auto seconds = floor<std::chrono::seconds>(millis);
-  const std::time_t whole = system_clock::to_time_t(seconds);
-  std::tm utc{};
-  if (::gmtime_r(&whole, &utc) == nullptr) return {};
-  char text[48];
-  const int length =
-      std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
-                    utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                    static_cast<int>((millis - seconds).count()));
-  if (length <= 0 || static_cast<std::size_t>(length) >= sizeof text) return {};
-  return std::string(text, static_cast<std::size_t>(length));
+  const auto day = floor<days>(millis);
+  const year_month_day date{day};
+  const int year = static_cast<int>(date.year());
+  if (year < 0 || year > 9999) return {};
+  const hh_mm_ss clock{millis - day};
+
+  std::string text("0000-00-00T00:00:00.000Z");
+  char* out = text.data();
+  putDigits(out + 4, static_cast<unsigned>(year), 4);
+  putDigits(out + 7, static_cast<unsigned>(date.month()), 2);
+  putDigits(out + 10, static_cast<unsigned>(date.day()), 2);
+  putDigits(out + 13, static_cast<unsigned>(clock.hours().count()), 2);
+  putDigits(out + 16, static_cast<unsigned>(clock.minutes().count()), 2);
+  putDigits(out + 19, static_cast<unsigned>(clock.seconds().count()), 2);
+  putDigits(out + 23, static_cast<unsigned>(clock.subseconds().count()), 3);
+  return text;
 }
 
 std::string iso8601Now() {
