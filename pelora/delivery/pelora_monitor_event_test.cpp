@@ -9,6 +9,7 @@
 #include "pelora/delivery/http_client.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
+#include "tests/support/waiting.hpp"
 
 namespace pelora {
 namespace {
@@ -59,6 +60,16 @@ TEST_F(PeloraMonitorEventTest, MonitorEventsArePostedAtOnceAndTrackEventsAreNot)
   }
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"first", "second"}));
+}
+
+TEST_F(PeloraMonitorEventTest, PostsInFlightCountsUntilTheAnswer) {
+  test::ScriptedResponse slow;
+  slow.delay = std::chrono::milliseconds(300);
+  server.enqueue("/", slow);
+  client->trackEvent(Dictionary{{"email", "a@b.c"}}, "slow", Dictionary{});
+  EXPECT_EQ(plugin->postsInFlight(), 1u);
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_TRUE(test::eventually([&] { return plugin->postsInFlight() == 0; }));
 }
 
 TEST_F(PeloraMonitorEventTest, ExecutePassesEventsThroughUnchanged) {
