@@ -198,7 +198,7 @@ ScriptedResponse Collector::State::acceptBatch(const RecordedRequest& request, c
     counts.events += received.size();
     counts.distinctEvents = messageIds.size();
     number = ++counts.batches;
-    events.insert(events.end(), received.begin(), received.end());
+    if (options.keepEvents) events.insert(events.end(), received.begin(), received.end());
     appendJSONLine("batch", body);
     changed.notify_all();
   }
@@ -216,7 +216,7 @@ ScriptedResponse Collector::State::acceptTrackingEvent(const RecordedRequest& /*
   {
     std::lock_guard lock(mutex);
     number = ++counts.trackingEvents;
-    trackingEvents.push_back(body);
+    if (options.keepEvents) trackingEvents.push_back(body);
     appendJSONLine("trackingEvent", body);
     changed.notify_all();
   }
@@ -243,6 +243,7 @@ Collector::Collector(CollectorOptions options)
     std::ofstream probe(state_->options.jsonLinesFile, std::ios::app);
     if (!probe) throw std::runtime_error("cannot open " + state_->options.jsonLinesFile);
   }
+  server_.setKeepRequests(false);  // the state below keeps what is needed
   server_.setResponder([state = state_](const RecordedRequest& request) {
     return std::optional<ScriptedResponse>(state->handle(request));
   });

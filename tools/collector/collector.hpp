@@ -2,7 +2,8 @@
 // the demo and the integration tests. A batch upload ("/tracking-controller/b") or a tracking-event
 // post ("/") of the shape the library sends is answered 200 and kept; anything else is answered
 // 400 and dropped. While told to fail, every request is answered with the given status and nothing
-// is kept. Everything accepted stays in memory for the life of the collector. Thread-safe.
+// is kept. Accepted events stay in memory for the life of the collector unless told otherwise
+// (then only their message ids are kept, for the distinct count). Thread-safe.
 #pragma once
 
 #include <chrono>
@@ -23,6 +24,7 @@ struct CollectorOptions {
   Certificates certificates = Certificates::builtIn();
   std::string jsonLinesFile;  // when set, every accepted body is appended as one JSON line
   bool printLines = false;    // one line per request on standard output
+  bool keepEvents = true;     // keep what events() and trackingEvents() return
 };
 
 class Collector {

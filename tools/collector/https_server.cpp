@@ -112,6 +112,7 @@ struct HttpsServer::State {
   std::map<std::string, std::deque<ScriptedResponse>> scripts;
   ScriptedResponse defaultResponse;
   Responder responder;
+  bool keepRequests = true;
   int inFlight = 0;
   int maxInFlight = 0;
   int connections = 0;
@@ -155,7 +156,7 @@ void HttpsServer::State::handle(const httplib::Request& request, httplib::Respon
     }
     if (stopping && socket >= 0) ::shutdown(socket, SHUT_RDWR);
     maxInFlight = std::max(maxInFlight, ++inFlight);
-    requests.push_back(record);
+    if (keepRequests) requests.push_back(record);
     auto script = scripts.find(request.path);
     if (script != scripts.end() && !script->second.empty()) {
       answer = std::move(script->second.front());
@@ -271,6 +272,11 @@ void HttpsServer::setDefaultResponse(ScriptedResponse response) {
 void HttpsServer::setResponder(Responder responder) {
   std::lock_guard lock(state_->mutex);
   state_->responder = std::move(responder);
+}
+
+void HttpsServer::setKeepRequests(bool keep) {
+  std::lock_guard lock(state_->mutex);
+  state_->keepRequests = keep;
 }
 
 std::vector<RecordedRequest> HttpsServer::requests() const {

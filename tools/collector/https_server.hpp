@@ -73,6 +73,8 @@ class HttpsServer {
   // The answer when nothing is scripted; 200 with an empty body at first.
   void setDefaultResponse(ScriptedResponse response);
   void setResponder(Responder responder);
+  // Whether requests() keeps every request (the default); a long-running server turns it off.
+  void setKeepRequests(bool keep);
 
   std::vector<RecordedRequest> requests() const;
   std::size_t requestCount() const;

@@ -65,6 +65,7 @@ int main(int argc, char** argv) {
   pelora::collector::CollectorOptions options;
   options.port = 8443;
   options.printLines = true;
+  options.keepEvents = false;  // a long run must not grow; the JSON-lines file keeps them
   std::string readyFile;
   int failStatus = 503;
   int failFirst = 0;
