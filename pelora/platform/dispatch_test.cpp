@@ -247,11 +247,14 @@ TEST(MainQueue, HostExecutorRunsDrainsOnTheHostThread) {
 
 TEST(AsyncAfter, FiresNotBeforeItsDelayAndInDeadlineOrder) {
   auto queue = SerialQueue::create("test.after");
+  // The timer thread starts with the first request. Start it now, so that starting it cannot
+  // stretch the gap between the requests below past the gap between their delays.
+  settleAfter(queue, 0ms);
   const auto start = Clock::now();
   std::vector<int> order;  // only touched on `queue`
   Clock::time_point lastAt{};
   Counter done;
-  for (int delay : {60, 20, -5}) {
+  for (int delay : {90, 30, -5}) {
     asyncAfter(queue, std::chrono::milliseconds(delay), [&, delay] {
       order.push_back(delay);
       lastAt = Clock::now();
@@ -260,8 +263,8 @@ TEST(AsyncAfter, FiresNotBeforeItsDelayAndInDeadlineOrder) {
   }
   ASSERT_TRUE(done.waitFor(3));
   queue->sync([] {});
-  EXPECT_EQ(order, (std::vector<int>{-5, 20, 60}));
-  EXPECT_GE(lastAt - start, 60ms);
+  EXPECT_EQ(order, (std::vector<int>{-5, 30, 90}));
+  EXPECT_GE(lastAt - start, 90ms);
 }
 
 TEST(TimerSource, RepeatsFromStartUntilCancelled) {
