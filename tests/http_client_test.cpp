@@ -1,19 +1,25 @@
+// The HTTPS session on libcurl and the HTTP client above it, against the in-process HTTPS server.
 #include "pelora/delivery/http_client.hpp"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <poll.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <random>
+#include <thread>
 
 #include "pelora/client/configuration.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/platform/http_session.hpp"
 #include "tests/support/https_server.hpp"
-
+#include "tests/support/temp_directory.hpp"
 #include "tests/support/waiting.hpp"
 
 namespace pelora {
@@ -30,14 +36,402 @@ struct HTTPClientTestPeer {
 
 namespace {
 
+using platform::HttpError;
+using platform::HttpRequest;
+using platform::HttpResponse;
+using platform::HttpSession;
+using platform::HttpSessionOptions;
+using platform::HttpTask;
 using test::closedPort;
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
+const std::string kHost(productionTrackingHost);
 constexpr std::string_view uploadFunction = "startBatchUpload(writeKey:batch:completion:)";
 constexpr std::string_view eventFunction =
     "trackingEventPayload(identityId:eventName:eventData:profile:completion:)";
+
+// What completions were handed, shared with them so a failed test cannot leave them dangling.
+template <class Result>
+struct Calls {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<Result> results;
+
+  void add(Result result) {
+    std::lock_guard lock(mutex);
+    results.push_back(std::move(result));
+    changed.notify_all();
+  }
+  // The first result, once it has arrived.
+  std::optional<Result> wait(std::chrono::milliseconds timeout = 10s) {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, timeout, [&] { return !results.empty(); })) return std::nullopt;
+    return results.front();
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex);
+    return results.size();
+  }
+};
+
+// What one session task's completion saw.
+struct Outcome {
+  std::optional<HttpResponse> response;
+  std::optional<HttpError> error;
+  std::thread::id thread;
+};
+using Outcomes = std::shared_ptr<Calls<Outcome>>;
+
+std::pair<Outcomes, platform::HttpCompletion> sessionCompletion() {
+  auto calls = std::make_shared<Calls<Outcome>>();
+  return {calls, [calls](const std::optional<HttpResponse>& response,
+                         const std::optional<HttpError>& error) {
+            calls->add({response, error, std::this_thread::get_id()});
+          }};
+}
+
+std::pair<std::shared_ptr<Calls<HTTPResult>>, HTTPCompletion> clientCompletion() {
+  auto calls = std::make_shared<Calls<HTTPResult>>();
+  return {calls, [calls](const HTTPResult& result) { calls->add(result); }};
+}
+
+HttpRequest request(const std::string& path, const std::string& method = "GET") {
+  HttpRequest request;
+  request.method = method;
+  request.url = "https://" + kHost + path;
+  return request;
+}
+
+HttpSessionOptions optionsFor(const std::string& connectTo) {
+  HttpSessionOptions options;
+  options.connectTo = {connectTo};
+  options.caBundle = test::TestCertificates::builtIn().caFile;
+  return options;
+}
+
+// Starts `request` on `session` (as an upload of `file` when given).
+Outcomes start(HttpSession& session, const HttpRequest& request,
+               std::optional<fs::path> file = std::nullopt) {
+  auto [outcomes, completion] = sessionCompletion();
+  auto task = file ? session.uploadTask(request, file->string(), completion)
+                   : session.dataTask(request, completion);
+  task->resume();
+  return outcomes;
+}
+
+Outcome await(const Outcomes& outcomes) {
+  auto outcome = outcomes->wait();
+  EXPECT_TRUE(outcome) << "no completion";
+  return outcome.value_or(Outcome{});
+}
+
+std::size_t threadCount() {
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/task")) ++count;
+  return count;
+}
+
+class HttpSessionTest : public ::testing::Test {
+ protected:
+  HttpSessionOptions options() const { return optionsFor(server.connectTo(kHost)); }
+  fs::path writeFile(const std::string& name, const std::string& contents) {
+    std::ofstream(dir.path() / name, std::ios::binary) << contents;
+    return dir.path() / name;
+  }
+
+  test::TempDirectory dir{"pelora-http"};
+  test::TestHttpsServer server;
+};
+
+TEST_F(HttpSessionTest, ReachesTheProductionHostOverVerifiedTLS) {
+  server.enqueue("/v1/ping", {.status = 201, .body = "pong", .headers = {{"X-Reply", "yes"}}});
+  auto sessionOptions = options();
+  sessionOptions.headers = {{"User-Agent", "agent/1"}, {"Content-Type", "application/json"}};
+  auto session = HttpSession::create(sessionOptions);
+
+  HttpRequest ping = request("/v1/ping?x=1");
+  ping.headers = {{"content-type", "text/plain"}, {"X-Extra", "1"}};
+  auto [outcomes, completion] = sessionCompletion();
+  auto task = session->dataTask(ping, completion);
+  EXPECT_EQ(task->state(), HttpTask::State::suspended);
+  task->resume();
+  Outcome outcome = await(outcomes);
+  EXPECT_EQ(task->state(), HttpTask::State::completed);
+  ASSERT_TRUE(outcome.response) << outcome.error->description;
+  EXPECT_FALSE(outcome.error);
+  EXPECT_EQ(outcome.response->status, 201);
+  EXPECT_EQ(outcome.response->body, "pong");
+  EXPECT_EQ(outcome.response->header("x-reply"), "yes");
+  EXPECT_NE(outcome.thread, std::this_thread::get_id());
+
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_EQ(requests[0].target, "/v1/ping?x=1");
+  EXPECT_EQ(requests[0].header("Host"), kHost);
+  EXPECT_EQ(requests[0].header("User-Agent"), "agent/1");
+  // The request's own field replaces the session's, whatever its letter case.
+  EXPECT_EQ(requests[0].headerCount("Content-Type"), 1u);
+  EXPECT_EQ(requests[0].header("Content-Type"), "text/plain");
+  EXPECT_EQ(requests[0].header("X-Extra"), "1");
+}
+
+TEST_F(HttpSessionTest, SendsBodiesAndStreamsFilesWithContentLength) {
+  std::string contents(2 * 1024 * 1024 + 7, '\0');
+  std::mt19937 random(7);
+  for (char& byte : contents) byte = static_cast<char>(random());
+  auto plain = HttpSession::create(options());
+  auto sessionOptions = options();
+  sessionOptions.headers = {{"Content-Type", "application/json; charset=utf-8"}};
+  auto session = HttpSession::create(sessionOptions);
+  std::vector<Outcomes> outcomes;
+  for (const std::string method : {"POST", "PUT", "DELETE"}) {
+    HttpRequest sent = request("/" + method, method);
+    if (method != "DELETE") sent.body = "{\"m\":\"" + method + "\"}";
+    outcomes.push_back(start(*plain, sent));
+  }
+  HttpRequest upload = request("/upload", "POST");
+  upload.body = "ignored";  // an upload sends its file
+  outcomes.push_back(start(*session, upload, writeFile("big.bin", contents)));
+  outcomes.push_back(start(*session, upload, writeFile("empty.bin", "")));
+  for (auto& outcome : outcomes) EXPECT_TRUE(await(outcome).response);
+  auto missing = await(start(*session, upload, dir.path() / "missing")).error;
+  ASSERT_TRUE(missing);
+  EXPECT_EQ(missing->code, HttpError::Code::fileError);
+
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 5u);
+  int bigUploads = 0;
+  for (const auto& received : requests) {
+    const bool isUpload = received.path == "/upload";
+    SCOPED_TRACE(received.method + " " + received.path + " of " +
+                 std::to_string(received.body.size()));
+    if (isUpload) {
+      bigUploads += received.body == contents;
+      EXPECT_TRUE(received.body == contents || received.body.empty());
+    } else if (received.method != "DELETE") {
+      EXPECT_EQ("/" + received.method, received.path);
+      EXPECT_EQ(received.body, "{\"m\":\"" + received.method + "\"}");
+    } else {
+      EXPECT_EQ(received.body, "");
+      continue;
+    }
+    EXPECT_EQ(received.header("Content-Length"), std::to_string(received.body.size()));
+    EXPECT_FALSE(received.header("Transfer-Encoding"));
+    // Not waiting for 100-continue: curl would otherwise hold a body over 1 MiB for a second.
+    EXPECT_FALSE(received.header("Expect"));
+    // The session's field when it has one, else a neutral default rather than curl's form type.
+    EXPECT_EQ(received.header("Content-Type"),
+              isUpload ? "application/json; charset=utf-8" : "application/octet-stream");
+  }
+  EXPECT_EQ(bigUploads, 1);
+}
+
+TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
+  server.setDefaultResponse({.delay = 20s});
+  server.enqueue("/drop", {.dropConnection = true});
+  auto refused = optionsFor(kHost + ":443:127.0.0.1:" + std::to_string(closedPort()));
+  auto untrusted = options();
+  untrusted.caBundle.clear();  // the system's authorities do not know the test one
+  auto whole = options();
+  whole.resourceTimeout = 300ms;
+  auto idle = options();
+  idle.requestTimeout = 300ms;
+  HttpRequest shortRequest = request("/slow");
+  shortRequest.timeout = 300ms;
+  struct Case {
+    const char* name;
+    HttpSessionOptions options;
+    HttpRequest request;
+    HttpError::Code code;
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  for (auto& c : {Case{"refused", refused, request("/"), HttpError::Code::cannotConnect},
+                  Case{"untrusted", untrusted, request("/"), HttpError::Code::tlsFailure},
+                  Case{"dropped", options(), request("/drop"), HttpError::Code::connectionLost},
+                  Case{"resource timeout", whole, request("/slow"), HttpError::Code::timedOut},
+                  Case{"request timeout", idle, request("/slow"), HttpError::Code::timedOut},
+                  Case{"own timeout", options(), shortRequest, HttpError::Code::timedOut}}) {
+    SCOPED_TRACE(c.name);
+    Outcome outcome = await(start(*HttpSession::create(c.options), c.request));
+    EXPECT_FALSE(outcome.response);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, c.code) << outcome.error->description;
+    EXPECT_NE(outcome.error->curlCode, 0);
+    EXPECT_FALSE(outcome.error->description.empty());
+    EXPECT_NE(outcome.error->description.back(), '.');
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
+}
+
+TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {
+  server.enqueue("/slow", {.delay = 20s});
+  auto session = HttpSession::create(options());
+  auto task = [&](const std::string& path) {
+    auto [outcomes, completion] = sessionCompletion();
+    return std::pair(session->dataTask(request(path), completion), outcomes);
+  };
+  auto [runningTask, running] = task("/slow");
+  runningTask->resume();
+  ASSERT_TRUE(server.waitForRequests(1));
+  runningTask->cancel();
+  runningTask->cancel();
+  ASSERT_TRUE(running->wait());
+  auto [suspendedTask, suspended] = task("/never");
+  suspendedTask->cancel();
+  ASSERT_TRUE(suspended->wait());
+  suspendedTask->resume();
+  auto [finishedTask, finished] = task("/quick");
+  finishedTask->resume();
+  ASSERT_TRUE(finished->wait());
+  finishedTask->cancel();
+
+  // Completions come in order: anything owed before this one has been delivered.
+  await(start(*session, request("/drain")));
+  for (auto& outcomes : {running, suspended}) {
+    EXPECT_EQ(outcomes->count(), 1u);
+    ASSERT_TRUE(outcomes->results[0].error);
+    EXPECT_EQ(outcomes->results[0].error->code, HttpError::Code::cancelled);
+    EXPECT_EQ(outcomes->results[0].error->description, "cancelled");
+  }
+  EXPECT_EQ(finished->count(), 1u);
+  EXPECT_TRUE(finished->results[0].response);
+  for (auto& task : {runningTask, suspendedTask, finishedTask}) {
+    EXPECT_EQ(task->state(), HttpTask::State::completed);
+  }
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  for (const auto& received : requests) EXPECT_NE(received.path, "/never");
+}
+
+TEST_F(HttpSessionTest, AtMostTwoConnectionsPerHost) {
+  server.setDefaultResponse({.body = "{}", .delay = 300ms});
+  auto sessionOptions = options();
+  sessionOptions.maxConnectionsPerHost = 2;
+  auto session = HttpSession::create(sessionOptions);
+  auto file = writeFile("batch.json", R"({"batch":[]})");
+  std::vector<Outcomes> outcomes;
+  for (int i = 0; i < 6; ++i) {
+    outcomes.push_back(start(*session, request("/batch/" + std::to_string(i), "POST"), file));
+  }
+  for (auto& outcome : outcomes) {
+    auto response = await(outcome).response;
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, 200);
+  }
+  EXPECT_EQ(server.requestCount(), 6u);
+  EXPECT_EQ(server.maxConcurrentRequests(), 2);
+  EXPECT_LE(server.maxConcurrentConnections(), 2);
+}
+
+TEST_F(HttpSessionTest, DroppedSessionStillCompletesItsTasks) {
+  server.setDefaultResponse({.body = "late", .delay = 200ms});
+  auto session = HttpSession::create(options());
+  auto first = start(*session, request("/1"));
+  auto [second, completion] = sessionCompletion();
+  auto kept = session->dataTask(request("/2"), completion);
+  kept->resume();
+  session.reset();
+  for (auto& outcomes : {first, second}) {
+    auto response = await(outcomes).response;
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->body, "late");
+  }
+}
+
+TEST_F(HttpSessionTest, WorkerThreadsEndWithTheirSessions) {
+  const std::size_t baseline = threadCount();
+  auto idle = HttpSession::create(options());
+  EXPECT_EQ(threadCount(), baseline);  // no task, no thread
+  idle.reset();
+  for (int i = 0; i < 8; ++i) await(start(*HttpSession::create(options()), request("/")));
+  // Worker threads end, and closing their connections ends the server's connection threads.
+  EXPECT_TRUE(test::eventually([&] { return threadCount() <= baseline; }))
+      << threadCount() << " threads, " << baseline << " before";
+}
+
+// A test server in a child process of its own, so that exit() in this process races with
+// nothing but the code under test. It dies with this process.
+struct ForkedServer {
+  int port = 0;
+  int requests = -1;  // one byte arrives per request received
+};
+
+ForkedServer forkServer(std::chrono::milliseconds delay) {
+  int portPipe[2];
+  int requestPipe[2];
+  if (::pipe(portPipe) != 0 || ::pipe(requestPipe) != 0) std::_Exit(2);
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid < 0) std::_Exit(2);
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) std::_Exit(0);
+    test::TestHttpsServer server;
+    server.setDefaultResponse({.delay = delay});
+    server.setResponder([fd = requestPipe[1]](const test::RecordedRequest&) {
+      char byte = 1;
+      [[maybe_unused]] auto written = ::write(fd, &byte, 1);
+      return std::optional<test::ScriptedResponse>();
+    });
+    int port = server.port();
+    if (::write(portPipe[1], &port, sizeof port) != sizeof port) std::_Exit(2);
+    for (;;) ::pause();
+  }
+  ForkedServer server;
+  if (::read(portPipe[0], &server.port, sizeof server.port) != sizeof server.port) std::_Exit(2);
+  server.requests = requestPipe[0];
+  return server;
+}
+
+bool awaitRequest(const ForkedServer& server) {
+  pollfd ready{server.requests, POLLIN, 0};
+  char byte = 0;
+  return ::poll(&ready, 1, 10000) == 1 && ::read(server.requests, &byte, 1) == 1;
+}
+
+TEST(HttpSessionDeathTest, ExitWithATransferInFlightExitsPromptly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto begin = std::chrono::steady_clock::now();
+  EXPECT_EXIT(
+      {
+        ForkedServer server = forkServer(60s);
+        auto session = HttpSession::create(
+            optionsFor(kHost + ":443:127.0.0.1:" + std::to_string(server.port)));
+        session->dataTask(request("/slow"), nullptr)->resume();
+        if (!awaitRequest(server)) std::_Exit(1);
+        // A second transfer busy with TLS while exit() tears the process down.
+        auto file = fs::temp_directory_path() / ("pelora-exit-" + std::to_string(::getpid()));
+        std::ofstream(file, std::ios::binary) << std::string(8 << 20, 'x');
+        session->uploadTask(request("/upload", "POST"), file.string(), nullptr)->resume();
+        fs::remove(file);  // the open descriptor keeps the bytes
+        std::exit(7);
+      },
+      ::testing::ExitedWithCode(7), "");
+  // The server would answer after a minute; exit() must not wait for that or for the worker.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
+}
+
+TEST(HttpURL, FormedAndCheckedByCurl) {
+  using platform::httpsURL;
+  EXPECT_EQ(httpsURL(kHost, "/tracking-controller/b"),
+            "https://" + kHost + "/tracking-controller/b");
+  EXPECT_EQ(httpsURL("example.test", ""), "https://example.test/");
+  EXPECT_EQ(httpsURL("localhost:8443", "/b"), "https://localhost:8443/b");
+  for (const char* host : {"", "bad host", "user@example.test", "example.test/x", "example.test?q",
+                           "example.test#f"}) {
+    EXPECT_FALSE(httpsURL(host, "/b")) << host;
+  }
+  EXPECT_EQ(platform::normalizedURL("https://example.test/a/../b?x=1"),
+            "https://example.test/b?x=1");
+  EXPECT_FALSE(platform::normalizedURL("ftp://example.test/"));
+  EXPECT_FALSE(platform::normalizedURL("example.test/no-scheme"));
+  EXPECT_EQ(platform::percentEncoded("a b/\xC3\xBC~-._"), "a%20b%2F%C3%BC~-._");
+}
+
+// --- the HTTP client ---
 
 struct LogLine {
   std::string message;
@@ -63,91 +457,47 @@ class RecordingLog : public LogSink {
   std::vector<LogLine> lines_;
 };
 
-// Results handed to completions, shared with them so a failed test cannot leave them dangling.
-struct Results {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<HTTPResult> results;
-
-  HTTPCompletion completion(const std::shared_ptr<Results>& self) {
-    return [self](const HTTPResult& result) {
-      std::lock_guard lock(self->mutex);
-      self->results.push_back(result);
-      self->changed.notify_all();
-    };
-  }
-  // The first result, once it has arrived.
-  std::optional<HTTPResult> wait(std::chrono::milliseconds timeout = 10s) {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_for(lock, timeout, [&] { return !results.empty(); })) return std::nullopt;
-    return results.front();
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex);
-    return results.size();
-  }
-};
-
-std::pair<std::shared_ptr<Results>, HTTPCompletion> collector() {
-  auto results = std::make_shared<Results>();
-  return {results, results->completion(results)};
-}
-
-class HTTPClientTest : public ::testing::Test {
+class HTTPClientTest : public HttpSessionTest {
  protected:
   void SetUp() override {
-    configuration->connectTo({server.connectTo(productionTrackingHost)})
-        .caBundle(server.certificates().caFile);
+    configuration->connectTo({server.connectTo(kHost)}).caBundle(server.certificates().caFile);
   }
-  void TearDown() override {
-    log::setDebugEnabled(false);
-    fs::remove_all(directory);
-  }
+  void TearDown() override { log::setDebugEnabled(false); }
 
   std::shared_ptr<HTTPClient> client() { return std::make_shared<HTTPClient>(configuration, log); }
 
-  fs::path writeBatch(const std::string& contents) {
-    fs::create_directories(directory);
-    fs::path path = directory / ("batch-" + std::to_string(++batches));
-    std::ofstream(path, std::ios::binary) << contents;
-    return path;
-  }
-
-  // Uploads a small batch and returns its result.
-  std::optional<HTTPResult> upload(HTTPClient& client) {
-    auto [results, completion] = collector();
-    client.startBatchUpload("WRITE_KEY", writeBatch("{}"), completion);
+  // Uploads `batch` (a small one when not given) and returns its result.
+  std::optional<HTTPResult> upload(HTTPClient& client, std::optional<fs::path> batch = {}) {
+    auto [results, completion] = clientCompletion();
+    client.startBatchUpload("WRITE_KEY", batch ? *batch : writeFile("batch", "{}"), completion);
     return results->wait();
   }
+  // Posts a tracking event and returns what was printed.
+  std::string postEvent(HTTPClient& client, const HTTPCompletion& completion) {
+    ::testing::internal::CaptureStdout();
+    client.trackingEventPayload(JSON("id"), "e", JSON(JSON::Map{}), {}, completion);
+    return ::testing::internal::GetCapturedStdout();
+  }
 
-  test::TestHttpsServer server;
   std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
   std::shared_ptr<Configuration> configuration =
       std::make_shared<Configuration>("WRITE_KEY", std::nullopt);
-  fs::path directory =
-      fs::temp_directory_path() / ("pelora-http-client-" + std::to_string(::getpid()) + "-" +
-                                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
-  int batches = 0;
 };
 
 TEST(HTTPClient, KeyAndHostFollowTheConfiguration) {
-  struct Case {
-    std::optional<std::string> flavor;
-    std::string_view host;
-  };
-  for (const Case& c : {Case{std::nullopt, productionTrackingHost},
-                        Case{"dev", developmentTrackingHost}, Case{"stg", stagingTrackingHost},
-                        Case{"Dev", productionTrackingHost}, Case{"STG", productionTrackingHost},
-                        Case{"devel", productionTrackingHost}, Case{"", productionTrackingHost}}) {
-    SCOPED_TRACE(c.flavor.value_or("(none)"));
-    auto configuration = std::make_shared<Configuration>("KEY", c.flavor);
+  using Case = std::pair<std::optional<std::string>, std::string_view>;
+  for (const auto& [flavor, host] :
+       {Case{std::nullopt, productionTrackingHost}, Case{"dev", developmentTrackingHost},
+        Case{"stg", stagingTrackingHost}, Case{"Dev", productionTrackingHost}}) {
+    SCOPED_TRACE(flavor.value_or("(none)"));
+    auto configuration = std::make_shared<Configuration>("KEY", flavor);
     configuration->apiHost("configured.example.test");  // never consulted here
     HTTPClient client(configuration, {});
-    EXPECT_EQ(client.apiHost(), c.host);
+    EXPECT_EQ(client.apiHost(), host);
     EXPECT_EQ(client.apiKey(), "KEY");
   }
-  auto configuration = std::make_shared<Configuration>("KEY", "dev");
-  HTTPClient given(configuration, {}, "OTHER", "given.example.test");
+  HTTPClient given(std::make_shared<Configuration>("KEY", "dev"), {}, "OTHER",
+                   "given.example.test");
   EXPECT_EQ(given.apiKey(), "OTHER");
   EXPECT_EQ(given.apiHost(), "given.example.test");
   HTTPClient bare(nullptr, {});
@@ -158,9 +508,9 @@ TEST(HTTPClient, KeyAndHostFollowTheConfiguration) {
 TEST_F(HTTPClientTest, BatchUploadPostsTheFileToTheBatchEndpoint) {
   const std::string contents =
       R"({"batch":[{"type":"track","event":"Signed Up"}],"writeKey":"WRITE_KEY"})";
-  auto [results, completion] = collector();
-  auto task = client()->startBatchUpload("WRITE_KEY", writeBatch(contents), completion);
-  ASSERT_NE(task, nullptr);
+  auto [results, completion] = clientCompletion();
+  ASSERT_NE(client()->startBatchUpload("WRITE_KEY", writeFile("batch", contents), completion),
+            nullptr);
   auto result = results->wait();
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->succeeded());
@@ -169,72 +519,60 @@ TEST_F(HTTPClientTest, BatchUploadPostsTheFileToTheBatchEndpoint) {
 
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);
-  const auto& request = requests[0];
-  EXPECT_EQ(request.method, "POST");
-  EXPECT_EQ(request.target, "/tracking-controller/b");
-  EXPECT_EQ(request.header("Host"), productionTrackingHost);
-  EXPECT_EQ(request.body, contents);
-  EXPECT_EQ(request.header("Content-Length"), std::to_string(contents.size()));
-  EXPECT_EQ(request.header("Content-Type"), "application/json; charset=utf-8");
-  EXPECT_EQ(request.header("User-Agent"), "analytics-ios/1.0.0");
-  for (const auto& [name, value] : request.headers) {
+  const auto& received = requests[0];
+  EXPECT_EQ(received.method, "POST");
+  EXPECT_EQ(received.target, "/tracking-controller/b");
+  EXPECT_EQ(received.header("Host"), productionTrackingHost);
+  EXPECT_EQ(received.body, contents);
+  EXPECT_EQ(received.header("Content-Length"), std::to_string(contents.size()));
+  EXPECT_EQ(received.header("Content-Type"), "application/json; charset=utf-8");
+  EXPECT_EQ(received.header("User-Agent"), "analytics-ios/1.0.0");
+  for (const auto& [name, value] : received.headers) {
     EXPECT_EQ(value.find("WRITE_KEY"), std::string::npos) << name;  // the key is in the file only
   }
 }
 
 TEST_F(HTTPClientTest, StatusCodesBecomeResultsAndLogLines) {
-  struct Case {
-    int status;
-    std::optional<std::string> message;
-  };
-  const std::vector<Case> cases = {
-      {200, std::nullopt},
-      {299, std::nullopt},
-      {300, "Server responded with unexpected HTTP code 300."},
-      {399, "Server responded with unexpected HTTP code 399."},
-      {429, "Server limited client with response code 429."},
-      {400, "Server rejected payload with HTTP code 400."},
-      {430, "Server rejected payload with HTTP code 430."},
-      {500, "Server rejected payload with HTTP code 500."},
-      {503, "Server rejected payload with HTTP code 503."},
-  };
+  using Case = std::pair<int, std::optional<std::string>>;
   auto httpClient = client();
   std::size_t logged = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.status);
-    server.enqueue("/tracking-controller/b", {.status = c.status});
+  for (const auto& [status, message] :
+       {Case{200, std::nullopt}, Case{299, std::nullopt},
+        Case{300, "Server responded with unexpected HTTP code 300."},
+        Case{399, "Server responded with unexpected HTTP code 399."},
+        Case{429, "Server limited client with response code 429."},
+        Case{400, "Server rejected payload with HTTP code 400."},
+        Case{430, "Server rejected payload with HTTP code 430."},
+        Case{500, "Server rejected payload with HTTP code 500."},
+        Case{503, "Server rejected payload with HTTP code 503."}}) {
+    SCOPED_TRACE(status);
+    server.enqueue("/tracking-controller/b", {.status = status});
     auto result = upload(*httpClient);
     ASSERT_TRUE(result);
     auto lines = log->lines();
-    if (!c.message) {
+    if (!message) {
       EXPECT_TRUE(result->succeeded());
       EXPECT_EQ(lines.size(), logged);
       continue;
     }
     ASSERT_TRUE(result->clientError());
-    EXPECT_EQ(*result->clientError(), HTTPClientErrors::statusCode(c.status));
+    EXPECT_EQ(*result->clientError(), HTTPClientErrors::statusCode(status));
     ASSERT_EQ(lines.size(), ++logged);
-    EXPECT_EQ(lines.back().message, *c.message);
+    EXPECT_EQ(lines.back().message, *message);
     EXPECT_EQ(lines.back().function, uploadFunction);
     EXPECT_GT(lines.back().line, 0);
   }
 }
 
 TEST_F(HTTPClientTest, TransportErrorsAreLoggedAndPassedOn) {
-  configuration->connectTo(
-      {std::string(productionTrackingHost) + ":443:127.0.0.1:" + std::to_string(closedPort())});
+  configuration->connectTo({kHost + ":443:127.0.0.1:" + std::to_string(closedPort())});
   auto httpClient = client();
   auto refused = upload(*httpClient);
-  ASSERT_TRUE(refused);
-  ASSERT_TRUE(refused->transportError());
-  EXPECT_EQ(refused->transportError()->code, platform::HttpError::Code::cannotConnect);
-
-  auto [results, completion] = collector();
-  httpClient->startBatchUpload("WRITE_KEY", directory / "missing", completion);
-  auto missing = results->wait();
-  ASSERT_TRUE(missing);
-  ASSERT_TRUE(missing->transportError());
-  EXPECT_EQ(missing->transportError()->code, platform::HttpError::Code::fileError);
+  auto missing = upload(*httpClient, dir.path() / "missing");
+  ASSERT_TRUE(refused && refused->transportError());
+  EXPECT_EQ(refused->transportError()->code, HttpError::Code::cannotConnect);
+  ASSERT_TRUE(missing && missing->transportError());
+  EXPECT_EQ(missing->transportError()->code, HttpError::Code::fileError);
 
   auto lines = log->lines();
   ASSERT_EQ(lines.size(), 2u);
@@ -249,24 +587,24 @@ TEST_F(HTTPClientTest, TransportErrorsAreLoggedAndPassedOn) {
 
 TEST_F(HTTPClientTest, CompletionRunsWhenClientAndLogAreGone) {
   server.enqueue("/tracking-controller/b", {.status = 503, .delay = 100ms});
-  auto [results, completion] = collector();
+  auto [results, completion] = clientCompletion();
   auto httpClient = client();
-  httpClient->startBatchUpload("WRITE_KEY", writeBatch("{}"), completion);
+  httpClient->startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion);
   ASSERT_TRUE(server.waitForRequests(1));
   std::weak_ptr<RecordingLog> watcher = log;
   log.reset();
   httpClient.reset();
   ASSERT_TRUE(watcher.expired());
   auto result = results->wait();
-  ASSERT_TRUE(result);
-  ASSERT_TRUE(result->clientError());
+  ASSERT_TRUE(result && result->clientError());
   EXPECT_EQ(result->clientError()->code(), 503);
 }
 
 TEST_F(HTTPClientTest, UnformableUploadURLFailsAtOnce) {
   HTTPClient httpClient(configuration, log, std::nullopt, "bad host");
-  auto [results, completion] = collector();
-  EXPECT_EQ(httpClient.startBatchUpload("WRITE_KEY", writeBatch("{}"), completion), nullptr);
+  auto [results, completion] = clientCompletion();
+  EXPECT_EQ(httpClient.startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion),
+            nullptr);
   ASSERT_EQ(results->count(), 1u);  // before returning
   ASSERT_TRUE(results->results[0].clientError());
   EXPECT_EQ(*results->results[0].clientError(), HTTPClientErrors::failedToOpenBatch());
@@ -280,14 +618,13 @@ TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
   };
   server.enqueue("/", {.status = 430});
-  auto [results, completion] = collector();
+  auto [results, completion] = clientCompletion();
   const auto before = millisecondsNow();
   client()->trackingEventPayload(JSON("identity-1"), "signup", JSON(JSON::Map{{"plan", "pro"}}),
                                  {JSON(1), JSON("two")}, completion);
   auto result = results->wait();
   const auto after = millisecondsNow();
-  ASSERT_TRUE(result);
-  ASSERT_TRUE(result->clientError());
+  ASSERT_TRUE(result && result->clientError());
   EXPECT_EQ(result->clientError()->code(), 430);
   auto lines = log->lines();
   ASSERT_EQ(lines.size(), 1u);
@@ -296,80 +633,64 @@ TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
 
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);
-  const auto& request = requests[0];
-  EXPECT_EQ(request.method, "POST");
-  EXPECT_EQ(request.target, "/");
-  EXPECT_EQ(request.header("Host"), productionTrackingHost);
-  EXPECT_EQ(request.headerCount("Content-Type"), 1u);
-  EXPECT_EQ(request.header("Content-Type"), "application/json");
-  EXPECT_EQ(request.header("User-Agent"), "analytics-ios/1.0.0");
+  const auto& received = requests[0];
+  EXPECT_EQ(received.method, "POST");
+  EXPECT_EQ(received.target, "/");
+  EXPECT_EQ(received.header("Host"), productionTrackingHost);
+  EXPECT_EQ(received.headerCount("Content-Type"), 1u);
+  EXPECT_EQ(received.header("Content-Type"), "application/json");
+  EXPECT_EQ(received.header("User-Agent"), "analytics-ios/1.0.0");
 
-  JSON body = JSON::parse(request.body);
-  ASSERT_TRUE(body.mapPointer());
-  std::vector<std::string> keys;
-  for (const auto& [key, value] : *body.mapPointer()) keys.push_back(key);
-  EXPECT_EQ(keys, (std::vector<std::string>{"eventData", "event_date", "event_name", "identity_id",
-                                            "profile", "workspace_id"}));
-  EXPECT_EQ(body["workspace_id"], JSON("WRITE_KEY"));
-  EXPECT_EQ(body["identity_id"], JSON("identity-1"));
-  EXPECT_EQ(body["event_name"], JSON("signup"));
-  EXPECT_EQ(body["eventData"], JSON(JSON::Map{{"plan", "pro"}}));
-  EXPECT_EQ(body["profile"], JSON(JSON::List{JSON(1), JSON("two")}));
-  auto date = body["event_date"]->decimalValue();
-  ASSERT_TRUE(date);
-  EXPECT_EQ(JSON(*date).toString().find_first_of(".eE"), std::string::npos);  // whole number
-  auto milliseconds = body["event_date"]->intValue();
-  EXPECT_GE(*milliseconds, before);
-  EXPECT_LE(*milliseconds, after);
+  JSON body = JSON::parse(received.body);
+  EXPECT_EQ(body.remove("event_date"),
+            JSON::parse(R"({"eventData":{"plan":"pro"},"event_name":"signup",)"
+                        R"("identity_id":"identity-1","profile":[1,"two"],)"
+                        R"("workspace_id":"WRITE_KEY"})"));
+  auto date = body["event_date"];
+  ASSERT_TRUE(date && date->decimalValue());
+  EXPECT_EQ(date->toString().find_first_of(".eE"), std::string::npos);  // whole milliseconds
+  EXPECT_GE(*date->intValue(), before);
+  EXPECT_LE(*date->intValue(), after);
 }
 
-TEST_F(HTTPClientTest, TrackingEventDebugOutput) {
+TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
   log::setDebugEnabled(true);
-  auto [results, completion] = collector();
-  ::testing::internal::CaptureStdout();
-  client()->trackingEventPayload(JSON("id"), "e", JSON(JSON::Map{}), {}, completion);
-  std::string printed = ::testing::internal::GetCapturedStdout();
+  auto [results, completion] = clientCompletion();
+  std::string printed = postEvent(*client(), completion);
   ASSERT_TRUE(results->wait());
   ASSERT_EQ(server.requestCount(), 1u);
   EXPECT_EQ(printed, "trackingEvent Native SDK Payload\n" + server.requests()[0].body + "\n");
-}
 
-TEST_F(HTTPClientTest, EmptyHostSendsNothing) {
+  // An empty host sends nothing, calls no completion and logs nothing.
   HTTPClient blocked(configuration, log, std::nullopt, "");
-  auto [results, completion] = collector();
+  auto [blockedResults, blockedCompletion] = clientCompletion();
   for (bool debug : {false, true}) {
     log::setDebugEnabled(debug);
-    ::testing::internal::CaptureStdout();
-    blocked.trackingEventPayload(JSON("id"), "e", JSON(JSON::Map{}), {}, completion);
-    std::string printed = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed, debug ? "trackingEvent Native SDK Payload\n"
-                               "--- Error : Pelora SDK isn't initialized ---\n"
-                             : "");
+    EXPECT_EQ(postEvent(blocked, blockedCompletion),
+              debug ? "trackingEvent Native SDK Payload\n"
+                      "--- Error : Pelora SDK isn't initialized ---\n"
+                    : "");
   }
-  log::setDebugEnabled(false);
   // Anything the blocked client had sent would reach the server before this one's answer.
-  auto [sent, sentCompletion] = collector();
-  client()->trackingEventPayload(JSON("id"), "e", JSON(JSON::Map{}), {}, sentCompletion);
+  auto [sent, sentCompletion] = clientCompletion();
+  postEvent(*client(), sentCompletion);
   ASSERT_TRUE(sent->wait());
-  EXPECT_EQ(server.requestCount(), 1u);
-  EXPECT_EQ(results->count(), 0u);
+  EXPECT_EQ(server.requestCount(), 2u);
+  EXPECT_EQ(blockedResults->count(), 0u);
   EXPECT_TRUE(log->lines().empty());
 }
 
 TEST(HTTPClientResponses, HandlerEdgeCases) {
   auto log = std::make_shared<RecordingLog>();
-  auto [results, completion] = collector();
+  auto [results, completion] = clientCompletion();
   // Neither a response nor an error: nothing is logged and the completion never runs.
   HTTPClientTestPeer::handleResponse(std::nullopt, std::nullopt, completion, log);
   EXPECT_EQ(results->count(), 0u);
   EXPECT_TRUE(log->lines().empty());
 
-  for (int status : {0, -1}) {
-    HTTPClientTestPeer::handleResponse(platform::HttpResponse{status, {}, {}}, std::nullopt,
-                                       completion, log);
+  for (int status : {0, -1, 1}) {
+    HTTPClientTestPeer::handleResponse(HttpResponse{status, {}, {}}, std::nullopt, completion, log);
   }
-  HTTPClientTestPeer::handleResponse(platform::HttpResponse{1, {}, {}}, std::nullopt, completion,
-                                     log);
   ASSERT_EQ(results->count(), 3u);
   EXPECT_EQ(results->results[0].clientError()->code(), 0);
   EXPECT_EQ(results->results[1].clientError()->code(), -1);
@@ -382,13 +703,12 @@ TEST(HTTPClientResponses, HandlerEdgeCases) {
 }
 
 TEST(HTTPClientCurl, RendersRequestsAsCommandLines) {
-  platform::HttpRequest get;
-  get.method = "GET";
+  HttpRequest get;
   get.url = "https://example.test/a?b=1";
   EXPECT_EQ(cURL(get, false), "curl -X GET 'https://example.test/a?b=1' ");
   EXPECT_EQ(cURL(get, true), "curl --request GET \\\n--url 'https://example.test/a?b=1' \\\n");
 
-  platform::HttpRequest post;
+  HttpRequest post = get;
   post.method = "POST";
   post.url = "https://example.test/";
   post.headers = {{"Content-Type", "application/json"}, {"X-A", "1"}};
@@ -403,9 +723,10 @@ TEST(HTTPClientCurl, RendersRequestsAsCommandLines) {
             "--header 'X-A: 1' \\\n"
             "--data '{\"k\":\"v\"}'");
 
-  platform::HttpRequest bare;
+  // An empty method reads as POST; a body that is not UTF-8 is left out.
+  HttpRequest bare;
   bare.method = "";
-  bare.body = "\xff\xfe";  // not UTF-8: left out
+  bare.body = "\xff\xfe";
   EXPECT_EQ(cURL(bare, false), "curl -X POST '' ");
 }
 

@@ -44,7 +44,8 @@ class Recorder : public DestinationPlugin {
   std::vector<std::string> names;
 };
 
-class StartupQueueTest : public ::testing::Test {
+// Named for the client so that the thread sanitizer run picks these tests up too.
+class AnalyticsStartupQueueTest : public ::testing::Test {
  protected:
   void SetUp() override {
     auto configuration = std::make_shared<Configuration>("startup-key", std::nullopt);
@@ -67,7 +68,7 @@ class StartupQueueTest : public ::testing::Test {
   std::shared_ptr<StartupQueue> queue;
 };
 
-TEST_F(StartupQueueTest, AddedToARunningClientItHoldsUntilTheNextChange) {
+TEST_F(AnalyticsStartupQueueTest, AddedToARunningClientItHoldsUntilTheNextChange) {
   ASSERT_TRUE(client->store()->currentState<System>()->running);
   EXPECT_FALSE(queue->running());  // the current state is not delivered
   client->trackBash("Held");
@@ -88,7 +89,7 @@ TEST_F(StartupQueueTest, AddedToARunningClientItHoldsUntilTheNextChange) {
   EXPECT_EQ(recorder->seen().back(), "Passing");
 }
 
-TEST_F(StartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKinds) {
+TEST_F(AnalyticsStartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKinds) {
   client->trackEvent(Dictionary{}, "first-dropped", Dictionary{});
   for (int i = 1; i <= 999; ++i) client->trackBash("E" + std::to_string(i));
   client->trackEvent(Dictionary{}, "last", Dictionary{});
@@ -103,7 +104,7 @@ TEST_F(StartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKinds) {
   EXPECT_EQ(queue->heldCount(), 0u);
 }
 
-TEST_F(StartupQueueTest, HoldingAnAbsentEventQueuesNothing) {
+TEST_F(AnalyticsStartupQueueTest, HoldingAnAbsentEventQueuesNothing) {
   EXPECT_EQ(queue->execute(std::optional<TrackEvent>()), std::nullopt);
   EXPECT_EQ(queue->execute(std::optional<MonitorEvent>()), std::nullopt);
   EXPECT_EQ(queue->heldCount(), 0u);
@@ -112,7 +113,7 @@ TEST_F(StartupQueueTest, HoldingAnAbsentEventQueuesNothing) {
   EXPECT_EQ(queue->execute(std::optional<TrackEvent>(event)), event);
 }
 
-TEST_F(StartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
+TEST_F(AnalyticsStartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
   class Ids : public Recorder {
    public:
     std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
@@ -132,7 +133,7 @@ TEST_F(StartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
   EXPECT_EQ(ids->seen()[0], "MESSAGE-1");
 }
 
-TEST_F(StartupQueueTest, WaitUntilStartedWaitsForTheRunningFlag) {
+TEST_F(AnalyticsStartupQueueTest, WaitUntilStartedWaitsForTheRunningFlag) {
   std::atomic<bool> returned{false};
   std::atomic<bool> runningOnReturn{false};
   std::thread waiter([&] {

@@ -45,9 +45,7 @@ class RecordingDestination : public DestinationPlugin {
     seen.push_back(event.event);
     return replacement_;
   }
-  void update(const Settings&, UpdateType type) override { updates.push_back(type); }
   std::vector<std::string> seen;
-  std::vector<UpdateType> updates;
 
  private:
   std::string key_;
@@ -179,13 +177,6 @@ TEST_F(TimelineTest, FindRemoveAndApplyFollowTheStages) {
   EXPECT_EQ(twice->shutdowns, 2);
   analytics->trackBash("f");
   EXPECT_EQ(twice->seen().size(), 2u);
-}
-
-TEST_F(TimelineTest, PluginsAddedToAClientWithSettingsGetThemAsInitial) {
-  auto destination = std::make_shared<RecordingDestination>("Dest");
-  analytics->add(destination);
-  ASSERT_FALSE(destination->updates.empty());
-  EXPECT_EQ(destination->updates.front(), UpdateType::initial);
 }
 
 }  // namespace

@@ -45,26 +45,16 @@ TEST(EventEncoding, MonitorEventAlwaysWritesItsRequiredValues) {
 TEST(EventCopies, ExistingCopiesCommonFieldsButNotMetricsOrType) {
   TrackEvent source = fullTrackEvent();
   source.type = "renamed";
-  TrackEvent copy = TrackEvent::existing(source);
-  EXPECT_EQ(copy.type, "track");
-  EXPECT_FALSE(copy.metrics);
-  EXPECT_EQ(copy.context, source.context);
-  EXPECT_EQ(copy.integrations, source.integrations);
-  EXPECT_EQ(copy._metadata, source._metadata);
-  EXPECT_EQ(copy.anonymousId, "anon");
-  EXPECT_EQ(copy.messageId, "MSG");
-  EXPECT_EQ(copy.userId, "user");
-  EXPECT_EQ(copy.timestamp, source.timestamp);
-  EXPECT_EQ(copy.properties, source.properties);
+  TrackEvent expected = fullTrackEvent();
+  expected.metrics.reset();
+  EXPECT_EQ(TrackEvent::existing(source), expected);
 
   MonitorEvent monitor(JSON(1), "e", JSON(2), std::vector<JSON>{JSON(3)});
-  monitor.metrics = std::vector<JSON>{};
   monitor.userId = "u";
-  MonitorEvent monitorCopy = MonitorEvent::existing(monitor);
-  EXPECT_EQ(monitorCopy.type, "monitor_event");
-  EXPECT_FALSE(monitorCopy.metrics);
-  EXPECT_EQ(monitorCopy.userId, "u");
-  EXPECT_EQ(monitorCopy.profile, monitor.profile);
+  MonitorEvent expectedMonitor = monitor;
+  monitor.metrics = std::vector<JSON>{};
+  monitor.type = "renamed";
+  EXPECT_EQ(MonitorEvent::existing(monitor), expectedMonitor);
 }
 
 TEST(EventDecoding, RoundTripsAndKeepsTypeAsFound) {
@@ -84,7 +74,7 @@ TEST(EventDecoding, RoundTripsAndKeepsTypeAsFound) {
 }
 
 TEST(EventDecoding, MissingOrMistypedValuesNameTheKey) {
-  auto failure = [](auto decodeCall) -> DecodingError {
+  auto failure = [](auto decodeCall) {
     try {
       decodeCall();
     } catch (const DecodingError& error) {

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -14,12 +13,14 @@
 #include "pelora/delivery/settings.hpp"
 #include "pelora/log/log.hpp"
 #include "pelora/platform/user_defaults.hpp"
+#include "tests/support/temp_directory.hpp"
 
 namespace pelora {
 namespace {
 
 namespace fs = std::filesystem;
 using Files = std::vector<fs::path>;
+using Names = std::vector<std::string>;
 using Key = Storage::Constants;
 
 const std::string kHeader = "{ \"batch\": [";
@@ -43,13 +44,16 @@ TrackEvent event(const std::string& name) {
   return e;
 }
 
-std::string text(const TrackEvent& e) {
-  return toString(e);
+// The unfinished batch holding `names`, as storage writes it.
+std::string batchOf(std::initializer_list<const char*> names) {
+  std::string bytes = kHeader;
+  for (const char* name : names) bytes += (bytes == kHeader ? "" : ",") + toString(event(name));
+  return bytes;
 }
 
-// What a finished batch looks like, whatever its sentAt.
-std::string closing(const std::string& key) {
-  return R"(],"sentAt":"2024-05-01T08:09:10.123Z","writeKey":")" + key + R"("})";
+// A finished batch of `name`, whatever its sentAt.
+std::string closedBatchOf(const char* name) {
+  return batchOf({name}) + R"(],"sentAt":"2024-05-01T08:09:10.123Z","writeKey":"write-key"})";
 }
 
 // An unfinished batch of exactly `size` bytes: the header and one padding event.
@@ -58,121 +62,125 @@ std::string batchOfSize(std::size_t size) {
   return open + std::string(size - open.size() - 2, 'x') + "\"}";
 }
 
-std::vector<std::string> names(const Files& files) {
-  std::vector<std::string> out;
-  for (const auto& file : files) out.push_back(file.filename().string());
-  return out;
+// The batch events in a finished file.
+JSON eventsIn(const fs::path& file) {
+  return JSON::parse(readFile(file))["batch"].value_or(JSON());
+}
+
+// What `action` prints with debug logs on.
+template <class Action>
+std::string printedByDebugLogs(Action action) {
+  log::setDebugEnabled(true);
+  testing::internal::CaptureStdout();
+  action();
+  const std::string output = testing::internal::GetCapturedStdout();
+  log::setDebugEnabled(false);
+  return output;
 }
 
 class StorageTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "pelora-storage-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    paths_ = {root_ / "Documents", root_ / "config"};
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
-
   std::shared_ptr<Storage> storage(const std::string& key = "write-key") {
     return Storage::create(nullptr, key, paths_);
   }
   fs::path eventsDir(const std::string& key = "write-key") {
     return paths_.documents / "pelora" / detail::safeFileName(key);
   }
-  // Writes the stored event index the way an earlier run would have left it.
-  void storeIndex(std::uint64_t index, const std::string& key = "write-key") {
-    auto suite = platform::UserDefaults::open(paths_.preferences,
-                                              "com.pelora.storage." + detail::safeFileName(key));
-    suite->set("pelora.events", JSON(index));
-    ASSERT_TRUE(suite->synchronize());
+  fs::path file(const std::string& name, const std::string& key = "write-key") {
+    return eventsDir(key) / name;
+  }
+  // Leaves a batch file the way an earlier run would have.
+  void leave(const std::string& name, const std::string& bytes,
+             const std::string& key = "write-key") {
+    fs::create_directories(eventsDir(key));
+    writeFile(file(name, key), bytes);
+  }
+  Names listed(Storage& s) {
+    Names names;
+    for (const auto& path : s.read<Files>(Key::events).value_or(Files{}))
+      names.push_back(path.filename().string());
+    return names;
+  }
+  std::optional<platform::UserDefaults> suite(const std::string& key = "write-key") {
+    return platform::UserDefaults::open(paths_.preferences,
+                                        "com.pelora.storage." + detail::safeFileName(key));
   }
   std::optional<JSON> storedIndex(const std::string& key = "write-key") {
-    return platform::UserDefaults::open(paths_.preferences,
-                                        "com.pelora.storage." + detail::safeFileName(key))
-        ->get("pelora.events");
+    return suite(key)->get("pelora.events");
+  }
+  // Stores the event index the way an earlier run would have left it.
+  void storeIndex(std::uint64_t index) {
+    auto defaults = suite();
+    defaults->set("pelora.events", JSON(index));
+    ASSERT_TRUE(defaults->synchronize());
   }
 
-  fs::path root_;
-  platform::Paths paths_;
+  test::TempDirectory root_{"pelora-storage"};
+  platform::Paths paths_{root_.path() / "Documents", root_.path() / "config"};
 };
 
 TEST_F(StorageTest, EventsAreAppendedWithOneCommaBetween) {
   auto s = storage();
   s->write(Key::events, event("first"));
-  const fs::path file = eventsDir() / "0-pelora-events";
-  EXPECT_EQ(readFile(file), kHeader + text(event("first")));
-
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"first"}));
   MonitorEvent monitor(JSON("identity"), "seen", JSON(JSON::Map{}), std::nullopt);
   s->write(Key::events, monitor);
-  EXPECT_EQ(readFile(file), kHeader + text(event("first")) + "," + toString(monitor));
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"first"}) + "," + toString(monitor));
 }
 
 TEST_F(StorageTest, ListingFinishesTheBatchAndMovesTheIndex) {
   auto s = storage();
   s->write(Key::events, event("a"));
   s->write(Key::events, event("b"));
-  const Files files = s->read<Files>(Key::events).value();
-  ASSERT_EQ(names(files), std::vector<std::string>{"0-pelora-events.temp"});
-  EXPECT_EQ(files[0], eventsDir() / "0-pelora-events.temp");
-
-  const std::string bytes = readFile(files[0]);
-  const std::string events = kHeader + text(event("a")) + "," + text(event("b"));
+  EXPECT_EQ(*s->read<Files>(Key::events), Files{file("0-pelora-events.temp")});
+  const std::string bytes = readFile(file("0-pelora-events.temp"));
+  const std::string events = batchOf({"a", "b"});
   ASSERT_EQ(bytes.substr(0, events.size()), events);
   EXPECT_THAT(bytes.substr(events.size()),
               testing::MatchesRegex(kSentAt + R"(,"writeKey":"write-key"[}])"));
-  EXPECT_EQ(JSON::parse(bytes)["batch"]->listPointer()->size(), 2u);
+  EXPECT_EQ(eventsIn(file("0-pelora-events.temp")).listPointer()->size(), 2u);
   EXPECT_EQ(storedIndex(), JSON(1));
 
   // Nothing stored since: no empty batch, and the index stays.
-  EXPECT_EQ(names(*s->read<Files>(Key::events)), std::vector<std::string>{"0-pelora-events.temp"});
+  EXPECT_EQ(listed(*s), Names{"0-pelora-events.temp"});
   EXPECT_EQ(storedIndex(), JSON(1));
-
   s->write(Key::events, event("c"));
-  EXPECT_EQ(readFile(eventsDir() / "1-pelora-events"), kHeader + text(event("c")));
+  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"c"}));
 }
 
-TEST_F(StorageTest, FileJustBelowRollOverTakesOneMoreEvent) {
-  fs::create_directories(eventsDir());
-  const std::string existing = batchOfSize(474'999);
-  writeFile(eventsDir() / "0-pelora-events", existing);
-
-  storage()->write(Key::events, event("a"));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events"), existing + "," + text(event("a")));
-  EXPECT_FALSE(fs::exists(eventsDir() / "0-pelora-events.temp"));
-}
-
-TEST_F(StorageTest, FileAtRollOverIsFinishedBeforeTheEvent) {
-  fs::create_directories(eventsDir());
-  const std::string existing = batchOfSize(475'000);
-  writeFile(eventsDir() / "0-pelora-events", existing);
-
-  auto s = storage();
-  s->write(Key::events, event("a"));
-  const std::string finished = readFile(eventsDir() / "0-pelora-events.temp");
-  EXPECT_EQ(finished.substr(0, existing.size()), existing);
-  EXPECT_THAT(finished.substr(existing.size()),
-              testing::MatchesRegex(kSentAt + R"(,"writeKey":"write-key"[}])"));
-  EXPECT_FALSE(fs::exists(eventsDir() / "0-pelora-events"));
-  EXPECT_EQ(readFile(eventsDir() / "1-pelora-events"), kHeader + text(event("a")));
-  EXPECT_EQ(storedIndex(), JSON(1));
+TEST_F(StorageTest, RollOverAt475000Bytes) {
+  // Just below, the file takes one more event; at the limit it is finished before the event.
+  for (const std::size_t size : {474'999u, 475'000u}) {
+    SCOPED_TRACE(size);
+    const std::string key = "key-" + std::to_string(size);
+    const std::string existing = batchOfSize(size);
+    leave("0-pelora-events", existing, key);
+    storage(key)->write(Key::events, event("a"));
+    if (size < 475'000) {
+      EXPECT_EQ(readFile(file("0-pelora-events", key)), existing + "," + toString(event("a")));
+      EXPECT_FALSE(fs::exists(file("0-pelora-events.temp", key)));
+      continue;
+    }
+    const std::string finished = readFile(file("0-pelora-events.temp", key));
+    EXPECT_EQ(finished.substr(0, existing.size()), existing);
+    EXPECT_THAT(finished.substr(existing.size()),
+                testing::MatchesRegex(kSentAt + ",\"writeKey\":\"" + key + "\"[}]"));
+    EXPECT_FALSE(fs::exists(file("0-pelora-events", key)));
+    EXPECT_EQ(readFile(file("1-pelora-events", key)), batchOf({"a"}));
+    EXPECT_EQ(storedIndex(key), JSON(1));
+  }
 }
 
 TEST_F(StorageTest, ListsOnlyFinishedFilesInLexicalOrder) {
   fs::create_directories(eventsDir() / "dir.temp");
   for (const char* name : {"2-pelora-events.temp", "10-pelora-events.temp", "notes.txt",
                            ".hidden.temp", "3-pelora-events.tmp"})
-    writeFile(eventsDir() / name, "{}");
-
+    leave(name, "{}");
   auto s = storage();
-  EXPECT_EQ(names(*s->read<Files>(Key::events)),
-            (std::vector<std::string>{"10-pelora-events.temp", "2-pelora-events.temp"}));
+  EXPECT_EQ(listed(*s), (Names{"10-pelora-events.temp", "2-pelora-events.temp"}));
   // The index moved past the finished files found on disk.
   s->write(Key::events, event("a"));
-  EXPECT_TRUE(fs::exists(eventsDir() / "11-pelora-events"));
+  EXPECT_TRUE(fs::exists(file("11-pelora-events")));
 }
 
 TEST_F(StorageTest, ValuesRoundTripAndOutliveTheInstance) {
@@ -184,7 +192,6 @@ TEST_F(StorageTest, ValuesRoundTripAndOutliveTheInstance) {
     s->write(Key::traits, traits);
     s->write(Key::anonymousId, std::string("ANON-1"));
     s->write(Key::settings, settings);
-    EXPECT_EQ(s->read<std::string>(Key::userId), "user-1");
     EXPECT_EQ(s->read<std::int64_t>(Key::userId), std::nullopt);  // stored, but not a number
   }
   auto s = storage();
@@ -200,17 +207,17 @@ TEST_F(StorageTest, ValuesRoundTripAndOutliveTheInstance) {
 
   // Only events go into batch files, and events are not suite values.
   s->write(Key::events, std::string("not an event"));
-  EXPECT_FALSE(fs::exists(eventsDir() / "0-pelora-events"));
+  EXPECT_FALSE(fs::exists(file("0-pelora-events")));
   EXPECT_EQ(s->read<std::string>(Key::events), std::nullopt);
 }
 
 TEST_F(StorageTest, WriteKeysBecomeOneSafeFileName) {
-  EXPECT_EQ(detail::safeFileName("."), "%2E");
-  EXPECT_EQ(detail::safeFileName(".."), "%2E%2E");
-  EXPECT_EQ(detail::safeFileName("a/b"), "a%2Fb");
-  EXPECT_EQ(detail::safeFileName(""), "%empty");
-  EXPECT_EQ(detail::safeFileName("%empty"), "%25empty");
-  EXPECT_EQ(detail::safeFileName(std::string("nul\0byte", 8)), "nul%00byte");
+  using Case = std::pair<std::string, std::string>;
+  for (const auto& [key, name] :
+       {Case{".", "%2E"}, Case{"..", "%2E%2E"}, Case{"a/b", "a%2Fb"}, Case{"", "%empty"},
+        Case{"%empty", "%25empty"}, Case{std::string("nul\0byte", 8), "nul%00byte"}}) {
+    EXPECT_EQ(detail::safeFileName(key), name);
+  }
   const std::string longKey(300, '/');
   EXPECT_LE(detail::safeFileName(longKey).size(), 160u);
   EXPECT_NE(detail::safeFileName(longKey), detail::safeFileName(longKey + "/"));
@@ -230,39 +237,37 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     EXPECT_EQ(s->eventsDirectory().parent_path(), paths_.documents / "pelora");
     directories.insert(s->eventsDirectory());
     // The batch names the key exactly as given.
-    const std::string bytes = readFile(files[0]);
-    EXPECT_TRUE(bytes.ends_with("\"writeKey\":\"" + key + "\"}")) << key;
+    EXPECT_TRUE(readFile(files[0]).ends_with("\"writeKey\":\"" + key + "\"}")) << key;
     EXPECT_EQ(storage(key)->read<std::string>(Key::userId), "user") << key;
   }
   EXPECT_EQ(directories.size(), keys.size());
 
   // Nothing anywhere but one directory per key and one suite file per key.
   std::size_t suites = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(root_)) {
+  for (const auto& entry : fs::recursive_directory_iterator(root_.path())) {
     if (!entry.is_regular_file()) continue;
-    const fs::path path = entry.path();
-    if (path.parent_path() == paths_.preferences / "pelora") {
+    if (entry.path().parent_path() == paths_.preferences / "pelora") {
       ++suites;
     } else {
-      EXPECT_EQ(directories.count(path.parent_path()), 1u) << path;
+      EXPECT_EQ(directories.count(entry.path().parent_path()), 1u) << entry.path();
     }
   }
   EXPECT_EQ(suites, keys.size());
-  EXPECT_FALSE(fs::exists(root_ / "x"));
+  EXPECT_FALSE(fs::exists(root_.path() / "x"));
 }
 
 TEST_F(StorageTest, UnwritableDocumentsLoseEventsQuietlyUntilWritable) {
-  writeFile(root_ / "blocker", "a file where a directory should be");
-  paths_.documents = root_ / "blocker" / "Documents";
+  writeFile(root_.path() / "blocker", "a file where a directory should be");
+  paths_.documents = root_.path() / "blocker" / "Documents";
   auto s = storage();
   s->write(Key::events, event("lost"));
   EXPECT_TRUE(s->read<Files>(Key::events)->empty());
 
-  fs::remove(root_ / "blocker");
+  fs::remove(root_.path() / "blocker");
   s->write(Key::events, event("kept"));
   const Files files = *s->read<Files>(Key::events);
   ASSERT_EQ(files.size(), 1u);
-  EXPECT_EQ(JSON::parse(readFile(files[0]))["batch"], JSON(JSON::List{JSON::with(event("kept"))}));
+  EXPECT_EQ(eventsIn(files[0]), JSON(JSON::List{JSON::with(event("kept"))}));
 }
 
 TEST_F(StorageTest, BatchDeletedWhileOpenStartsAgain) {
@@ -270,13 +275,12 @@ TEST_F(StorageTest, BatchDeletedWhileOpenStartsAgain) {
   s->write(Key::events, event("a"));
   fs::remove_all(eventsDir());
   s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events"), kHeader + text(event("b")));
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"b"}));
 }
 
 TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
-  fs::create_directories(eventsDir());
   const std::string existing = batchOfSize(400'000);
-  writeFile(eventsDir() / "0-pelora-events", existing);
+  leave("0-pelora-events", existing);
   auto s = storage();
 
   // Room for part of an event only: the torn write must be cut back.
@@ -286,119 +290,96 @@ TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
   rlimit tight = saved;
   tight.rlim_cur = existing.size() + 10;
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-  log::setDebugEnabled(true);
-  testing::internal::CaptureStdout();
-  s->write(Key::events, event("lost"));
-  const Files whileFull = *s->read<Files>(Key::events);
-  const std::string output = testing::internal::GetCapturedStdout();
-  log::setDebugEnabled(false);
+  Files whileFull;
+  const std::string output = printedByDebugLogs([&] {
+    s->write(Key::events, event("lost"));
+    whileFull = *s->read<Files>(Key::events);
+  });
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &saved), 0);
   std::signal(SIGXFSZ, previous);
 
   EXPECT_TRUE(whileFull.empty());
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events"), existing);
+  EXPECT_EQ(readFile(file("0-pelora-events")), existing);
   EXPECT_NE(output.find("finish(file:)"), std::string::npos);
-  EXPECT_NE(output.find("Event storage " + (eventsDir() / "0-pelora-events").string() +
+  EXPECT_NE(output.find("Event storage " + file("0-pelora-events").string() +
                         " has some kind of problem."),
             std::string::npos);
 
   s->write(Key::events, event("kept"));
-  const Files files = *s->read<Files>(Key::events);
-  ASSERT_EQ(names(files), std::vector<std::string>{"0-pelora-events.temp"});
-  EXPECT_EQ(JSON::parse(readFile(files[0]))["batch"]->listPointer()->size(), 2u);
+  EXPECT_EQ(listed(*s), Names{"0-pelora-events.temp"});
+  EXPECT_EQ(eventsIn(file("0-pelora-events.temp")).listPointer()->size(), 2u);
 }
 
 TEST_F(StorageTest, ClosedButNotRenamedBatchIsNeverAppendedTo) {
-  fs::create_directories(eventsDir());
-  const std::string closed = kHeader + text(event("a")) + closing("write-key");
-  writeFile(eventsDir() / "0-pelora-events", closed);
-
+  leave("0-pelora-events", closedBatchOf("a"));
   auto s = storage();
   s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events.temp"), closed);
-  EXPECT_EQ(readFile(eventsDir() / "1-pelora-events"), kHeader + text(event("b")));
-  EXPECT_EQ(names(*s->read<Files>(Key::events)),
-            (std::vector<std::string>{"0-pelora-events.temp", "1-pelora-events.temp"}));
+  EXPECT_EQ(readFile(file("0-pelora-events.temp")), closedBatchOf("a"));
+  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"b"}));
+  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
 
   // Found by a listing instead: only renamed.
-  writeFile(eventsDir() / "2-pelora-events", closed);
-  EXPECT_EQ(names(*storage()->read<Files>(Key::events)).back(), "2-pelora-events.temp");
-  EXPECT_EQ(readFile(eventsDir() / "2-pelora-events.temp"), closed);
+  leave("2-pelora-events", closedBatchOf("a"));
+  EXPECT_EQ(listed(*storage()).back(), "2-pelora-events.temp");
+  EXPECT_EQ(readFile(file("2-pelora-events.temp")), closedBatchOf("a"));
   EXPECT_EQ(storedIndex(), JSON(3));
 }
 
 TEST_F(StorageTest, RenamedButIndexNotStoredNeverReplacesTheTemp) {
-  fs::create_directories(eventsDir());
   storeIndex(0);
-  const std::string finished = kHeader + text(event("a")) + closing("write-key");
-  writeFile(eventsDir() / "0-pelora-events.temp", finished);
-
+  leave("0-pelora-events.temp", closedBatchOf("a"));
   auto s = storage();
   s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(eventsDir() / "1-pelora-events"), kHeader + text(event("b")));
-  EXPECT_EQ(names(*s->read<Files>(Key::events)),
-            (std::vector<std::string>{"0-pelora-events.temp", "1-pelora-events.temp"}));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events.temp"), finished);
+  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"b"}));
+  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
+  EXPECT_EQ(readFile(file("0-pelora-events.temp")), closedBatchOf("a"));
   EXPECT_EQ(storedIndex(), JSON(2));
 }
 
 TEST_F(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
-  fs::create_directories(eventsDir());
-  writeFile(eventsDir() / "0-pelora-events", "");  // created, header never written
+  leave("0-pelora-events", "");  // created, header never written
   storage()->write(Key::events, event("a"));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events"), kHeader + text(event("a")));
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"a"}));
 
-  fs::remove(eventsDir() / "0-pelora-events");
-  writeFile(eventsDir() / "0-pelora-events", kHeader);  // header, no event yet
+  leave("0-pelora-events", kHeader);  // header, no event yet
   auto s = storage();
   EXPECT_TRUE(s->read<Files>(Key::events)->empty());  // nothing to send: no empty batch
   s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events"), kHeader + text(event("b")));
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"b"}));
 }
 
 TEST_F(StorageTest, EarlierUnfinishedBatchesAreFinishedAtStart) {
-  fs::create_directories(eventsDir());
   storeIndex(3);
-  const std::string closed = kHeader + text(event("a")) + closing("write-key");
-  writeFile(eventsDir() / "0-pelora-events", kHeader);
-  writeFile(eventsDir() / "1-pelora-events", closed);
-  writeFile(eventsDir() / "2-pelora-events", kHeader + text(event("b")));
+  leave("0-pelora-events", kHeader);
+  leave("1-pelora-events", closedBatchOf("a"));
+  leave("2-pelora-events", batchOf({"b"}));
 
   auto s = storage();
-  EXPECT_EQ(names(*s->read<Files>(Key::events)),
-            (std::vector<std::string>{"1-pelora-events.temp", "2-pelora-events.temp"}));
-  EXPECT_FALSE(fs::exists(eventsDir() / "0-pelora-events"));
-  EXPECT_EQ(readFile(eventsDir() / "1-pelora-events.temp"), closed);
-  EXPECT_EQ(JSON::parse(readFile(eventsDir() / "2-pelora-events.temp"))["batch"],
-            JSON(JSON::List{JSON::with(event("b"))}));
+  EXPECT_EQ(listed(*s), (Names{"1-pelora-events.temp", "2-pelora-events.temp"}));
+  EXPECT_FALSE(fs::exists(file("0-pelora-events")));
+  EXPECT_EQ(readFile(file("1-pelora-events.temp")), closedBatchOf("a"));
+  EXPECT_EQ(eventsIn(file("2-pelora-events.temp")), JSON(JSON::List{JSON::with(event("b"))}));
   s->write(Key::events, event("c"));
-  EXPECT_TRUE(fs::exists(eventsDir() / "3-pelora-events"));
+  EXPECT_TRUE(fs::exists(file("3-pelora-events")));
 }
 
 TEST_F(StorageTest, TempNameTakenAtFinishGetsAnotherName) {
   auto s = storage();
   s->write(Key::events, event("a"));
-  writeFile(eventsDir() / "0-pelora-events.temp", "someone else's");
-  EXPECT_EQ(names(*s->read<Files>(Key::events)),
-            (std::vector<std::string>{"0-pelora-events.1.temp", "0-pelora-events.temp"}));
-  EXPECT_EQ(readFile(eventsDir() / "0-pelora-events.temp"), "someone else's");
+  writeFile(file("0-pelora-events.temp"), "someone else's");
+  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.1.temp", "0-pelora-events.temp"}));
+  EXPECT_EQ(readFile(file("0-pelora-events.temp")), "someone else's");
 }
 
 TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
   auto s = storage();
   s->write(Key::events, event("a"));
-  fs::remove(eventsDir() / "0-pelora-events");  // gone while the batch is open
-
-  log::setDebugEnabled(true);
-  testing::internal::CaptureStdout();
-  const Files files = *s->read<Files>(Key::events);
-  const std::string output = testing::internal::GetCapturedStdout();
-  log::setDebugEnabled(false);
-
+  fs::remove(file("0-pelora-events"));  // gone while the batch is open
+  Files files;
+  const std::string output = printedByDebugLogs([&] { files = *s->read<Files>(Key::events); });
   EXPECT_TRUE(files.empty());
-  const std::string message =
-      "Unable to rename to temp: " + (eventsDir() / "0-pelora-events").string() +
-      ", Error: No such file or directory";
+  const std::string message = "Unable to rename to temp: " + file("0-pelora-events").string() +
+                              ", Error: No such file or directory";
   EXPECT_NE(output.find(message + "\n"), std::string::npos);  // the console line
   EXPECT_NE(output.find("finish(file:):"), std::string::npos);
   EXPECT_EQ(storedIndex(), JSON(1));
@@ -407,31 +388,29 @@ TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
 TEST_F(StorageTest, RemoveDeletesAndThrowsForAMissingFile) {
   auto s = storage();
   s->write(Key::events, event("a"));
-  const fs::path file = s->read<Files>(Key::events)->at(0);
-  s->sync([&] { s->remove(file); });  // as the upload completion does
-  EXPECT_FALSE(fs::exists(file));
-  EXPECT_THROW(s->remove(file), fs::filesystem_error);
+  const fs::path finished = s->read<Files>(Key::events)->at(0);
+  s->sync([&] { s->remove(finished); });  // as the upload completion does
+  EXPECT_FALSE(fs::exists(finished));
+  EXPECT_THROW(s->remove(finished), fs::filesystem_error);
 }
 
 TEST_F(StorageTest, ConcurrentWritersLoseNothing) {
   auto s = storage();
   constexpr int kThreads = 4, kEach = 40;
   std::vector<std::thread> threads;
-  std::vector<Files> listed(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kEach; ++i) {
         s->write(Key::events, event(std::to_string(t) + "-" + std::to_string(i)));
-        if (i % 10 == 9) listed[t] = *s->read<Files>(Key::events);
+        if (i % 10 == 9) (void)s->read<Files>(Key::events);
       }
     });
   }
   for (auto& thread : threads) thread.join();
 
   std::set<std::string> seen;
-  const Files files = *s->read<Files>(Key::events);
-  for (const auto& file : files) {
-    const JSON batch = *JSON::parse(readFile(file))["batch"];
+  for (const auto& finished : s->read<Files>(Key::events).value_or(Files{})) {
+    const JSON batch = eventsIn(finished);
     for (const auto& e : *batch.listPointer())
       EXPECT_TRUE(seen.insert(*e["messageId"]->stringPointer()).second);
   }

@@ -1,10 +1,11 @@
 #include "pelora/platform/user_defaults.hpp"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <fstream>
 #include <vector>
+
+#include "tests/support/temp_directory.hpp"
 
 namespace pelora::platform {
 namespace {
@@ -13,22 +14,14 @@ namespace fs = std::filesystem;
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "pelora-defaults-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
   fs::path file(const std::string& name = "suite") { return root_ / "pelora" / (name + ".json"); }
   void writeFile(const fs::path& path, const std::string& bytes) {
     fs::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
   }
 
-  fs::path root_;
+  test::TempDirectory dir_{"pelora-defaults"};
+  const fs::path root_ = dir_.path();
 };
 
 TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
@@ -37,6 +30,8 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
     auto suite = UserDefaults::open(root_, "suite");
     ASSERT_TRUE(suite);
     EXPECT_EQ(suite->file(), file());
+    EXPECT_TRUE(suite->synchronize());
+    EXPECT_FALSE(fs::exists(file())) << "written without changes";
     suite->set("text", JSON("value"));
     suite->set("number", JSON(Decimal::parse("12.50").value()));
     suite->set("object", object);
@@ -54,12 +49,6 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
   EXPECT_EQ(suite->get("gone"), std::nullopt);
   // The atomic write leaves no temporary file behind.
   EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "pelora"), fs::directory_iterator()), 1);
-}
-
-TEST_F(UserDefaultsTest, NothingIsWrittenWithoutChanges) {
-  auto suite = UserDefaults::open(root_, "suite");
-  EXPECT_TRUE(suite->synchronize());
-  EXPECT_FALSE(fs::exists(file()));
 }
 
 TEST_F(UserDefaultsTest, CorruptOrForeignContentOpensEmpty) {

@@ -82,16 +82,13 @@ TEST(Uuid, AForkedChildDoesNotRepeatItsParentsIds) {
   EXPECT_NE(childId, uuidString());
 }
 
-TEST(Uuid, DeviceIdentifierIsStablePerApplication) {
+TEST(Uuid, DeviceIdentifierIsTheStableNameBasedUuidOfMachineAndApplication) {
   const std::string first = deviceIdentifier("com.example.one");
   EXPECT_THAT(first, MatchesRegex(kUpperUuid));
   EXPECT_EQ(first[14], '5');
   EXPECT_EQ(deviceIdentifier("com.example.one"), first);
   EXPECT_NE(deviceIdentifier("com.example.two"), first);
   EXPECT_NE(deviceIdentifier(""), first);
-}
-
-TEST(Uuid, DeviceIdentifierIsTheNameBasedUuidOfMachineAndApplication) {
   // The same value Python's uuid.uuid5 gives for our namespace and this name: ids do not change
   // when libuuid is upgraded.
   EXPECT_EQ(detail::deviceIdentifier("0123456789abcdef0123456789abcdef", "com.example.app"),

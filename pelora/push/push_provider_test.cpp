@@ -94,9 +94,8 @@ TEST_F(AppPushManagerTest, ForwardsPassEverythingThrough) {
             "late");
   EXPECT_THAT(provider->calls,
               ElementsAre("didReceive n1", "didReceive n1", "willExpire n1", "willExpire n1"));
-}
 
-TEST_F(AppPushManagerTest, PlayerIdIsTheDeviceUserIdOrEmpty) {
+  // The player id is the device user id, or empty without one.
   EXPECT_EQ(AppPushManager::playerId(), "");
   provider->userId = "player-7";
   EXPECT_EQ(AppPushManager::playerId(), "player-7");
