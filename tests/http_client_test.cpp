@@ -326,6 +326,25 @@ TEST_F(HttpSessionTest, AtMostTwoConnectionsPerHost) {
   EXPECT_LE(server.maxConcurrentConnections(), 2);
 }
 
+TEST_F(HttpSessionTest, ABacklogGoesToCurlSixteenAtATimeAndCanBeCancelledWhileWaiting) {
+  server.setDefaultResponse({.body = "{}", .delay = 100ms});
+  auto session = HttpSession::create(options());  // no per-host cap: only the hand-over limit
+  auto file = writeFile("batch.json", R"({"batch":[]})");
+  std::vector<Outcomes> outcomes;
+  for (int i = 0; i < 40; ++i) {
+    outcomes.push_back(start(*session, request("/batch/" + std::to_string(i), "POST"), file));
+  }
+  auto [cancelled, completion] = sessionCompletion();
+  auto waiting = session->uploadTask(request("/waiting", "POST"), file.string(), completion);
+  waiting->resume();
+  waiting->cancel();
+  EXPECT_EQ(await(cancelled).error->code, HttpError::Code::cancelled);
+  for (auto& outcome : outcomes) EXPECT_EQ(await(outcome).response->status, 200);
+  EXPECT_EQ(server.requestCount(), 40u);
+  EXPECT_LE(server.maxConcurrentRequests(), 16);
+  EXPECT_GT(server.maxConcurrentRequests(), 2);
+}
+
 TEST_F(HttpSessionTest, DroppedSessionStillCompletesItsTasks) {
   server.setDefaultResponse({.body = "late", .delay = 200ms});
   auto session = HttpSession::create(options());
