@@ -4,7 +4,6 @@
 //   quickstart --connect-to tracking.pelora.io:443:127.0.0.1:8443 --ca-file <collector's ca.pem>
 //
 // Exit status: 0 when everything was delivered, 1 when something was still waiting at the deadline.
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -21,23 +20,12 @@ constexpr const char* usage = R"(usage: quickstart [options]
   --connect-to ENTRY  reroute a host, HOST:PORT:CONNECT-TO-HOST:CONNECT-TO-PORT (repeatable)
   --ca-file FILE      trust this CA bundle for HTTPS
   --data DIR          keep batch files and identity under DIR (default: the user's directories)
-  --events N          how many "Product Viewed" events to record (default 23)
-  --timeout S         give up waiting for delivery after S seconds (default 60)
   --verbose           print the library's debug log
 )";
 
 [[noreturn]] void fail(const std::string& message) {
   std::cerr << "quickstart: " << message << "\n" << usage;
   std::exit(2);
-}
-
-int number(std::string_view option, std::string_view text) {
-  int value = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value < 0) {
-    fail(std::string(option) + " takes a whole number, not \"" + std::string(text) + "\"");
-  }
-  return value;
 }
 
 }  // namespace
@@ -47,8 +35,8 @@ int main(int argc, char** argv) {
   std::vector<std::string> connectTo;
   std::string caFile;
   std::string dataDirectory;
-  int productViews = 23;
-  int timeoutSeconds = 60;
+  constexpr int productViews = 23;
+  constexpr int timeoutSeconds = 60;
   bool verbose = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
@@ -68,10 +56,6 @@ int main(int argc, char** argv) {
       caFile = value;
     } else if (option == "--data") {
       dataDirectory = value;
-    } else if (option == "--events") {
-      productViews = number(option, value);
-    } else if (option == "--timeout") {
-      timeoutSeconds = number(option, value);
     } else {
       fail("unknown option " + std::string(option));
     }
