@@ -62,13 +62,14 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
 template <class E>
 std::optional<E> DestinationPlugin::process(std::optional<E> event) {
   if (!event || !isDestinationEnabled(*event)) return std::nullopt;
-  auto before = timeline_->applyPlugins(PluginType::before, std::move(event));
-  auto enriched = timeline_->applyPlugins(PluginType::enrichment, std::move(before));
+  timeline_->runStage(PluginType::before, event);
+  timeline_->runStage(PluginType::enrichment, event);
   std::optional<E> result;
   if constexpr (std::is_same_v<E, TrackEvent>) {
-    if (enriched) result = track(std::move(*enriched));
+    if (event) result = track(std::move(*event));
   }
-  return timeline_->applyPlugins(PluginType::after, std::move(result));
+  timeline_->runStage(PluginType::after, result);
+  return result;
 }
 
 std::optional<TrackEvent> DestinationPlugin::execute(std::optional<TrackEvent> event) {

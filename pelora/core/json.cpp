@@ -62,9 +62,16 @@ JSON floatingNumber(F value, const char* typeName) {
   return JSON(*decimal);
 }
 
+// The value held by `value` when it is exactly a T. `type` is value.type(), read once by the
+// caller: std::any_cast on a mismatch asks the any for its type again each time.
+template <class T>
+const T* held(const std::any& value, const std::type_info& type) {
+  return type == typeid(T) ? std::any_cast<T>(&value) : nullptr;
+}
+
 template <class I>
-bool tryInteger(const std::any& value, JSON& out) {
-  if (const I* v = std::any_cast<I>(&value)) {
+bool tryInteger(const std::any& value, const std::type_info& type, JSON& out) {
+  if (const I* v = held<I>(value, type)) {
     out = JSON(*v);
     return true;
   }
@@ -108,38 +115,39 @@ JSON::JSON(const Dictionary& dictionary)
 JSON JSON::fromAny(const std::any& value) {
   // Most common host types first: a mismatch costs a type_info comparison.
   if (!value.has_value()) return JSON();
-  if (const auto* s = std::any_cast<std::string>(&value)) return JSON(*s);
+  const std::type_info& type = value.type();
+  if (const auto* s = held<std::string>(value, type)) return JSON(*s);
   JSON out;
-  if (tryInteger<int>(value, out) || tryInteger<std::int64_t>(value, out)) return out;
-  if (const auto* d = std::any_cast<double>(&value)) return JSON(*d);
-  if (const auto* b = std::any_cast<bool>(&value)) return JSON(*b);
-  if (const auto* s = std::any_cast<const char*>(&value)) return *s ? JSON(*s) : JSON();
-  if (const auto* dict = std::any_cast<Dictionary>(&value)) return JSON(*dict);
-  if (const auto* json = std::any_cast<JSON>(&value)) return *json;
-  if (const auto* d = std::any_cast<Decimal>(&value)) return JSON(*d);
-  if (std::any_cast<Null>(&value)) return JSON();
-  if (const auto* array = std::any_cast<Array>(&value)) {
+  if (tryInteger<int>(value, type, out) || tryInteger<std::int64_t>(value, type, out)) return out;
+  if (const auto* d = held<double>(value, type)) return JSON(*d);
+  if (const auto* b = held<bool>(value, type)) return JSON(*b);
+  if (const auto* s = held<const char*>(value, type)) return *s ? JSON(*s) : JSON();
+  if (const auto* dict = held<Dictionary>(value, type)) return JSON(*dict);
+  if (const auto* json = held<JSON>(value, type)) return *json;
+  if (const auto* d = held<Decimal>(value, type)) return JSON(*d);
+  if (held<Null>(value, type)) return JSON();
+  if (const auto* array = held<Array>(value, type)) {
     List list;
     list.reserve(array->size());
     for (const auto& element : *array) list.push_back(fromAny(element));
     return JSON(std::move(list));
   }
-  if (const auto* s = std::any_cast<std::string_view>(&value)) return JSON(*s);
-  if (const auto* s = std::any_cast<char*>(&value)) return *s ? JSON(*s) : JSON();
-  if (std::any_cast<std::nullptr_t>(&value)) return JSON();
-  if (const auto* f = std::any_cast<float>(&value)) return JSON(*f);
-  if (const auto* f = std::any_cast<long double>(&value)) return floatingNumber(*f, "long double");
-  if (tryInteger<unsigned>(value, out) || tryInteger<long>(value, out) ||
-      tryInteger<unsigned long>(value, out) || tryInteger<long long>(value, out) ||
-      tryInteger<unsigned long long>(value, out) || tryInteger<short>(value, out) ||
-      tryInteger<unsigned short>(value, out) || tryInteger<char>(value, out) ||
-      tryInteger<signed char>(value, out) || tryInteger<unsigned char>(value, out) ||
-      tryInteger<char8_t>(value, out) || tryInteger<char16_t>(value, out) ||
-      tryInteger<char32_t>(value, out) || tryInteger<wchar_t>(value, out))
+  if (const auto* s = held<std::string_view>(value, type)) return JSON(*s);
+  if (const auto* s = held<char*>(value, type)) return *s ? JSON(*s) : JSON();
+  if (held<std::nullptr_t>(value, type)) return JSON();
+  if (const auto* f = held<float>(value, type)) return JSON(*f);
+  if (const auto* f = held<long double>(value, type)) return floatingNumber(*f, "long double");
+  if (tryInteger<unsigned>(value, type, out) || tryInteger<long>(value, type, out) ||
+      tryInteger<unsigned long>(value, type, out) || tryInteger<long long>(value, type, out) ||
+      tryInteger<unsigned long long>(value, type, out) || tryInteger<short>(value, type, out) ||
+      tryInteger<unsigned short>(value, type, out) || tryInteger<char>(value, type, out) ||
+      tryInteger<signed char>(value, type, out) || tryInteger<unsigned char>(value, type, out) ||
+      tryInteger<char8_t>(value, type, out) || tryInteger<char16_t>(value, type, out) ||
+      tryInteger<char32_t>(value, type, out) || tryInteger<wchar_t>(value, type, out))
     return out;
-  if (const auto* list = std::any_cast<List>(&value)) return JSON(*list);
-  if (const auto* map = std::any_cast<Map>(&value)) return JSON(*map);
-  throw JSONError::nonJSONType(demangledName(value.type()));
+  if (const auto* list = held<List>(value, type)) return JSON(*list);
+  if (const auto* map = held<Map>(value, type)) return JSON(*map);
+  throw JSONError::nonJSONType(demangledName(type));
 }
 
 // ---- Conversions back ---------------------------------------------------------------------------
