@@ -105,7 +105,11 @@ TEST(Delivery, FlushWhileUploadsRunSendsNothingAndLosesNothing) {
   // The first upload is still running while more events are recorded and flushed: the second
   // flush finishes their file but sends nothing.
   for (std::int64_t i = 3; i < 6; ++i) analytics->trackBash("Step", Dictionary{{"seq", i}});
+  auto destination = analytics->find<PeloraDestination>();
+  EXPECT_EQ(destination->eventCount(), 3);
   analytics->flush();
+  EXPECT_EQ(destination->eventCount(), 0);
+  EXPECT_EQ(destination->pendingUploads(), 1u);  // only the slow upload
   EXPECT_EQ(filesWaiting(*analytics), 2u);
   ASSERT_TRUE(uploadsSettled(*analytics));
   EXPECT_EQ(collector.counts().batches, 1u);

@@ -80,15 +80,6 @@ class PeloraDestinationTest : public ::testing::Test {
   std::shared_ptr<PeloraDestination> destination;
 };
 
-TEST_F(PeloraDestinationTest, IdentifiesItself) {
-  PeloraDestination destination;
-  EXPECT_EQ(destination.key(), "Pelora.io");
-  EXPECT_EQ(destination.type(), PluginType::destination);
-  EXPECT_EQ(PeloraDestination::version(), "1.0.0");
-  EXPECT_EQ(destination.pluginVersion(), "1.0.0");
-  EXPECT_EQ(destination.pendingUploads(), 0u);
-}
-
 TEST_F(PeloraDestinationTest, SuccessfulUploadSendsTheBatchAndDeletesTheFile) {
   makeClient();
   client->trackBash("First", Dictionary{{"n", 1}});
@@ -118,44 +109,6 @@ TEST_F(PeloraDestinationTest, SuccessfulUploadSendsTheBatchAndDeletesTheFile) {
   }
 }
 
-TEST_F(PeloraDestinationTest, RejectedBatchesStayAndGoAgainWithNewerOnes) {
-  makeClient();
-  server.enqueue(batchPath, {.status = 500});
-  server.enqueue(batchPath, {.status = 429});
-  server.enqueue(batchPath, {.status = 429});
-  client->trackBash("Old");
-  destination->flush();
-  ASSERT_TRUE(server.waitForRequests(1));
-  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
-  auto kept = finishedFiles();
-  ASSERT_EQ(kept.size(), 1u);
-  const std::string oldBody = readFile(kept[0]);
-  EXPECT_EQ(server.requests()[0].body, oldBody);  // sent unchanged and kept unchanged
-
-  client->trackBash("New");
-  destination->flush();  // both files: each is answered 429
-  ASSERT_TRUE(server.waitForRequests(3));
-  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
-  ASSERT_EQ(finishedFiles().size(), 2u);
-
-  destination->flush();  // the default answer is 200
-  ASSERT_TRUE(server.waitForRequests(5));
-  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
-  int oldSends = 0;
-  for (const auto& request : server.requests()) oldSends += request.body == oldBody ? 1 : 0;
-  EXPECT_EQ(oldSends, 3);
-  EXPECT_EQ(server.requestCount(), 5u);
-}
-
-TEST_F(PeloraDestinationTest, RefusedConnectionKeepsTheFile) {
-  makeClient(100, 3600, closedPort());
-  client->trackBash("Lost?");
-  destination->flush();
-  ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
-  EXPECT_EQ(finishedFiles().size(), 1u);
-  EXPECT_EQ(destination->eventCount(), 0);
-}
-
 TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   makeClient(1);
   server.setDefaultResponse({.status = 500});  // keep every file to look at it
@@ -171,33 +124,6 @@ TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
     ASSERT_TRUE(body["batch"] && body["batch"]->arrayValue());
     EXPECT_EQ(body["batch"]->arrayValue()->size(), 1u);
   }
-}
-
-TEST_F(PeloraDestinationTest, FlushDuringARunningUploadSendsNothingButFinishesTheFile) {
-  makeClient();
-  server.enqueue(batchPath, {.status = 200, .delay = 1500ms});
-  client->trackBash("Slow");
-  destination->flush();
-  ASSERT_TRUE(server.waitForRequests(1));
-  ASSERT_EQ(destination->pendingUploads(), 1u);
-
-  client->trackBash("Waiting");
-  client->trackBash("Waiting too");
-  EXPECT_EQ(destination->eventCount(), 2);
-  destination->flush();
-  EXPECT_EQ(destination->eventCount(), 0);
-  // Still only the slow upload is listed; the new events sit in a finished file of their own.
-  EXPECT_EQ(destination->pendingUploads(), 1u);
-  EXPECT_EQ(finishedFiles().size(), 2u);
-
-  ASSERT_TRUE(eventually([&] { return finishedFiles().size() == 1 && uploadsSettled(); }));
-  EXPECT_EQ(server.requestCount(), 1u);
-  destination->flush();
-  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
-  auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  JSON body = JSON::parse(requests[1].body);
-  EXPECT_EQ(body["batch"]->arrayValue()->size(), 2u);
 }
 
 // Keeps every log line the client passes on, from any thread.
