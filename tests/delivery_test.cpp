@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <thread>
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
@@ -118,6 +119,34 @@ TEST(Delivery, FlushWhileUploadsRunSendsNothingAndLosesNothing) {
   ASSERT_TRUE(eventually([&] { return !analytics->hasUnsentEvents(); }));
   auto counts = sequenceCounts(collector);
   ASSERT_EQ(counts.size(), 6u);
+  for (const auto& [seq, times] : counts) EXPECT_EQ(times, 1) << "seq " << seq;
+}
+
+// Every event flushes, from two threads at once, so listings, clean-ups and completions interleave
+// in every order; each event must still arrive exactly once.
+TEST(Delivery, StressFlushingEveryEventFromTwoThreadsSendsEachOnce) {
+  TempDirectory data;
+  Collector collector;
+  auto configuration = configurationFor(data.path(), collector);
+  configuration->flushAt(1);
+  auto analytics = PeloraAnalytics::create(configuration);
+  constexpr std::int64_t perThread = 150;
+  auto record = [&](std::int64_t first) {
+    for (std::int64_t i = first; i < first + perThread; ++i) {
+      analytics->trackBash("Step", Dictionary{{"seq", i}});
+    }
+  };
+  std::thread other(record, perThread);
+  record(0);
+  other.join();
+  ASSERT_TRUE(eventually(
+      [&] {
+        analytics->flush();
+        return !analytics->hasUnsentEvents();
+      },
+      std::chrono::seconds(60)));
+  auto counts = sequenceCounts(collector);
+  EXPECT_EQ(counts.size(), static_cast<std::size_t>(2 * perThread));
   for (const auto& [seq, times] : counts) EXPECT_EQ(times, 1) << "seq " << seq;
 }
 

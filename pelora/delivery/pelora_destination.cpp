@@ -7,6 +7,20 @@
 #include "pelora/delivery/storage.hpp"
 
 namespace pelora {
+namespace {
+
+// Marks an upload handled when its completion goes away, in case it goes away without being run.
+struct HandledWhenDropped {
+  std::shared_ptr<std::atomic<bool>> handled;
+  ~HandledWhenDropped() { *handled = true; }
+};
+
+bool isInFlight(const PeloraDestination::UploadTaskInfo& info) {
+  return info.task &&
+         (info.task->state() == platform::HttpTask::State::running || !info.handled->load());
+}
+
+}  // namespace
 
 PeloraDestination::PeloraDestination()
     : uploadsQueue_(platform::SerialQueue::create("uploadsQueue." +
@@ -93,38 +107,41 @@ void PeloraDestination::flush() {
   if (!files) return;
   eventCount_.set(0);
 
-  const std::size_t inProgress = uploadsQueue_->sync([&] {
-    cleanupUploads();
-    return uploads_.size();
-  });
-  log("Uploads in-progress: " + std::to_string(inProgress), "flush()", __LINE__);
-  // One set of uploads at a time: a file still being sent must not be sent twice.
-  if (inProgress != 0) {
-    log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
-    return;
-  }
-
   const std::string writeKey = key.value_or(client->configuration()->values.writeKey);
   std::weak_ptr<PeloraDestination> weak = weak_from_this();
-  for (const auto& file : *files) {
-    log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
-    auto task = http->startBatchUpload(writeKey, file, [weak, file](const HTTPResult& result) {
-      if (auto self = weak.lock()) self->uploadFinished(file, result.succeeded());
-    });
-    if (task) {
-      uploadsQueue_->sync([&] {
-        uploads_.push_back(UploadTaskInfo{file, task, {}});
-        // A quick upload may have completed (and cleaned up) before its entry existed; without
-        // this the pending count would stay above zero until the next flush.
-        if (task->state() != platform::HttpTask::State::running) cleanupUploads();
-      });
+  // The check for running uploads and the start of new ones are one step on the uploads queue, so
+  // that two flushes at once cannot both find nothing running and both send the same files.
+  // Completions that arrive meanwhile wait for it and find their entries.
+  uploadsQueue_->sync([&] {
+    cleanupUploads();
+    log("Uploads in-progress: " + std::to_string(uploads_.size()), "flush()", __LINE__);
+    if (!uploads_.empty()) {
+      log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
+      return;
     }
-  }
+    for (const auto& file : *files) {
+      // Listed before the last uploads were cleaned up: one of them may have been sent and
+      // deleted since.
+      std::error_code error;
+      if (!std::filesystem::exists(file, error) && !error) continue;
+      log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
+      UploadTaskInfo info{file, nullptr, {}};
+      auto mark = std::make_shared<HandledWhenDropped>(HandledWhenDropped{info.handled});
+      info.task =
+          http->startBatchUpload(writeKey, file, [weak, file, mark](const HTTPResult& result) {
+            if (auto self = weak.lock()) {
+              self->uploadFinished(file, result.succeeded(), *mark->handled);
+            }
+          });
+      if (info.task) uploads_.push_back(std::move(info));
+    }
+  });
 }
 
 // Runs on the HTTP session's worker; it hops to the storage queue and the uploads queue in turn,
 // never holding one while waiting for the other.
-void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded) {
+void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded,
+                                       std::atomic<bool>& handled) {
   auto client = analytics();
   std::shared_ptr<Storage> storage;
   {
@@ -141,19 +158,29 @@ void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool s
         }
       });
     }
-    uploadsQueue_->sync([&] { cleanupUploads(); });
-  } else if (client) {
-    client->logFlush();
+    handled = true;
+    cleanupOnUploadsQueue();
+  } else {
+    handled = true;
+    if (client) client->logFlush();
   }
   log("Processed: " + file.filename().string(), "flush()", __LINE__);
-  uploadsQueue_->sync([&] { cleanupUploads(); });
+  cleanupOnUploadsQueue();
+}
+
+void PeloraDestination::cleanupOnUploadsQueue() {
+  // An upload that cannot even start completes at once, inside flush's step on the queue.
+  if (uploadsQueue_->isCurrent()) {
+    cleanupUploads();
+  } else {
+    uploadsQueue_->sync([&] { cleanupUploads(); });
+  }
 }
 
 void PeloraDestination::cleanupUploads() {
   std::vector<UploadTaskInfo> removed;
-  auto running = std::stable_partition(uploads_.begin(), uploads_.end(), [](const auto& info) {
-    return info.task && info.task->state() == platform::HttpTask::State::running;
-  });
+  auto running = std::stable_partition(uploads_.begin(), uploads_.end(),
+                                       [](const auto& info) { return isInFlight(info); });
   std::move(running, uploads_.end(), std::back_inserter(removed));
   uploads_.erase(running, uploads_.end());
   for (auto& info : removed) {

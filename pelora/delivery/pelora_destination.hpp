@@ -3,6 +3,7 @@
 // the caller's thread or (timer) on the main queue. The upload list lives on its own serial queue.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -32,6 +33,10 @@ class PeloraDestination : public DestinationPlugin,
     std::filesystem::path url;
     std::shared_ptr<platform::HttpTask> task;
     std::function<void()> cleanup;
+    // Set once the completion has dealt with the file. A task leaves the running state just before
+    // its completion runs; until the file is deleted the entry must still count as in flight, or
+    // a flush in between would send the batch again.
+    std::shared_ptr<std::atomic<bool>> handled = std::make_shared<std::atomic<bool>>(false);
   };
 
   PeloraDestination();
@@ -62,7 +67,9 @@ class PeloraDestination : public DestinationPlugin,
  private:
   // Only on uploadsQueue_.
   void cleanupUploads();
-  void uploadFinished(const std::filesystem::path& file, bool succeeded);
+  void cleanupOnUploadsQueue();
+  void uploadFinished(const std::filesystem::path& file, bool succeeded,
+                      std::atomic<bool>& handled);
   void log(const std::string& message, const char* function, int line) const;
 
   const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
