@@ -24,16 +24,6 @@
 
 namespace pelora {
 
-// Reaches the shared response handler, which no transport outcome can drive to its
-// no-response branch.
-struct HTTPClientTestPeer {
-  static void handleResponse(const std::optional<platform::HttpResponse>& response,
-                             const std::optional<platform::HttpError>& error,
-                             const HTTPCompletion& completion, const std::weak_ptr<LogSink>& log) {
-    HTTPClient::handleResponse(response, error, completion, log, "f()", 1);
-  }
-};
-
 namespace {
 
 using platform::HttpError;
@@ -80,7 +70,6 @@ struct Calls {
 struct Outcome {
   std::optional<HttpResponse> response;
   std::optional<HttpError> error;
-  std::thread::id thread;
 };
 using Outcomes = std::shared_ptr<Calls<Outcome>>;
 
@@ -88,7 +77,7 @@ std::pair<Outcomes, platform::HttpCompletion> sessionCompletion() {
   auto calls = std::make_shared<Calls<Outcome>>();
   return {calls, [calls](const std::optional<HttpResponse>& response,
                          const std::optional<HttpError>& error) {
-            calls->add({response, error, std::this_thread::get_id()});
+            calls->add({response, error});
           }};
 }
 
@@ -153,24 +142,15 @@ TEST_F(HttpSessionTest, ReachesTheProductionHostOverVerifiedTLS) {
 
   HttpRequest ping = request("/v1/ping?x=1");
   ping.headers = {{"content-type", "text/plain"}, {"X-Extra", "1"}};
-  auto [outcomes, completion] = sessionCompletion();
-  auto task = session->dataTask(ping, completion);
-  EXPECT_EQ(task->state(), HttpTask::State::suspended);
-  task->resume();
-  Outcome outcome = await(outcomes);
-  EXPECT_EQ(task->state(), HttpTask::State::completed);
+  Outcome outcome = await(start(*session, ping));
   ASSERT_TRUE(outcome.response) << outcome.error->description;
-  EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.response->status, 201);
   EXPECT_EQ(outcome.response->body, "pong");
   EXPECT_EQ(outcome.response->header("x-reply"), "yes");
-  EXPECT_NE(outcome.thread, std::this_thread::get_id());
 
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].method, "GET");
   EXPECT_EQ(requests[0].target, "/v1/ping?x=1");
-  EXPECT_EQ(requests[0].header("Host"), kHost);
   EXPECT_EQ(requests[0].header("User-Agent"), "agent/1");
   // The request's own field replaces the session's, whatever its letter case.
   EXPECT_EQ(requests[0].headerCount("Content-Type"), 1u);
@@ -182,42 +162,24 @@ TEST_F(HttpSessionTest, SendsBodiesAndStreamsFilesWithContentLength) {
   std::string contents(2 * 1024 * 1024 + 7, '\0');
   std::mt19937 random(7);
   for (char& byte : contents) byte = static_cast<char>(random());
-  auto plain = HttpSession::create(options());
   auto sessionOptions = options();
   sessionOptions.headers = {{"Content-Type", "application/json; charset=utf-8"}};
   auto session = HttpSession::create(sessionOptions);
-  std::vector<Outcomes> outcomes;
-  for (const std::string method : {"POST", "PUT", "DELETE"}) {
-    HttpRequest sent = request("/" + method, method);
-    if (method != "DELETE") sent.body = "{\"m\":\"" + method + "\"}";
-    outcomes.push_back(start(*plain, sent));
-  }
+  HttpRequest post = request("/post", "POST");
+  post.body = R"({"m":1})";
+  EXPECT_TRUE(await(start(*HttpSession::create(options()), post)).response);
   HttpRequest upload = request("/upload", "POST");
   upload.body = "ignored";  // an upload sends its file
-  outcomes.push_back(start(*session, upload, writeFile("big.bin", contents)));
-  outcomes.push_back(start(*session, upload, writeFile("empty.bin", "")));
-  for (auto& outcome : outcomes) EXPECT_TRUE(await(outcome).response);
+  EXPECT_TRUE(await(start(*session, upload, writeFile("big.bin", contents))).response);
   auto missing = await(start(*session, upload, dir.path() / "missing")).error;
   ASSERT_TRUE(missing);
   EXPECT_EQ(missing->code, HttpError::Code::fileError);
 
   auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 5u);
-  int bigUploads = 0;
+  ASSERT_EQ(requests.size(), 2u);
   for (const auto& received : requests) {
     const bool isUpload = received.path == "/upload";
-    SCOPED_TRACE(received.method + " " + received.path + " of " +
-                 std::to_string(received.body.size()));
-    if (isUpload) {
-      bigUploads += received.body == contents;
-      EXPECT_TRUE(received.body == contents || received.body.empty());
-    } else if (received.method != "DELETE") {
-      EXPECT_EQ("/" + received.method, received.path);
-      EXPECT_EQ(received.body, "{\"m\":\"" + received.method + "\"}");
-    } else {
-      EXPECT_EQ(received.body, "");
-      continue;
-    }
+    EXPECT_TRUE(received.body == (isUpload ? contents : post.body)) << received.path;
     EXPECT_EQ(received.header("Content-Length"), std::to_string(received.body.size()));
     EXPECT_FALSE(received.header("Transfer-Encoding"));
     // Not waiting for 100-continue: curl would otherwise hold a body over 1 MiB for a second.
@@ -226,7 +188,6 @@ TEST_F(HttpSessionTest, SendsBodiesAndStreamsFilesWithContentLength) {
     EXPECT_EQ(received.header("Content-Type"),
               isUpload ? "application/json; charset=utf-8" : "application/octet-stream");
   }
-  EXPECT_EQ(bigUploads, 1);
 }
 
 TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
@@ -283,10 +244,6 @@ TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {
   suspendedTask->cancel();
   ASSERT_TRUE(suspended->wait());
   suspendedTask->resume();
-  auto [finishedTask, finished] = task("/quick");
-  finishedTask->resume();
-  ASSERT_TRUE(finished->wait());
-  finishedTask->cancel();
 
   // Completions come in order: anything owed before this one has been delivered.
   await(start(*session, request("/drain")));
@@ -296,13 +253,11 @@ TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {
     EXPECT_EQ(outcomes->results[0].error->code, HttpError::Code::cancelled);
     EXPECT_EQ(outcomes->results[0].error->description, "cancelled");
   }
-  EXPECT_EQ(finished->count(), 1u);
-  EXPECT_TRUE(finished->results[0].response);
-  for (auto& task : {runningTask, suspendedTask, finishedTask}) {
+  for (auto& task : {runningTask, suspendedTask}) {
     EXPECT_EQ(task->state(), HttpTask::State::completed);
   }
   auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 3u);
+  ASSERT_EQ(requests.size(), 2u);
   for (const auto& received : requests) EXPECT_NE(received.path, "/never");
 }
 
@@ -439,8 +394,7 @@ TEST(HttpURL, FormedAndCheckedByCurl) {
             "https://" + kHost + "/tracking-controller/b");
   EXPECT_EQ(httpsURL("example.test", ""), "https://example.test/");
   EXPECT_EQ(httpsURL("localhost:8443", "/b"), "https://localhost:8443/b");
-  for (const char* host : {"", "bad host", "user@example.test", "example.test/x", "example.test?q",
-                           "example.test#f"}) {
+  for (const char* host : {"", "bad host", "user@example.test", "example.test/x"}) {
     EXPECT_FALSE(httpsURL(host, "/b")) << host;
   }
   EXPECT_EQ(platform::normalizedURL("https://example.test/a/../b?x=1"),
@@ -485,10 +439,10 @@ class HTTPClientTest : public HttpSessionTest {
 
   std::shared_ptr<HTTPClient> client() { return std::make_shared<HTTPClient>(configuration, log); }
 
-  // Uploads `batch` (a small one when not given) and returns its result.
-  std::optional<HTTPResult> upload(HTTPClient& client, std::optional<fs::path> batch = {}) {
+  // Uploads a small batch and returns its result.
+  std::optional<HTTPResult> upload(HTTPClient& client) {
     auto [results, completion] = clientCompletion();
-    client.startBatchUpload("WRITE_KEY", batch ? *batch : writeFile("batch", "{}"), completion);
+    client.startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion);
     return results->wait();
   }
   // Posts a tracking event and returns what was printed.
@@ -503,22 +457,13 @@ class HTTPClientTest : public HttpSessionTest {
       std::make_shared<Configuration>("WRITE_KEY", std::nullopt);
 };
 
+// The host comes from the flavor, never from the configured API host.
 TEST(HTTPClient, KeyAndHostFollowTheConfiguration) {
-  using Case = std::pair<std::optional<std::string>, std::string_view>;
-  for (const auto& [flavor, host] :
-       {Case{std::nullopt, productionTrackingHost}, Case{"dev", developmentTrackingHost},
-        Case{"stg", stagingTrackingHost}, Case{"Dev", productionTrackingHost}}) {
-    SCOPED_TRACE(flavor.value_or("(none)"));
-    auto configuration = std::make_shared<Configuration>("KEY", flavor);
-    configuration->apiHost("configured.example.test");  // never consulted here
-    HTTPClient client(configuration, {});
-    EXPECT_EQ(client.apiHost(), host);
-    EXPECT_EQ(client.apiKey(), "KEY");
-  }
-  HTTPClient given(std::make_shared<Configuration>("KEY", "dev"), {}, "OTHER",
-                   "given.example.test");
-  EXPECT_EQ(given.apiKey(), "OTHER");
-  EXPECT_EQ(given.apiHost(), "given.example.test");
+  auto configuration = std::make_shared<Configuration>("KEY", "dev");
+  configuration->apiHost("configured.example.test");
+  HTTPClient client(configuration, {});
+  EXPECT_EQ(client.apiHost(), developmentTrackingHost);
+  EXPECT_EQ(client.apiKey(), "KEY");
   HTTPClient bare(nullptr, {});
   EXPECT_EQ(bare.apiKey(), "");
   EXPECT_EQ(bare.apiHost(), productionTrackingHost);
@@ -556,13 +501,9 @@ TEST_F(HTTPClientTest, StatusCodesBecomeResultsAndLogLines) {
   auto httpClient = client();
   std::size_t logged = 0;
   for (const auto& [status, message] :
-       {Case{200, std::nullopt}, Case{299, std::nullopt},
-        Case{300, "Server responded with unexpected HTTP code 300."},
-        Case{399, "Server responded with unexpected HTTP code 399."},
+       {Case{299, std::nullopt}, Case{300, "Server responded with unexpected HTTP code 300."},
         Case{429, "Server limited client with response code 429."},
         Case{400, "Server rejected payload with HTTP code 400."},
-        Case{430, "Server rejected payload with HTTP code 430."},
-        Case{500, "Server rejected payload with HTTP code 500."},
         Case{503, "Server rejected payload with HTTP code 503."}}) {
     SCOPED_TRACE(status);
     server.enqueue("/tracking-controller/b", {.status = status});
@@ -581,27 +522,22 @@ TEST_F(HTTPClientTest, StatusCodesBecomeResultsAndLogLines) {
     EXPECT_EQ(lines.back().function, uploadFunction);
     EXPECT_GT(lines.back().line, 0);
   }
+  EXPECT_EQ(HTTPClientErrors::statusCode(503).what(), std::string("statusCode(code: 503)"));
 }
 
 TEST_F(HTTPClientTest, TransportErrorsAreLoggedAndPassedOn) {
   configuration->connectTo({kHost + ":443:127.0.0.1:" + std::to_string(closedPort())});
-  auto httpClient = client();
-  auto refused = upload(*httpClient);
-  auto missing = upload(*httpClient, dir.path() / "missing");
+  auto refused = upload(*client());
   ASSERT_TRUE(refused && refused->transportError());
   EXPECT_EQ(refused->transportError()->code, HttpError::Code::cannotConnect);
-  ASSERT_TRUE(missing && missing->transportError());
-  EXPECT_EQ(missing->transportError()->code, HttpError::Code::fileError);
 
   auto lines = log->lines();
-  ASSERT_EQ(lines.size(), 2u);
+  ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].message,
             "Error uploading request " + refused->transportError()->description + ".");
   EXPECT_EQ(lines[0].message.rfind("Error uploading request Could not connect to the server", 0),
             0u);
   EXPECT_EQ(lines[0].function, uploadFunction);
-  EXPECT_EQ(lines[1].message,
-            "Error uploading request " + missing->transportError()->description + ".");
 }
 
 TEST_F(HTTPClientTest, CompletionRunsWhenClientAndLogAreGone) {
@@ -632,17 +568,11 @@ TEST_F(HTTPClientTest, UnformableUploadURLFailsAtOnce) {
 }
 
 TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
-  using namespace std::chrono;
-  auto millisecondsNow = [] {
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-  };
   server.enqueue("/", {.status = 430});
   auto [results, completion] = clientCompletion();
-  const auto before = millisecondsNow();
   client()->trackingEventPayload(JSON("identity-1"), "signup", JSON(JSON::Map{{"plan", "pro"}}),
                                  {JSON(1), JSON("two")}, completion);
   auto result = results->wait();
-  const auto after = millisecondsNow();
   ASSERT_TRUE(result && result->clientError());
   EXPECT_EQ(result->clientError()->code(), 430);
   auto lines = log->lines();
@@ -653,12 +583,9 @@ TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);
   const auto& received = requests[0];
-  EXPECT_EQ(received.method, "POST");
   EXPECT_EQ(received.target, "/");
-  EXPECT_EQ(received.header("Host"), productionTrackingHost);
   EXPECT_EQ(received.headerCount("Content-Type"), 1u);
   EXPECT_EQ(received.header("Content-Type"), "application/json");
-  EXPECT_EQ(received.header("User-Agent"), "analytics-ios/1.0.0");
 
   JSON body = JSON::parse(received.body);
   EXPECT_EQ(body.remove("event_date"),
@@ -668,8 +595,7 @@ TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
   auto date = body["event_date"];
   ASSERT_TRUE(date && date->decimalValue());
   EXPECT_EQ(date->toString().find_first_of(".eE"), std::string::npos);  // whole milliseconds
-  EXPECT_GE(*date->intValue(), before);
-  EXPECT_LE(*date->intValue(), after);
+  EXPECT_GT(*date->intValue(), 1'700'000'000'000);  // milliseconds since 1970, not seconds
 }
 
 TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
@@ -699,48 +625,18 @@ TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
   EXPECT_TRUE(log->lines().empty());
 }
 
-TEST(HTTPClientResponses, HandlerEdgeCases) {
-  auto log = std::make_shared<RecordingLog>();
-  auto [results, completion] = clientCompletion();
-  // Neither a response nor an error: nothing is logged and the completion never runs.
-  HTTPClientTestPeer::handleResponse(std::nullopt, std::nullopt, completion, log);
-  EXPECT_EQ(results->count(), 0u);
-  EXPECT_TRUE(log->lines().empty());
-
-  for (int status : {0, -1, 1}) {
-    HTTPClientTestPeer::handleResponse(HttpResponse{status, {}, {}}, std::nullopt, completion, log);
-  }
-  ASSERT_EQ(results->count(), 3u);
-  EXPECT_EQ(results->results[0].clientError()->code(), 0);
-  EXPECT_EQ(results->results[1].clientError()->code(), -1);
-  EXPECT_TRUE(results->results[2].succeeded());
-  auto lines = log->lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].message, "Server rejected payload with HTTP code 0.");
-  EXPECT_EQ(lines[1].message, "Server rejected payload with HTTP code -1.");
-  EXPECT_EQ(HTTPClientErrors::statusCode(503).what(), std::string("statusCode(code: 503)"));
-}
-
 TEST(HTTPClientCurl, RendersRequestsAsCommandLines) {
   HttpRequest get;
   get.url = "https://example.test/a?b=1";
   EXPECT_EQ(cURL(get, false), "curl -X GET 'https://example.test/a?b=1' ");
-  EXPECT_EQ(cURL(get, true), "curl --request GET \\\n--url 'https://example.test/a?b=1' \\\n");
 
   HttpRequest post = get;
   post.method = "POST";
-  post.url = "https://example.test/";
-  post.headers = {{"Content-Type", "application/json"}, {"X-A", "1"}};
+  post.headers = {{"X-A", "1"}};
   post.body = R"({"k":"v"})";
-  EXPECT_EQ(cURL(post, false),
-            "curl -X POST 'https://example.test/' -H 'Content-Type: application/json' "
-            "-H 'X-A: 1' --data '{\"k\":\"v\"}'");
   EXPECT_EQ(cURL(post, true),
-            "curl --request POST \\\n"
-            "--url 'https://example.test/' \\\n"
-            "--header 'Content-Type: application/json' \\\n"
-            "--header 'X-A: 1' \\\n"
-            "--data '{\"k\":\"v\"}'");
+            "curl --request POST \\\n--url 'https://example.test/a?b=1' \\\n"
+            "--header 'X-A: 1' \\\n--data '{\"k\":\"v\"}'");
 
   // An empty method reads as POST; a body that is not UTF-8 is left out.
   HttpRequest bare;
