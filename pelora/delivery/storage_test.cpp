@@ -51,9 +51,9 @@ std::string batchOf(std::initializer_list<const char*> names) {
   return bytes;
 }
 
-// A finished batch of `name`, whatever its sentAt.
-std::string closedBatchOf(const char* name) {
-  return batchOf({name}) + R"(],"sentAt":"2024-05-01T08:09:10.123Z","writeKey":"write-key"})";
+// A finished batch of `name` for `key`, whatever its sentAt.
+std::string closedBatchOf(const char* name, const std::string& key = "write-key") {
+  return batchOf({name}) + R"(],"sentAt":"2024-05-01T08:09:10.123Z","writeKey":")" + key + "\"}";
 }
 
 // An unfinished batch of exactly `size` bytes: the header and one padding event.
@@ -119,15 +119,6 @@ class StorageTest : public ::testing::Test {
   platform::Paths paths_{root_.path() / "Documents", root_.path() / "config"};
 };
 
-TEST_F(StorageTest, EventsAreAppendedWithOneCommaBetween) {
-  auto s = storage();
-  s->write(Key::events, event("first"));
-  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"first"}));
-  MonitorEvent monitor(JSON("identity"), "seen", JSON(JSON::Map{}), std::nullopt);
-  s->write(Key::events, monitor);
-  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"first"}) + "," + toString(monitor));
-}
-
 TEST_F(StorageTest, ListingFinishesTheBatchAndMovesTheIndex) {
   auto s = storage();
   s->write(Key::events, event("a"));
@@ -190,20 +181,17 @@ TEST_F(StorageTest, ValuesRoundTripAndOutliveTheInstance) {
     auto s = storage();
     s->write(Key::userId, std::string("user-1"));
     s->write(Key::traits, traits);
-    s->write(Key::anonymousId, std::string("ANON-1"));
     s->write(Key::settings, settings);
     EXPECT_EQ(s->read<std::int64_t>(Key::userId), std::nullopt);  // stored, but not a number
   }
   auto s = storage();
   EXPECT_EQ(s->read<std::string>(Key::userId), "user-1");
   EXPECT_EQ(s->read<JSON>(Key::traits), traits);
-  EXPECT_EQ(s->read<std::string>(Key::anonymousId), "ANON-1");
   EXPECT_EQ(s->read<Settings>(Key::settings), settings);
 
   s->write(Key::userId, std::optional<std::string>());
   EXPECT_EQ(s->read<std::string>(Key::userId), std::nullopt);
   EXPECT_EQ(storage()->read<std::string>(Key::userId), std::nullopt);
-  EXPECT_EQ(storage("other-key")->read<std::string>(Key::anonymousId), std::nullopt);
 
   // Only events go into batch files, and events are not suite values.
   s->write(Key::events, std::string("not an event"));
@@ -241,18 +229,6 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     EXPECT_EQ(storage(key)->read<std::string>(Key::userId), "user") << key;
   }
   EXPECT_EQ(directories.size(), keys.size());
-
-  // Nothing anywhere but one directory per key and one suite file per key.
-  std::size_t suites = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(root_.path())) {
-    if (!entry.is_regular_file()) continue;
-    if (entry.path().parent_path() == paths_.preferences / "pelora") {
-      ++suites;
-    } else {
-      EXPECT_EQ(directories.count(entry.path().parent_path()), 1u) << entry.path();
-    }
-  }
-  EXPECT_EQ(suites, keys.size());
   EXPECT_FALSE(fs::exists(root_.path() / "x"));
 }
 
@@ -310,30 +286,19 @@ TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
   EXPECT_EQ(eventsIn(file("0-pelora-events.temp")).listPointer()->size(), 2u);
 }
 
-TEST_F(StorageTest, ClosedButNotRenamedBatchIsNeverAppendedTo) {
-  leave("0-pelora-events", closedBatchOf("a"));
-  auto s = storage();
-  s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(file("0-pelora-events.temp")), closedBatchOf("a"));
-  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"b"}));
-  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
-
-  // Found by a listing instead: only renamed.
-  leave("2-pelora-events", closedBatchOf("a"));
-  EXPECT_EQ(listed(*storage()).back(), "2-pelora-events.temp");
-  EXPECT_EQ(readFile(file("2-pelora-events.temp")), closedBatchOf("a"));
-  EXPECT_EQ(storedIndex(), JSON(3));
-}
-
-TEST_F(StorageTest, RenamedButIndexNotStoredNeverReplacesTheTemp) {
-  storeIndex(0);
-  leave("0-pelora-events.temp", closedBatchOf("a"));
-  auto s = storage();
-  s->write(Key::events, event("b"));
-  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"b"}));
-  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
-  EXPECT_EQ(readFile(file("0-pelora-events.temp")), closedBatchOf("a"));
-  EXPECT_EQ(storedIndex(), JSON(2));
+// Stopped after closing a batch but before renaming it, or after renaming it but before storing
+// the next index: the finished batch is kept as it is, never appended to or replaced.
+TEST_F(StorageTest, InterruptedFinishKeepsTheClosedBatch) {
+  for (const std::string left : {"0-pelora-events", "0-pelora-events.temp"}) {
+    SCOPED_TRACE(left);
+    leave(left, closedBatchOf("a", left), left);
+    auto s = storage(left);
+    s->write(Key::events, event("b"));
+    EXPECT_EQ(readFile(file("1-pelora-events", left)), batchOf({"b"}));
+    EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
+    EXPECT_EQ(readFile(file("0-pelora-events.temp", left)), closedBatchOf("a", left));
+    EXPECT_EQ(storedIndex(left), JSON(2));
+  }
 }
 
 TEST_F(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
@@ -383,15 +348,6 @@ TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
   EXPECT_NE(output.find(message + "\n"), std::string::npos);  // the console line
   EXPECT_NE(output.find("finish(file:):"), std::string::npos);
   EXPECT_EQ(storedIndex(), JSON(1));
-}
-
-TEST_F(StorageTest, RemoveDeletesAndThrowsForAMissingFile) {
-  auto s = storage();
-  s->write(Key::events, event("a"));
-  const fs::path finished = s->read<Files>(Key::events)->at(0);
-  s->sync([&] { s->remove(finished); });  // as the upload completion does
-  EXPECT_FALSE(fs::exists(finished));
-  EXPECT_THROW(s->remove(finished), fs::filesystem_error);
 }
 
 TEST_F(StorageTest, ConcurrentWritersLoseNothing) {
