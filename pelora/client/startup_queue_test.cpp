@@ -94,7 +94,6 @@ TEST_F(AnalyticsStartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKi
   for (int i = 1; i <= 999; ++i) client->trackBash("E" + std::to_string(i));
   client->trackEvent(Dictionary{}, "last", Dictionary{});
   EXPECT_EQ(queue->heldCount(), 1000u);
-  // Replayed events are not completed again: their message ids stay as recorded.
   setRunning(true);
   ASSERT_TRUE(eventually([&] { return recorder->seen().size() == 1000; }));
   auto seen = recorder->seen();
@@ -102,15 +101,6 @@ TEST_F(AnalyticsStartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKi
   EXPECT_EQ(seen[998], "E999");
   EXPECT_EQ(seen.back(), "monitor:last");
   EXPECT_EQ(queue->heldCount(), 0u);
-}
-
-TEST_F(AnalyticsStartupQueueTest, HoldingAnAbsentEventQueuesNothing) {
-  EXPECT_EQ(queue->execute(std::optional<TrackEvent>()), std::nullopt);
-  EXPECT_EQ(queue->execute(std::optional<MonitorEvent>()), std::nullopt);
-  EXPECT_EQ(queue->heldCount(), 0u);
-  queue->setRunning(true);
-  TrackEvent event("Direct", std::nullopt);
-  EXPECT_EQ(queue->execute(std::optional<TrackEvent>(event)), event);
 }
 
 TEST_F(AnalyticsStartupQueueTest, ReplayDoesNotCompleteEventsAgain) {

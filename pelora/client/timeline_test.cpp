@@ -76,9 +76,6 @@ TEST_F(TimelineTest, OnlyBeforeDestinationAndAfterStagesKeepPlugins) {
   EXPECT_FALSE(timeline.find<Recorder>());
   EXPECT_EQ(timeline.process(std::optional<TrackEvent>(TrackEvent("e", std::nullopt)))->event, "e");
   EXPECT_TRUE(enrichment->seen().empty());
-  EXPECT_EQ(pluginType(4), PluginType::utility);
-  EXPECT_FALSE(pluginType(5));
-  EXPECT_FALSE(pluginType(-1));
 }
 
 TEST_F(TimelineTest, BeforeStageCanChangeOrDropForEveryoneAfterIt) {
@@ -138,35 +135,18 @@ TEST_F(TimelineTest, DestinationNeedsSettingsEntryAndNoFalseInTheEvent) {
   analytics->add(marker);
   for (const char* name : {"off", "on", "text", "plain"}) analytics->trackBash(name);
   EXPECT_EQ(listed->seen, (std::vector<std::string>{"on", "text", "plain"}));
-
-  // No client, no settings: disabled.
-  auto detached = std::make_shared<RecordingDestination>("Listed");
-  EXPECT_FALSE(detached->execute(std::optional<TrackEvent>(TrackEvent("x", std::nullopt))));
-  EXPECT_TRUE(detached->seen.empty());
 }
 
 TEST_F(TimelineTest, FindRemoveAndApplyFollowTheStages) {
-  // A destination placed in the before stage is not found by key.
-  class BeforeDestination : public RecordingDestination {
-   public:
-    using RecordingDestination::RecordingDestination;
-    PluginType type() const override { return PluginType::before; }
-  };
-  auto misplaced = std::make_shared<BeforeDestination>("Misplaced");
   auto destination = std::make_shared<RecordingDestination>("Dest");
   auto inner = std::make_shared<Recorder>(PluginType::after);
-  analytics->add(misplaced);
   analytics->add(destination);
   destination->add(inner);
-  EXPECT_FALSE(analytics->find("Misplaced"));
   EXPECT_EQ(analytics->find("Dest"), destination);
   EXPECT_EQ(inner->analytics(), analytics);  // configured with the destination's client
-
   std::vector<const Plugin*> visited;
   analytics->apply([&](const std::shared_ptr<Plugin>& p) { visited.push_back(p.get()); });
   EXPECT_NE(std::find(visited.begin(), visited.end(), inner.get()), visited.end());
-  EXPECT_LT(std::find(visited.begin(), visited.end(), misplaced.get()),
-            std::find(visited.begin(), visited.end(), destination.get()));
 
   auto twice = std::make_shared<Recorder>(PluginType::after);
   analytics->add(twice);
