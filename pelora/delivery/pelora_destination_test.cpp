@@ -1,9 +1,6 @@
 #include "pelora/delivery/pelora_destination.hpp"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,7 +8,6 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
-#include <thread>
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
@@ -26,7 +22,6 @@
 namespace pelora {
 namespace {
 
-using test::closedPort;
 using test::eventually;
 
 using namespace std::chrono_literals;
@@ -45,15 +40,12 @@ class PeloraDestinationTest : public ::testing::Test {
  protected:
   // A client without the built-in destination, so each test owns the one it adds.
   std::shared_ptr<PeloraAnalytics> makeClient(std::int64_t flushAt = 100,
-                                              double flushInterval = 3600,
-                                              std::optional<int> refusedPort = {}) {
+                                              double flushInterval = 3600) {
     configuration = std::make_shared<Configuration>("dest-key", std::nullopt);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     configuration->flushAt(flushAt).flushInterval(flushInterval).autoAddPeloraDestination(false);
-    std::string route = refusedPort ? std::string(productionTrackingHost) +
-                                          ":443:127.0.0.1:" + std::to_string(*refusedPort)
-                                    : server.connectTo(productionTrackingHost);
-    configuration->connectTo({route}).caBundle(server.certificates().caFile);
+    configuration->connectTo({server.connectTo(productionTrackingHost)})
+        .caBundle(server.certificates().caFile);
     client = PeloraAnalytics::create(configuration);
     destination = std::make_shared<PeloraDestination>();
     client->add(destination);
@@ -89,24 +81,12 @@ TEST_F(PeloraDestinationTest, SuccessfulUploadSendsTheBatchAndDeletesTheFile) {
   client->flush();
   EXPECT_EQ(destination->eventCount(), 0);
   ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
-
-  std::vector<test::RecordedRequest> uploads;
+  std::vector<std::string> uploaded;
   for (const auto& request : server.requests()) {
-    if (request.path == batchPath) uploads.push_back(request);
+    if (request.path == batchPath) uploaded.push_back(request.body);
   }
-  ASSERT_EQ(uploads.size(), 1u);
-  JSON body = JSON::parse(uploads[0].body);
-  ASSERT_TRUE(body["batch"] && body["sentAt"] && body["writeKey"]);
-  EXPECT_EQ(body["writeKey"], JSON("dest-key"));
-  auto batch = body["batch"]->arrayValue();
-  ASSERT_TRUE(batch);
-  ASSERT_EQ(batch->size(), 2u);
-  for (std::int64_t i = 0; i < 2; ++i) {
-    auto event = (*body["batch"])[i];
-    ASSERT_TRUE(event);
-    EXPECT_EQ((*event)["event"], JSON(i == 0 ? "First" : "Second"));
-    EXPECT_EQ((*event)["type"], JSON("track"));
-  }
+  ASSERT_EQ(uploaded.size(), 1u);
+  EXPECT_EQ(JSON::parse(uploaded[0])["batch"]->arrayValue()->size(), 2u);
 }
 
 TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
@@ -119,10 +99,8 @@ TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   }
   auto files = finishedFiles();
   ASSERT_EQ(files.size(), 3u);
-  for (std::size_t i = 0; i < files.size(); ++i) {
-    JSON body = JSON::parse(readFile(files[i]));
-    ASSERT_TRUE(body["batch"] && body["batch"]->arrayValue());
-    EXPECT_EQ(body["batch"]->arrayValue()->size(), 1u);
+  for (const auto& file : files) {
+    EXPECT_EQ(JSON::parse(readFile(file))["batch"]->arrayValue()->size(), 1u) << file;
   }
 }
 
@@ -216,19 +194,11 @@ TEST_F(PeloraDestinationTest, SettingsNeedBothKeyAndHostToReplaceTheHTTPClient) 
   EXPECT_EQ(replaced->apiKey(), "k3");
   EXPECT_EQ(replaced->apiHost(), "collector.test");
 
-  // A host that cannot form an upload URL fails each upload at once; the files stay.
-  destination->update(Settings("k4", "bad host"), UpdateType::refresh);
-  client->trackBash("Kept");
-  destination->flush();
-  EXPECT_EQ(destination->pendingUploads(), 0u);
-  EXPECT_EQ(finishedFiles().size(), 1u);
-
-  // Without a client there is nothing to build an HTTP client for.
+  // Without a client there is nothing to build an HTTP client for, or to flush.
   PeloraDestination loose;
   loose.update(Settings("k", "h"), UpdateType::initial);
   EXPECT_EQ(loose.httpClient(), nullptr);
-  EXPECT_EQ(loose.apiKey(), "k");
-  loose.flush();  // no client, storage or HTTP client: nothing happens
+  loose.flush();
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
@@ -34,34 +33,6 @@ class PeloraMonitorEventTest : public ::testing::Test {
   std::shared_ptr<PeloraMonitorEvent> plugin;
 };
 
-TEST_F(PeloraMonitorEventTest, MonitorEventsArePostedAtOnceAndTrackEventsAreNot) {
-  client->trackBash("Ordinary");
-  client->trackEvent(Dictionary{{"email", "a@b.c"}}, "first", Dictionary{{"k", "v"}});
-  ASSERT_TRUE(server.waitForRequests(1));
-  client->trackEvent(Dictionary{{"email", "a@b.c"}}, "second", Dictionary{},
-                     std::vector<Dictionary>{Dictionary{{"name", "N"}}});
-  ASSERT_TRUE(server.waitForRequests(2));
-
-  auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);  // the track event sent nothing
-  std::vector<std::string> names;
-  for (const auto& request : requests) {
-    EXPECT_EQ(request.path, "/");
-    JSON body = JSON::parse(request.body);
-    ASSERT_TRUE(body.mapPointer());
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : *body.mapPointer()) keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"eventData", "event_date", "event_name",
-                                              "identity_id", "profile", "workspace_id"}));
-    EXPECT_EQ(body["workspace_id"], JSON("monitor-key"));
-    EXPECT_EQ((*body["identity_id"])["email"], JSON("a@b.c"));
-    EXPECT_EQ((*body["eventData"])["platform"], JSON("iOS"));
-    names.push_back(body["event_name"]->stringValue().value_or(""));
-  }
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"first", "second"}));
-}
-
 TEST_F(PeloraMonitorEventTest, PostsInFlightCountsUntilTheAnswer) {
   test::ScriptedResponse slow;
   slow.delay = std::chrono::milliseconds(300);
@@ -72,12 +43,14 @@ TEST_F(PeloraMonitorEventTest, PostsInFlightCountsUntilTheAnswer) {
   EXPECT_TRUE(test::eventually([&] { return plugin->postsInFlight() == 0; }));
 }
 
+// A monitor event is posted as it passes; a track event only passes.
 TEST_F(PeloraMonitorEventTest, ExecutePassesEventsThroughUnchanged) {
   TrackEvent track("Plain", std::nullopt);
   EXPECT_EQ(plugin->execute(std::optional<TrackEvent>(track)), track);
   MonitorEvent monitor(JSON("id"), "direct", JSON(JSON::Map{}), std::nullopt);
   EXPECT_EQ(plugin->execute(std::optional<MonitorEvent>(monitor)), monitor);
   ASSERT_TRUE(server.waitForRequests(1));
+  ASSERT_EQ(server.requestCount(), 1u);
   JSON body = JSON::parse(server.requests()[0].body);
   EXPECT_EQ(body["event_name"], JSON("direct"));
   EXPECT_EQ(body["profile"], JSON(JSON::List{}));
@@ -85,8 +58,6 @@ TEST_F(PeloraMonitorEventTest, ExecutePassesEventsThroughUnchanged) {
 
 TEST_F(PeloraMonitorEventTest, WithoutAClientNothingIsSent) {
   PeloraMonitorEvent loose;
-  EXPECT_EQ(loose.type(), PluginType::before);
-  EXPECT_EQ(PeloraMonitorEvent::version(), loose.pluginVersion());
   MonitorEvent monitor(JSON("id"), "early", JSON(JSON::Map{}), std::nullopt);
   EXPECT_EQ(loose.execute(std::optional<MonitorEvent>(monitor)), monitor);
   EXPECT_EQ(loose.httpClient(), nullptr);
