@@ -37,18 +37,6 @@ struct Recorder {
   }
 };
 
-TEST(AppLifecycle, TracksTheHostsTransitions) {
-  AppLifecycle app;
-  EXPECT_EQ(app.state(), State::active);
-  app.didEnterBackground();
-  EXPECT_EQ(app.state(), State::background);
-  app.willEnterForeground();
-  EXPECT_EQ(app.state(), State::inactive);
-  app.didBecomeActive();
-  EXPECT_EQ(app.state(), State::active);
-  drainMainQueue();
-}
-
 TEST(AppLifecycle, ObserversGetTheStateAtNotificationOnTheMainQueue) {
   AppLifecycle app;
   Recorder first;

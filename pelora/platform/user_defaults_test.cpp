@@ -52,7 +52,7 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
 }
 
 TEST_F(UserDefaultsTest, CorruptOrForeignContentOpensEmpty) {
-  for (const std::string bytes : {"{\"a\": ", "[1, 2]", "", "\"text\"", "{\"a\": \"\xff\"}"}) {
+  for (const std::string bytes : {"{\"a\": ", "[1, 2]", "{\"a\": \"\xff\"}"}) {
     writeFile(file(), bytes);
     auto suite = UserDefaults::open(root_, "suite");
     ASSERT_TRUE(suite);

@@ -31,21 +31,10 @@ bool isRandomUuid(const std::string& id) {
   return id[14] == '4' && std::string_view("89AB").find(id[19]) != std::string_view::npos;
 }
 
-TEST(Uuid, RandomIsUpperCaseVersion4AndUnique) {
+TEST(Uuid, ConcurrentCallersGetUniqueVersion4Ids) {
   EXPECT_THAT(uuidString(), MatchesRegex(kUpperUuid));
-  std::unordered_set<std::string> seen;
-  constexpr int kCount = 20'000;  // more than one refill of a thread's pool
-  for (int i = 0; i < kCount; ++i) {
-    std::string id = uuidString();
-    ASSERT_TRUE(isRandomUuid(id)) << id;
-    seen.insert(std::move(id));
-  }
-  EXPECT_EQ(seen.size(), std::size_t{kCount});
-}
-
-TEST(Uuid, ConcurrentCallersGetUniqueIds) {
   constexpr int kThreads = 4;
-  constexpr int kEach = 2'000;
+  constexpr int kEach = 5'000;  // more than one refill of a thread's pool
   std::vector<std::vector<std::string>> drawn(kThreads);
   std::vector<std::thread> threads;
   for (auto& ids : drawn) {
@@ -55,7 +44,10 @@ TEST(Uuid, ConcurrentCallersGetUniqueIds) {
   }
   for (auto& thread : threads) thread.join();
   std::unordered_set<std::string> seen;
-  for (const auto& ids : drawn) seen.insert(ids.begin(), ids.end());
+  for (const auto& ids : drawn) {
+    for (const auto& id : ids) EXPECT_TRUE(isRandomUuid(id)) << id;
+    seen.insert(ids.begin(), ids.end());
+  }
   EXPECT_EQ(seen.size(), std::size_t{kThreads * kEach});
 }
 
@@ -88,12 +80,9 @@ TEST(Uuid, DeviceIdentifierIsTheStableNameBasedUuidOfMachineAndApplication) {
   EXPECT_EQ(first[14], '5');
   EXPECT_EQ(deviceIdentifier("com.example.one"), first);
   EXPECT_NE(deviceIdentifier("com.example.two"), first);
-  EXPECT_NE(deviceIdentifier(""), first);
   // The same value Python's uuid.uuid5 gives for our namespace and this name: ids do not change
   // when libuuid is upgraded.
   EXPECT_EQ(detail::deviceIdentifier("0123456789abcdef0123456789abcdef", "com.example.app"),
-            "4D5CDD9C-633C-5D91-97EB-D5797D493345");
-  EXPECT_NE(detail::deviceIdentifier("0123456789abcdef0123456789abcdee", "com.example.app"),
             "4D5CDD9C-633C-5D91-97EB-D5797D493345");
 }
 
@@ -106,12 +95,8 @@ TEST(Uuid, MachineIdComesFromTheFirstUsableFile) {
   const auto missing = dir.path() / "missing";
   const auto blank = write("blank", " \n");
   const auto good = write("good", "  abc123\t\nsecond line\n");
-  const auto other = write("other", "zzz\n");
-
-  EXPECT_EQ(detail::readMachineId({missing, blank, good, other}), "abc123");
-  EXPECT_EQ(detail::readMachineId({other, good}), "zzz");
+  EXPECT_EQ(detail::readMachineId({missing, blank, good, write("other", "zzz\n")}), "abc123");
   EXPECT_EQ(detail::readMachineId({missing, blank}), std::nullopt);
-  EXPECT_EQ(detail::readMachineId({}), std::nullopt);
 }
 
 }  // namespace
