@@ -134,60 +134,25 @@ class HttpSessionTest : public ::testing::Test {
   test::TestHttpsServer server;
 };
 
-TEST_F(HttpSessionTest, ReachesTheProductionHostOverVerifiedTLS) {
-  server.enqueue("/v1/ping", {.status = 201, .body = "pong", .headers = {{"X-Reply", "yes"}}});
-  auto sessionOptions = options();
-  sessionOptions.headers = {{"User-Agent", "agent/1"}, {"Content-Type", "application/json"}};
-  auto session = HttpSession::create(sessionOptions);
-
-  HttpRequest ping = request("/v1/ping?x=1");
-  ping.headers = {{"content-type", "text/plain"}, {"X-Extra", "1"}};
-  Outcome outcome = await(start(*session, ping));
-  ASSERT_TRUE(outcome.response) << outcome.error->description;
-  EXPECT_EQ(outcome.response->status, 201);
-  EXPECT_EQ(outcome.response->body, "pong");
-  EXPECT_EQ(outcome.response->header("x-reply"), "yes");
-
-  auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].target, "/v1/ping?x=1");
-  EXPECT_EQ(requests[0].header("User-Agent"), "agent/1");
-  // The request's own field replaces the session's, whatever its letter case.
-  EXPECT_EQ(requests[0].headerCount("Content-Type"), 1u);
-  EXPECT_EQ(requests[0].header("Content-Type"), "text/plain");
-  EXPECT_EQ(requests[0].header("X-Extra"), "1");
-}
-
-TEST_F(HttpSessionTest, SendsBodiesAndStreamsFilesWithContentLength) {
+TEST_F(HttpSessionTest, StreamsFilesWithContentLength) {
   std::string contents(2 * 1024 * 1024 + 7, '\0');
   std::mt19937 random(7);
   for (char& byte : contents) byte = static_cast<char>(random());
-  auto sessionOptions = options();
-  sessionOptions.headers = {{"Content-Type", "application/json; charset=utf-8"}};
-  auto session = HttpSession::create(sessionOptions);
-  HttpRequest post = request("/post", "POST");
-  post.body = R"({"m":1})";
-  EXPECT_TRUE(await(start(*HttpSession::create(options()), post)).response);
   HttpRequest upload = request("/upload", "POST");
   upload.body = "ignored";  // an upload sends its file
+  auto session = HttpSession::create(options());
   EXPECT_TRUE(await(start(*session, upload, writeFile("big.bin", contents))).response);
   auto missing = await(start(*session, upload, dir.path() / "missing")).error;
   ASSERT_TRUE(missing);
   EXPECT_EQ(missing->code, HttpError::Code::fileError);
 
   auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  for (const auto& received : requests) {
-    const bool isUpload = received.path == "/upload";
-    EXPECT_TRUE(received.body == (isUpload ? contents : post.body)) << received.path;
-    EXPECT_EQ(received.header("Content-Length"), std::to_string(received.body.size()));
-    EXPECT_FALSE(received.header("Transfer-Encoding"));
-    // Not waiting for 100-continue: curl would otherwise hold a body over 1 MiB for a second.
-    EXPECT_FALSE(received.header("Expect"));
-    // The session's field when it has one, else a neutral default rather than curl's form type.
-    EXPECT_EQ(received.header("Content-Type"),
-              isUpload ? "application/json; charset=utf-8" : "application/octet-stream");
-  }
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_TRUE(requests[0].body == contents);
+  EXPECT_EQ(requests[0].header("Content-Length"), std::to_string(contents.size()));
+  EXPECT_FALSE(requests[0].header("Transfer-Encoding"));
+  // Not waiting for 100-continue: curl would otherwise hold a body over 1 MiB for a second.
+  EXPECT_FALSE(requests[0].header("Expect"));
 }
 
 TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
@@ -262,13 +227,13 @@ TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {
 }
 
 TEST_F(HttpSessionTest, AtMostTwoConnectionsPerHost) {
-  server.setDefaultResponse({.body = "{}", .delay = 300ms});
+  server.setDefaultResponse({.body = "{}", .delay = 200ms});
   auto sessionOptions = options();
   sessionOptions.maxConnectionsPerHost = 2;
   auto session = HttpSession::create(sessionOptions);
   auto file = writeFile("batch.json", R"({"batch":[]})");
   std::vector<Outcomes> outcomes;
-  for (int i = 0; i < 6; ++i) {
+  for (int i = 0; i < 8; ++i) {
     outcomes.push_back(start(*session, request("/batch/" + std::to_string(i), "POST"), file));
   }
   for (auto& outcome : outcomes) {
@@ -276,43 +241,9 @@ TEST_F(HttpSessionTest, AtMostTwoConnectionsPerHost) {
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, 200);
   }
-  EXPECT_EQ(server.requestCount(), 6u);
+  EXPECT_EQ(server.requestCount(), 8u);
   EXPECT_EQ(server.maxConcurrentRequests(), 2);
   EXPECT_LE(server.maxConcurrentConnections(), 2);
-}
-
-TEST_F(HttpSessionTest, ABacklogGoesToCurlSixteenAtATimeAndCanBeCancelledWhileWaiting) {
-  server.setDefaultResponse({.body = "{}", .delay = 100ms});
-  auto session = HttpSession::create(options());  // no per-host cap: only the hand-over limit
-  auto file = writeFile("batch.json", R"({"batch":[]})");
-  std::vector<Outcomes> outcomes;
-  for (int i = 0; i < 40; ++i) {
-    outcomes.push_back(start(*session, request("/batch/" + std::to_string(i), "POST"), file));
-  }
-  auto [cancelled, completion] = sessionCompletion();
-  auto waiting = session->uploadTask(request("/waiting", "POST"), file.string(), completion);
-  waiting->resume();
-  waiting->cancel();
-  EXPECT_EQ(await(cancelled).error->code, HttpError::Code::cancelled);
-  for (auto& outcome : outcomes) EXPECT_EQ(await(outcome).response->status, 200);
-  EXPECT_EQ(server.requestCount(), 40u);
-  EXPECT_LE(server.maxConcurrentRequests(), 16);
-  EXPECT_GT(server.maxConcurrentRequests(), 2);
-}
-
-TEST_F(HttpSessionTest, DroppedSessionStillCompletesItsTasks) {
-  server.setDefaultResponse({.body = "late", .delay = 200ms});
-  auto session = HttpSession::create(options());
-  auto first = start(*session, request("/1"));
-  auto [second, completion] = sessionCompletion();
-  auto kept = session->dataTask(request("/2"), completion);
-  kept->resume();
-  session.reset();
-  for (auto& outcomes : {first, second}) {
-    auto response = await(outcomes).response;
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->body, "late");
-  }
 }
 
 TEST_F(HttpSessionTest, WorkerThreadsEndWithTheirSessions) {
