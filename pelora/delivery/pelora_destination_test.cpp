@@ -72,23 +72,6 @@ class PeloraDestinationTest : public ::testing::Test {
   std::shared_ptr<PeloraDestination> destination;
 };
 
-TEST_F(PeloraDestinationTest, SuccessfulUploadSendsTheBatchAndDeletesTheFile) {
-  makeClient();
-  client->trackBash("First", Dictionary{{"n", 1}});
-  client->trackBash("Second");
-  client->trackEvent(Dictionary{{"id", "x"}}, "monitored", Dictionary{});  // not stored here
-  EXPECT_EQ(destination->eventCount(), 2);
-  client->flush();
-  EXPECT_EQ(destination->eventCount(), 0);
-  ASSERT_TRUE(eventually([&] { return finishedFiles().empty() && uploadsSettled(); }));
-  std::vector<std::string> uploaded;
-  for (const auto& request : server.requests()) {
-    if (request.path == batchPath) uploaded.push_back(request.body);
-  }
-  ASSERT_EQ(uploaded.size(), 1u);
-  EXPECT_EQ(JSON::parse(uploaded[0])["batch"]->arrayValue()->size(), 2u);
-}
-
 TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   makeClient(1);
   server.setDefaultResponse({.status = 500});  // keep every file to look at it

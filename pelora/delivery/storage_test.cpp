@@ -10,7 +10,6 @@
 #include <set>
 #include <thread>
 
-#include "pelora/delivery/settings.hpp"
 #include "pelora/log/log.hpp"
 #include "pelora/platform/user_defaults.hpp"
 #include "tests/support/temp_directory.hpp"
@@ -174,48 +173,32 @@ TEST_F(StorageTest, ListsOnlyFinishedFilesInLexicalOrder) {
   EXPECT_TRUE(fs::exists(file("11-pelora-events")));
 }
 
-TEST_F(StorageTest, ValuesRoundTripAndOutliveTheInstance) {
-  const JSON traits(JSON::Map{{"plan", JSON("pro")}, {"age", JSON(42)}});
-  const Settings settings("write-key", "api.example.test");
-  {
-    auto s = storage();
-    s->write(Key::userId, std::string("user-1"));
-    s->write(Key::traits, traits);
-    s->write(Key::settings, settings);
-    EXPECT_EQ(s->read<std::int64_t>(Key::userId), std::nullopt);  // stored, but not a number
-  }
+TEST_F(StorageTest, ValuesAreClearedByAnEmptyValueAndEventsAreNoValue) {
   auto s = storage();
-  EXPECT_EQ(s->read<std::string>(Key::userId), "user-1");
-  EXPECT_EQ(s->read<JSON>(Key::traits), traits);
-  EXPECT_EQ(s->read<Settings>(Key::settings), settings);
-
+  s->write(Key::userId, std::string("user-1"));
+  EXPECT_EQ(s->read<std::int64_t>(Key::userId), std::nullopt);  // stored, but not a number
   s->write(Key::userId, std::optional<std::string>());
-  EXPECT_EQ(s->read<std::string>(Key::userId), std::nullopt);
   EXPECT_EQ(storage()->read<std::string>(Key::userId), std::nullopt);
-
   // Only events go into batch files, and events are not suite values.
   s->write(Key::events, std::string("not an event"));
   EXPECT_FALSE(fs::exists(file("0-pelora-events")));
   EXPECT_EQ(s->read<std::string>(Key::events), std::nullopt);
 }
 
-TEST_F(StorageTest, WriteKeysBecomeOneSafeFileName) {
-  using Case = std::pair<std::string, std::string>;
-  for (const auto& [key, name] :
-       {Case{".", "%2E"}, Case{"..", "%2E%2E"}, Case{"a/b", "a%2Fb"}, Case{"", "%empty"},
-        Case{"%empty", "%25empty"}, Case{std::string("nul\0byte", 8), "nul%00byte"}}) {
-    EXPECT_EQ(detail::safeFileName(key), name);
-  }
-  const std::string longKey(300, '/');
-  EXPECT_LE(detail::safeFileName(longKey).size(), 160u);
-  EXPECT_NE(detail::safeFileName(longKey), detail::safeFileName(longKey + "/"));
-}
-
+// Each key gets one directory of its own, named by an encoding existing installs depend on.
 TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
-  const std::vector<std::string> keys = {
-      "../../x", "a/b", ".", "..", "", std::string("nul\0byte", 8), std::string(300, '.')};
+  using Case = std::pair<std::string, std::string>;
+  const std::vector<Case> cases = {{".", "%2E"},
+                                   {"..", "%2E%2E"},
+                                   {"a/b", "a%2Fb"},
+                                   {"", "%empty"},
+                                   {"%empty", "%25empty"},
+                                   {std::string("nul\0byte", 8), "nul%00byte"},
+                                   {"../../x", ""},
+                                   {std::string(300, '/'), ""},
+                                   {std::string(301, '/'), ""}};
   std::set<fs::path> directories;
-  for (const auto& key : keys) {
+  for (const auto& [key, name] : cases) {
     auto s = storage(key);
     s->write(Key::userId, std::string("user"));
     s->write(Key::events, event("a"));
@@ -223,12 +206,16 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     ASSERT_EQ(files.size(), 1u) << key;
     EXPECT_EQ(files[0].parent_path(), s->eventsDirectory());
     EXPECT_EQ(s->eventsDirectory().parent_path(), paths_.documents / "pelora");
+    if (!name.empty()) {
+      EXPECT_EQ(s->eventsDirectory().filename(), name);
+    }
+    EXPECT_LE(s->eventsDirectory().filename().string().size(), 160u);
     directories.insert(s->eventsDirectory());
     // The batch names the key exactly as given.
     EXPECT_TRUE(readFile(files[0]).ends_with("\"writeKey\":\"" + key + "\"}")) << key;
     EXPECT_EQ(storage(key)->read<std::string>(Key::userId), "user") << key;
   }
-  EXPECT_EQ(directories.size(), keys.size());
+  EXPECT_EQ(directories.size(), cases.size());
   EXPECT_FALSE(fs::exists(root_.path() / "x"));
 }
 
