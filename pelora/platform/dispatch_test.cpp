@@ -210,7 +210,7 @@ TEST(AsyncAfter, FiresNotBeforeItsDelayAndInDeadlineOrder) {
   EXPECT_GE(lastAt - start, 90ms);
 }
 
-TEST(TimerSource, RepeatsFromStartUntilCancelled) {
+TEST(TimerSource, StartsSuspendedThenRepeatsFromStartUntilCancelled) {
   auto queue = SerialQueue::create("test.timer");
   auto timer = TimerSource::create(queue);
   const auto start = Clock::now();
@@ -221,6 +221,8 @@ TEST(TimerSource, RepeatsFromStartUntilCancelled) {
     fired.push_back(Clock::now());
     if (fired.size() == 3) timer->cancel();  // on the queue: no firing can be running now
   });
+  settleAfter(queue, 40ms);
+  EXPECT_TRUE(queue->sync([&] { return fired.empty(); })) << "a new source is suspended";
   timer->resume();
   // Well after the third firing: no fourth one came.
   settleAfter(queue, 150ms);
@@ -228,29 +230,6 @@ TEST(TimerSource, RepeatsFromStartUntilCancelled) {
   ASSERT_EQ(times.size(), 3u);
   EXPECT_GE(times[0] - start, 30ms);
   EXPECT_GE(times[2] - start, 50ms);
-}
-
-TEST(TimerSource, StartsSuspendedAndHonoursSuspendResume) {
-  auto queue = SerialQueue::create("test.suspend");
-  auto timer = TimerSource::create(queue);
-  Counter fired;
-  timer->schedule(0ns, 2ms);
-  timer->setHandler([&] {
-    fired.add();
-    if (fired.value() == 2) timer->suspend();
-  });
-  settleAfter(queue, 30ms);
-  EXPECT_EQ(fired.value(), 0) << "a new source is suspended";
-
-  timer->resume();
-  ASSERT_TRUE(fired.waitFor(2));
-  settleAfter(queue, 30ms);
-  EXPECT_EQ(fired.value(), 2) << "no firing while suspended";
-
-  timer->resume();  // the missed deadline fires at once, then the beat goes on
-  EXPECT_TRUE(fired.waitFor(4));
-  timer->cancel();
-  queue->sync([] {});  // a firing that was running has finished; no other starts
 }
 
 TEST(TimerSource, SlowHandlerDoesNotPileUpFirings) {
