@@ -22,13 +22,15 @@ using test::eventually;
 
 using namespace std::chrono_literals;
 
-// Records the names of the events that reach the destination stage, in order.
+// Records the names of the events that reach the destination stage, in order, and the message
+// ids of the track events.
 class Recorder : public DestinationPlugin {
  public:
   std::string key() const override { return "Recorder"; }
   std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
     std::lock_guard lock(mutex);
     if (event) names.push_back(event->event);
+    if (event) ids.push_back(event->messageId.value_or(""));
     return event;
   }
   std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override {
@@ -41,7 +43,7 @@ class Recorder : public DestinationPlugin {
     return names;
   }
   std::mutex mutex;
-  std::vector<std::string> names;
+  std::vector<std::string> names, ids;
 };
 
 // Named for the client so that the thread sanitizer run picks these tests up too.
@@ -104,23 +106,14 @@ TEST_F(AnalyticsStartupQueueTest, KeepsTheNewestThousandInOrderAcrossBothEventKi
 }
 
 TEST_F(AnalyticsStartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
-  class Ids : public Recorder {
-   public:
-    std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override {
-      std::lock_guard lock(mutex);
-      if (event) names.push_back(event->messageId.value_or(""));
-      return event;
-    }
-  };
-  auto ids = std::make_shared<Ids>();
-  client->add(ids);
   TrackEvent event("Stamped", std::nullopt);
   event.messageId = "MESSAGE-1";
   event.timestamp = "2020-01-01T00:00:00.000Z";
   (void)client->timeline()->process(std::optional<TrackEvent>(event));
   setRunning(true);
-  ASSERT_TRUE(eventually([&] { return ids->seen().size() == 1; }));
-  EXPECT_EQ(ids->seen()[0], "MESSAGE-1");
+  ASSERT_TRUE(eventually([&] { return recorder->seen().size() == 1; }));
+  std::lock_guard lock(recorder->mutex);
+  EXPECT_EQ(recorder->ids, std::vector<std::string>{"MESSAGE-1"});
 }
 
 TEST_F(AnalyticsStartupQueueTest, WaitUntilStartedWaitsForTheRunningFlag) {
