@@ -58,19 +58,6 @@ TEST(SerialQueue, SyncRunsOnCallerAfterEarlierTasks) {
   EXPECT_EQ(queue->sync([&] { return ++local; }), 42);
 }
 
-TEST(SerialQueue, IsCurrentAndNestedSyncOnOtherQueues) {
-  auto a = SerialQueue::create("test.a");
-  auto b = SerialQueue::create("test.b");
-  EXPECT_FALSE(a->isCurrent());
-  a->sync([&] {
-    EXPECT_TRUE(a->isCurrent());
-    EXPECT_FALSE(b->isCurrent());
-    b->sync([&] { EXPECT_TRUE(a->isCurrent() && b->isCurrent()); });
-    EXPECT_FALSE(b->isCurrent());
-  });
-  EXPECT_FALSE(a->isCurrent());
-}
-
 TEST(SerialQueue, ConcurrentSyncAndAsyncStayExclusiveAndInOrder) {
   auto queue = SerialQueue::create("test.mixed");
   constexpr int kThreads = 8, kRounds = 2000;
