@@ -195,35 +195,19 @@ TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
 TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {
   server.enqueue("/slow", {.delay = 20s});
   auto session = HttpSession::create(options());
-  auto task = [&](const std::string& path) {
-    auto [outcomes, completion] = sessionCompletion();
-    return std::pair(session->dataTask(request(path), completion), outcomes);
-  };
-  auto [runningTask, running] = task("/slow");
-  runningTask->resume();
+  auto [running, completion] = sessionCompletion();
+  auto task = session->dataTask(request("/slow"), completion);
+  task->resume();
   ASSERT_TRUE(server.waitForRequests(1));
-  runningTask->cancel();
-  runningTask->cancel();
-  ASSERT_TRUE(running->wait());
-  auto [suspendedTask, suspended] = task("/never");
-  suspendedTask->cancel();
-  ASSERT_TRUE(suspended->wait());
-  suspendedTask->resume();
-
+  task->cancel();
+  task->cancel();
   // Completions come in order: anything owed before this one has been delivered.
   await(start(*session, request("/drain")));
-  for (auto& outcomes : {running, suspended}) {
-    EXPECT_EQ(outcomes->count(), 1u);
-    ASSERT_TRUE(outcomes->results[0].error);
-    EXPECT_EQ(outcomes->results[0].error->code, HttpError::Code::cancelled);
-    EXPECT_EQ(outcomes->results[0].error->description, "cancelled");
-  }
-  for (auto& task : {runningTask, suspendedTask}) {
-    EXPECT_EQ(task->state(), HttpTask::State::completed);
-  }
-  auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  for (const auto& received : requests) EXPECT_NE(received.path, "/never");
+  ASSERT_EQ(running->count(), 1u);
+  ASSERT_TRUE(running->results[0].error);
+  EXPECT_EQ(running->results[0].error->code, HttpError::Code::cancelled);
+  EXPECT_EQ(running->results[0].error->description, "cancelled");
+  EXPECT_EQ(task->state(), HttpTask::State::completed);
 }
 
 TEST_F(HttpSessionTest, AtMostTwoConnectionsPerHost) {
