@@ -219,32 +219,6 @@ TEST(TimerSource, StartsSuspendedThenRepeatsFromStartUntilCancelled) {
   EXPECT_GE(times[2] - start, 50ms);
 }
 
-TEST(TimerSource, SlowHandlerDoesNotPileUpFirings) {
-  auto queue = SerialQueue::create("test.slow");
-  auto timer = TimerSource::create(queue);
-  std::promise<void> gate;
-  auto opened = gate.get_future().share();
-  Counter fired, marker;
-  timer->schedule(0ns, 1ms);
-  timer->setHandler([&] {
-    if (fired.value() == 0) opened.wait();
-    fired.add();
-  });
-  timer->resume();
-  // Dozens of deadlines pass while the first firing is stuck.
-  asyncAfter(SerialQueue::create("test.marker"), 60ms, [&] { marker.add(); });
-  ASSERT_TRUE(marker.waitFor(1));
-  // Queued behind whatever firings were submitted meanwhile.
-  int atProbe = -1;
-  queue->async([&] { atProbe = fired.value(); });
-  gate.set_value();
-  timer->cancel();
-  queue->sync([] {});
-  // The stuck one, plus at most one submitted after it started.
-  EXPECT_GE(atProbe, 1);
-  EXPECT_LE(atProbe, 2);
-}
-
 TEST(TimerSourceDeathTest, OverResumeIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
