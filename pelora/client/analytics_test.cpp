@@ -12,8 +12,6 @@
 #include "pelora/delivery/pelora_monitor_event.hpp"
 #include "pelora/delivery/storage.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
-#include "pelora/state/store.hpp"
-#include "pelora/state/system.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 
@@ -148,10 +146,7 @@ TEST_F(AnalyticsTest, SettingsAreCheckedAtStartAndOnReturnFromBackground) {
   auto client = makeClient();
   // Added after start: gets the held settings as initial.
   ASSERT_EQ(collector->updates, (std::vector<UpdateType>{UpdateType::initial}));
-  auto settings = client->settings();
-  ASSERT_TRUE(settings);
-  EXPECT_TRUE(settings->hasIntegrationSettings("Pelora.io"));
-  EXPECT_TRUE(client->store()->currentState<System>()->running);
+  EXPECT_TRUE(client->settings()->hasIntegrationSettings("Pelora.io"));
 
   auto& lifecycle = platform::AppLifecycle::shared();
   lifecycle.didBecomeActive();
