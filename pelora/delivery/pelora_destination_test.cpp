@@ -177,6 +177,14 @@ TEST_F(PeloraDestinationTest, SettingsNeedBothKeyAndHostToReplaceTheHTTPClient) 
   EXPECT_EQ(replaced->apiKey(), "k3");
   EXPECT_EQ(replaced->apiHost(), "collector.test");
 
+  // A host that cannot form an upload URL fails each upload at once, inside the flush; the file
+  // stays.
+  destination->update(Settings("k4", "bad host"), UpdateType::refresh);
+  client->trackBash("Kept");
+  destination->flush();
+  EXPECT_EQ(destination->pendingUploads(), 0u);
+  EXPECT_EQ(finishedFiles().size(), 1u);
+
   // Without a client there is nothing to build an HTTP client for, or to flush.
   PeloraDestination loose;
   loose.update(Settings("k", "h"), UpdateType::initial);
