@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/delivery/http_client.hpp"
