@@ -119,8 +119,8 @@ struct Collector::State {
 
   ScriptedResponse handle(const RecordedRequest& request);
   ScriptedResponse answerFor(const RecordedRequest& request);
-  ScriptedResponse acceptBatch(const RecordedRequest& request, const JSON& body);
-  ScriptedResponse acceptTrackingEvent(const RecordedRequest& request, const JSON& body);
+  ScriptedResponse acceptBatch(const JSON& body, const std::vector<TrackEvent>& received);
+  ScriptedResponse acceptTrackingEvent(const JSON& body);
   void print(const std::string& line) const {
     if (options.printLines) platform::printLine(line);
   }
@@ -164,12 +164,10 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
     return answer(404, "no such endpoint");
   }
   JSON body;
+  std::vector<TrackEvent> received;
   auto problem = bodyProblem(request, body);
-  if (!problem) {
-    if (isBatch) return acceptBatch(request, body);
-    problem = trackingEventProblem(body);
-    if (!problem) return acceptTrackingEvent(request, body);
-  }
+  if (!problem) problem = isBatch ? batchProblem(body, received) : trackingEventProblem(body);
+  if (!problem) return isBatch ? acceptBatch(body, received) : acceptTrackingEvent(body);
   {
     std::lock_guard lock(mutex);
     ++counts.rejected;
@@ -178,16 +176,8 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
   return answer(400, *problem);
 }
 
-ScriptedResponse Collector::State::acceptBatch(const RecordedRequest& request, const JSON& body) {
-  std::vector<TrackEvent> received;
-  if (auto problem = batchProblem(body, received)) {
-    {
-      std::lock_guard lock(mutex);
-      ++counts.rejected;
-    }
-    print("rejected " + request.method + " " + request.target + ": " + *problem);
-    return answer(400, *problem);
-  }
+ScriptedResponse Collector::State::acceptBatch(const JSON& body,
+                                               const std::vector<TrackEvent>& received) {
   std::size_t seenBefore = 0;
   std::size_t number = 0;
   {
@@ -210,8 +200,7 @@ ScriptedResponse Collector::State::acceptBatch(const RecordedRequest& request, c
   return answer(200, "stored");
 }
 
-ScriptedResponse Collector::State::acceptTrackingEvent(const RecordedRequest& /*request*/,
-                                                       const JSON& body) {
+ScriptedResponse Collector::State::acceptTrackingEvent(const JSON& body) {
   std::size_t number = 0;
   {
     std::lock_guard lock(mutex);
