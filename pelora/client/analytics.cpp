@@ -42,10 +42,22 @@ void debugPrint(std::string_view line) {
   if (PeloraAnalytics::debugLogsEnabled()) platform::printLine(line);
 }
 
+// Nothing recorded may be refused by a reader: a value nested too deep for the batch file is
+// reported and left out, like one that has no JSON form.
+std::optional<JSON> reportIfTooDeep(std::optional<JSON> value) {
+  if (value && value->nestedDeeperThan(maxEventValueDepth)) {
+    platform::printLine(JSONError::nonJSONType("a value nested deeper than " +
+                                               std::to_string(maxEventValueDepth) + " levels")
+                            .what());
+    return std::nullopt;
+  }
+  return value;
+}
+
 // Host dictionaries become JSON; one that cannot is reported and left out.
 std::optional<JSON> convertOrReport(const Dictionary& dictionary) {
   try {
-    return JSON(dictionary);
+    return reportIfTooDeep(JSON(dictionary));
   } catch (const JSONError& error) {
     platform::printLine(error.what());
     return std::nullopt;
@@ -201,7 +213,7 @@ void PeloraAnalytics::trackBash(const std::string& name,
 }
 
 void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {
-  process(TrackEvent(name, std::move(properties)));
+  process(TrackEvent(name, reportIfTooDeep(std::move(properties))));
 }
 
 void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string& eventName,
@@ -233,6 +245,7 @@ void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string
 
 void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
   try {
+    if (!reportIfTooDeep(value)) return;
     process(decodeValue<MonitorEvent>(value));
   } catch (const std::exception& error) {
     platform::printLine(error.what());

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -13,6 +14,7 @@
 #include "pelora/delivery/storage.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "tests/support/https_server.hpp"
+#include "tests/support/small_stack.hpp"
 #include "tests/support/temp_directory.hpp"
 
 #include "tests/support/waiting.hpp"
@@ -98,6 +100,45 @@ TEST_F(AnalyticsTest, EventsAreCompletedAndUnconvertiblePropertiesDropped) {
   EXPECT_EQ(first.integrations, JSON(JSON::Map{}));
   EXPECT_EQ(first.properties->toString(), R"({"n":1})");
   EXPECT_FALSE(second.properties);
+}
+
+TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysReadable) {
+  // `levels` dictionaries deep.
+  auto nested = [](int levels) {
+    Dictionary d{{"leaf", 1}};
+    for (int i = 1; i < levels; ++i) {
+      Dictionary outer;
+      outer.emplace("d", std::move(d));
+      d = std::move(outer);
+    }
+    return d;
+  };
+  auto client = makeClient();
+  // Built here: copying a host value that deep takes the host's own stack.
+  const std::optional<Dictionary> deepest = nested(maxEventValueDepth);
+  const std::optional<Dictionary> oneTooDeep = nested(maxEventValueDepth + 1);
+  const std::optional<Dictionary> farTooDeep = nested(20'000);
+  const std::optional<std::vector<JSON>> typed(std::in_place, std::vector<JSON>{JSON(*oneTooDeep)});
+  ::testing::internal::CaptureStdout();
+  test::runOnSmallStack([&] {
+    client->trackBash("Deepest", deepest);
+    client->trackBash("One too deep", oneTooDeep);
+    client->trackBash("Far too deep", farTooDeep);
+    client->trackBash("Typed", typed);
+  });
+  const std::string printed = ::testing::internal::GetCapturedStdout();
+  EXPECT_NE(printed.find("nested deeper than"), std::string::npos) << printed;
+
+  const auto files = client->pendingUploads().value();
+  ASSERT_EQ(files.size(), 1u);
+  std::ifstream in(files[0]);
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const JSON batch = JSON::parse(text);  // throws if our own reader refused it
+  const auto events = batch["batch"]->listPointer();
+  ASSERT_TRUE(events);
+  ASSERT_EQ(events->size(), 4u);
+  EXPECT_TRUE((*events)[0]["properties"]);
+  for (std::size_t i = 1; i < 4; ++i) EXPECT_FALSE((*events)[i]["properties"]) << i;
 }
 
 TEST_F(AnalyticsTest, MonitorEventsCarryDeviceIdsAndPlatform) {

@@ -141,7 +141,10 @@ class TextEncoder final : public Encoder {
       writer_.String(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
     }
   }
-  void beginObject() override { writer_.StartObject(); }
+  void beginObject() override {
+    enter();
+    writer_.StartObject();
+  }
   void writeKey(std::string_view key) override {
     if (isValidUTF8(key)) {
       writer_.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
@@ -150,18 +153,29 @@ class TextEncoder final : public Encoder {
       writer_.Key(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
     }
   }
-  void endObject() override { writer_.EndObject(); }
-  void beginArray() override { writer_.StartArray(); }
-  void endArray() override { writer_.EndArray(); }
+  void endObject() override {
+    --depth_;
+    writer_.EndObject();
+  }
+  void beginArray() override {
+    enter();
+    writer_.StartArray();
+  }
+  void endArray() override {
+    --depth_;
+    writer_.EndArray();
+  }
   void fail(std::string_view reason) override {
     if (!failure_) failure_ = std::string(reason);
   }
 
-  // Ready for the next value; keeps the buffer's memory.
-  void reset() {
+  // Ready for the next value that may nest `maxDepth` levels; keeps the buffer's memory.
+  void reset(int maxDepth) {
     buffer_.Clear();
     writer_.Reset(buffer_);
     failure_.reset();
+    depth_ = 0;
+    maxDepth_ = maxDepth;
   }
 
   // The finished text; throws JSONError when the value could not be encoded.
@@ -172,9 +186,20 @@ class TextEncoder final : public Encoder {
   }
 
  private:
+  // Throws rather than marking a failure: a value too deep for any reader may also be too deep
+  // for the stack, so the encode functions above must stop recursing at once.
+  void enter() {
+    if (++depth_ > maxDepth_) {
+      throw JSONError::nonJSONType("a value nested deeper than " + std::to_string(maxDepth_) +
+                                   " levels");
+    }
+  }
+
   rapidjson::StringBuffer buffer_;
   CompactWriter writer_;
   std::optional<std::string> failure_;
+  int depth_ = 0;
+  int maxDepth_ = JSON::maxNestingDepth;
 };
 
 // Re-indents compact text; numbers pass through as their exact text.
@@ -189,8 +214,6 @@ class PrettyHandler : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
 };
 
 // ---- Text reader --------------------------------------------------------------------------------
-
-constexpr int maxNestingDepth = 512;
 
 // Builds a JSON value from SAX events; containers are collected on an explicit stack.
 class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
@@ -207,10 +230,12 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     return emit(JSON(*decimal));
   }
   bool String(const char* text, rapidjson::SizeType length, bool) {
+    if (!checkSurrogates(text, length)) return false;
     return emit(JSON(std::string(text, length)));
   }
   bool StartObject() { return push(true); }
   bool Key(const char* text, rapidjson::SizeType length, bool) {
+    if (!checkSurrogates(text, length)) return false;
     stack_.back().key.assign(text, length);
     return true;
   }
@@ -229,6 +254,19 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     std::string key;
   };
 
+  // RapidJSON turns a lone low surrogate escape ("\udc00") into the three bytes ED B0 80, which
+  // are not UTF-8. Input bytes were validated, so such bytes can only have come from an escape.
+  bool checkSurrogates(const char* text, rapidjson::SizeType length) {
+    const char* const end = text + length;
+    for (const char* p = text; (p = static_cast<const char*>(std::memchr(p, 0xED, end - p)));) {
+      if (++p != end && static_cast<unsigned char>(*p) >= 0xA0) {
+        error_ = "A \\u escape names a lone surrogate";
+        return false;
+      }
+    }
+    return true;
+  }
+
   bool emit(JSON value) {
     if (stack_.empty()) {
       result_ = std::move(value);
@@ -241,8 +279,8 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     return true;
   }
   bool push(bool isObject) {
-    if (stack_.size() >= static_cast<std::size_t>(maxNestingDepth)) {
-      error_ = "Nesting deeper than " + std::to_string(maxNestingDepth) + " levels";
+    if (stack_.size() >= static_cast<std::size_t>(JSON::maxNestingDepth)) {
+      error_ = "Nesting deeper than " + std::to_string(JSON::maxNestingDepth) + " levels";
       return false;
     }
     stack_.push_back(Frame{isObject, {}, {}, {}});
@@ -263,15 +301,15 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
 // function that itself encodes (nested toString) gets a fresh one.
 class EncoderLease {
  public:
-  EncoderLease() {
+  explicit EncoderLease(int maxDepth) {
     if (!busy) {
       busy = true;
       encoder_ = &cached();
-      encoder_->reset();
     } else {
       own_.emplace();
       encoder_ = &*own_;
     }
+    encoder_->reset(maxDepth);
   }
   ~EncoderLease() {
     if (!own_) busy = false;
@@ -294,8 +332,9 @@ thread_local bool EncoderLease::busy = false;
 
 namespace detail {
 
-void appendText(std::string& out, bool pretty, EncodeFunction encodeValue, const void* value) {
-  EncoderLease lease;
+void appendText(std::string& out, bool pretty, EncodeFunction encodeValue, const void* value,
+                int maxDepth) {
+  EncoderLease lease(maxDepth);
   TextEncoder& encoder = *lease;
   try {
     encodeValue(encoder, value);

@@ -189,7 +189,15 @@ std::optional<Decimal> Decimal::parse(std::string_view text) noexcept {
 
   if (digits == 0) return Decimal{};
   exponent += pendingZeros - fractionDigits;
-  if (exponent < minExponent || exponent > maxExponent) return std::nullopt;
+  if (exponent > maxExponent) {
+    // Too large for the exponent alone: the excess goes back into the mantissa as zeros while
+    // they fit (1e128 is 10 x 10^127). That form is as unique as the normalised one.
+    const std::int64_t excess = exponent - maxExponent;
+    if (digits + excess > maxDigits) return std::nullopt;
+    mantissa *= kPow10[static_cast<std::size_t>(excess)];
+    exponent = maxExponent;
+  }
+  if (exponent < minExponent) return std::nullopt;
 
   Decimal d;
   d.hi_ = static_cast<std::uint64_t>(mantissa >> 64);

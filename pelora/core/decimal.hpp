@@ -1,7 +1,7 @@
 // Decimal: an exact base-10 number (sign, up to 38 significant digits, exponent -128...127), the
-// payload of every JSON number. Values are kept normalised (no trailing zeros in the digits), so
-// 1.10 and 1.1 are the same value. Parsing never rounds: text that needs more digits or a larger
-// exponent is rejected.
+// payload of every JSON number. Values are kept normalised (no trailing zeros in the digits, except
+// those that values beyond 10^127 need to keep the exponent at 127), so 1.10 and 1.1 are the same
+// value. Parsing never rounds: text that no mantissa and exponent in range hold is rejected.
 #pragma once
 
 #include <compare>
@@ -67,7 +67,8 @@ class Decimal {
   friend std::strong_ordering operator<=>(const Decimal& a, const Decimal& b) noexcept;
 
  private:
-  // value = (negative ? -1 : 1) * (hi_ * 2^64 + lo_) * 10^exponent_; digits without trailing zeros.
+  // value = (negative ? -1 : 1) * (hi_ * 2^64 + lo_) * 10^exponent_; digits without trailing zeros
+  // unless exponent_ is maxExponent.
   std::uint64_t hi_ = 0;
   std::uint64_t lo_ = 0;
   std::int16_t exponent_ = 0;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string>
 #include <utility>
@@ -57,8 +58,8 @@ TEST(Decimal, RejectsTooManyDigitsOutOfRangeAndNonJsonSyntax) {
   const std::vector<std::string> rejected = {
       // More than 38 significant digits; zeros between significant digits count.
       kNines38 + "9", "0.0" + kNines38 + "1", "1" + std::string(37, '0') + "1",
-      // Exponents past 127 or -128 once normalised.
-      "1e128", "10e127", "1e-129", "1e9223372036854775808",
+      // Values no 38-digit mantissa with an exponent in -128...127 holds.
+      "1e165", kNines38 + "e128", "0.1e-128", "1e-129", "1e9223372036854775808",
       // Not JSON number syntax.
       "", "-", "+1", ".5", "1.", "01", "1e", "1e+", " 1", "1 ", "0x10", "nan", "inf", "1.2.3",
       "1e5.5", "1,0", std::string("1\0", 2),
@@ -76,6 +77,21 @@ TEST(Decimal, ExponentBounds) {
   EXPECT_EQ(bottom.toString(), "0." + std::string(127, '0') + "1");
   EXPECT_EQ(parsed("10e-129"), bottom);
   EXPECT_EQ(parsed("1e00000000000000000000000000000002"), Decimal(100));
+
+  // Past 10^127 the trailing zeros move back into the mantissa, up to 38 digits of it.
+  const std::string oneAnd128Zeros = "1" + std::string(128, '0');
+  for (const char* text : {"1e128", "10e127", "100E+126", "0.01e130"}) {
+    EXPECT_EQ(parsed(text).toString(), oneAnd128Zeros) << text;
+    EXPECT_EQ(parsed(text), parsed(oneAnd128Zeros)) << text;
+  }
+  EXPECT_EQ(parsed("-4.5e150").toString(), "-45" + std::string(149, '0'));
+  EXPECT_EQ(parsed("1e164").toString(), "1" + std::string(164, '0'));  // 38 digits at 10^127
+  EXPECT_GT(parsed("1e128"), parsed(kNines38 + "e90"));
+  EXPECT_LT(parsed("-1e150"), parsed("-9e149"));
+  for (const char* text : {"1e128", "-4.5e150", "1e164", "123e140"}) {
+    EXPECT_EQ(parsed(parsed(text).toString()), parsed(text)) << text;
+    EXPECT_EQ(parsed(text).doubleValue(), std::strtod(text, nullptr)) << text;
+  }
 }
 
 TEST(Decimal, LongestTextsFitMaxTextLength) {
@@ -179,9 +195,10 @@ TEST(Decimal, FromDoubleAndFloatGiveShortestText) {
 
 TEST(Decimal, FromDoubleAndFloatRejectWhatTheyCannotHold) {
   for (const double v : {std::numeric_limits<double>::quiet_NaN(),
-                         std::numeric_limits<double>::infinity(), 1e128, 5e-324}) {
+                         std::numeric_limits<double>::infinity(), 1e165, 5e-324}) {
     EXPECT_FALSE(Decimal::fromDouble(v)) << v;
   }
+  EXPECT_EQ(Decimal::fromDouble(1e128)->toString(), "1" + std::string(128, '0'));
   EXPECT_FALSE(Decimal::fromFloat(std::numeric_limits<float>::infinity()));
 }
 

@@ -8,32 +8,53 @@
 namespace pelora {
 namespace {
 
-// "@path" values may point at further "@path" values; a cycle must end, not recurse forever.
-constexpr int maxIndirections = 32;
+// A value met on the way: a host dictionary's entry (a std::any) or a JSON object's member. The
+// walk only points at values; the one it finds is copied once, at the end.
+struct Ref {
+  const std::any* any = nullptr;
+  const JSON* json = nullptr;
+  explicit operator bool() const noexcept { return json || (any && any->has_value()); }
+};
 
-std::any readPath(const Dictionary& dictionary, std::string_view path, const Dictionary& root,
-                  int depth);
+// A dictionary level: a host Dictionary or a JSON object.
+struct Level {
+  const Dictionary* dictionary = nullptr;
+  const JSON::Map* map = nullptr;
+  explicit operator bool() const noexcept { return dictionary || map; }
+};
 
-// A nested dictionary, whether the host stored it as a Dictionary or as a JSON object.
-std::optional<Dictionary> asDictionary(const std::any& value) {
-  if (const auto* d = std::any_cast<Dictionary>(&value)) return *d;
-  if (const auto* json = std::any_cast<JSON>(&value)) return json->dictionaryValue();
-  return std::nullopt;
+const JSON* jsonOf(Ref ref) noexcept {
+  if (ref.json) return ref.json;
+  return ref.any ? std::any_cast<JSON>(ref.any) : nullptr;
 }
 
-const std::any* member(const Dictionary& dictionary, std::string_view key) {
-  auto it = dictionary.find(std::string(key));
-  return it == dictionary.end() ? nullptr : &it->second;
+Level levelOf(Ref ref) noexcept {
+  if (ref.any) {
+    if (const auto* dictionary = std::any_cast<Dictionary>(ref.any)) return {dictionary, nullptr};
+  }
+  if (const JSON* json = jsonOf(ref)) return {nullptr, json->mapPointer()};
+  return {};
+}
+
+Ref member(Level level, std::string_view key) {
+  if (level.dictionary) {
+    auto it = level.dictionary->find(std::string(key));
+    if (it != level.dictionary->end()) return {&it->second, nullptr};
+  } else if (level.map) {
+    auto it = level.map->find(key);
+    if (it != level.map->end()) return {nullptr, &it->second};
+  }
+  return {};
 }
 
 // Text in any of the forms a host may use for it.
-std::optional<std::string_view> textOf(const std::any& value) {
-  if (const auto* s = std::any_cast<std::string>(&value)) return *s;
-  if (const auto* s = std::any_cast<const char*>(&value); s && *s) return *s;
-  if (const auto* s = std::any_cast<std::string_view>(&value)) return *s;
-  if (const auto* json = std::any_cast<JSON>(&value); json && json->stringPointer()) {
-    return *json->stringPointer();
+std::optional<std::string_view> textOf(Ref ref) {
+  if (ref.any) {
+    if (const auto* s = std::any_cast<std::string>(ref.any)) return *s;
+    if (const auto* s = std::any_cast<const char*>(ref.any); s && *s) return *s;
+    if (const auto* s = std::any_cast<std::string_view>(ref.any)) return *s;
   }
+  if (const JSON* json = jsonOf(ref); json && json->stringPointer()) return *json->stringPointer();
   return std::nullopt;
 }
 
@@ -43,85 +64,155 @@ std::string_view withoutRootMarker(std::string_view path) {
   return path;
 }
 
-bool isMissing(const std::any& value) {
-  if (!value.has_value() || std::any_cast<Null>(&value)) return true;
-  const auto* json = std::any_cast<JSON>(&value);
+bool isMissing(Ref ref) {
+  if (!ref || (ref.any && std::any_cast<Null>(ref.any))) return true;
+  const JSON* json = jsonOf(ref);
   return json && json->isNull();
 }
 
-bool isBlank(const std::any& value) {
-  if (isMissing(value)) return true;
-  auto text = textOf(value);
+bool isBlank(Ref ref) {
+  if (isMissing(ref)) return true;
+  auto text = textOf(ref);
   return text && text->empty();
 }
 
-std::any resolve(const std::any& value, const Dictionary& root, int depth);
-
-// An operand of "@if": a "$."-path, a special value, or a literal.
-std::any operand(const std::any& value, const Dictionary& root, int depth) {
-  if (auto text = textOf(value); text && text->starts_with("$.")) {
-    return readPath(root, withoutRootMarker(*text), root, depth + 1);
+// A JSON member as the loosely typed value a host would have stored.
+std::any looselyTyped(const JSON& json) {
+  switch (json.kind()) {
+    case JSON::Kind::boolean:
+      return *json.boolValue();
+    case JSON::Kind::number:
+      return *json.decimalValue();
+    case JSON::Kind::string:
+      return *json.stringPointer();
+    case JSON::Kind::array:
+      return *json.arrayValue();
+    case JSON::Kind::object:
+      return *json.dictionaryValue();
+    case JSON::Kind::null:
+      break;
   }
-  return resolve(value, root, depth);
+  return Null{};
 }
 
-std::any resolve(const std::any& value, const Dictionary& root, int depth) {
-  if (depth > maxIndirections) return {};
-  const auto* dictionary = std::any_cast<Dictionary>(&value);
-  if (!dictionary) return value;
-  if (const std::any* path = member(*dictionary, "@path")) {
-    if (auto text = textOf(*path)) return readPath(root, withoutRootMarker(*text), root, depth + 1);
+// One key-path read. "@path" and "@if" values may refer to each other, to themselves, or branch
+// at every level, so every step draws on a fixed budget and the walk gives up (finding nothing)
+// once it is spent; the nesting of steps is bounded too, which bounds the stack.
+class Walk {
+ public:
+  explicit Walk(Level root) : root_(root) {}
+
+  std::any find(std::string_view path) {
+    const Ref found = read(root_, path);
+    if (exhausted_ || !found) return {};
+    return found.any ? *found.any : looselyTyped(*found.json);
+  }
+
+ private:
+  static constexpr int kMaxSteps = 10'000;
+  static constexpr int kMaxNesting = 256;
+
+  class Step {
+   public:
+    explicit Step(Walk& walk) : walk_(walk) {
+      allowed_ = walk.steps_ > 0 && walk.nesting_ < kMaxNesting;
+      if (!allowed_) {
+        walk.exhausted_ = true;
+        return;
+      }
+      --walk.steps_;
+      ++walk.nesting_;
+    }
+    ~Step() {
+      if (allowed_) --walk_.nesting_;
+    }
+    Step(const Step&) = delete;
+    Step& operator=(const Step&) = delete;
+    explicit operator bool() const noexcept { return allowed_; }
+
+   private:
+    Walk& walk_;
+    bool allowed_;
+  };
+
+  Ref read(Level level, std::string_view path) {
+    Step step(*this);
+    if (!step) return {};
+    // A key that contains dots wins over the nested reading of the same text.
+    if (const Ref whole = member(level, path)) return resolve(whole);
+    // Otherwise the first component, or a longer dotted prefix that is a key ("Pelora.io.apiKey").
+    for (auto dot = path.find('.'); dot != std::string_view::npos; dot = path.find('.', dot + 1)) {
+      const Ref first = member(level, path.substr(0, dot));
+      if (!first) continue;
+      const Level nested = levelOf(resolve(first));
+      if (!nested) continue;
+      if (const Ref found = read(nested, path.substr(dot + 1))) return found;
+      if (exhausted_) return {};
+    }
     return {};
   }
-  if (const std::any* condition = member(*dictionary, "@if")) {
-    const auto* rules = std::any_cast<Dictionary>(condition);
-    if (!rules) return {};
-    bool holds = false;
-    if (const std::any* subject = member(*rules, "exists")) {
-      holds = !isMissing(operand(*subject, root, depth));
-    } else if (const std::any* subject = member(*rules, "blank")) {
-      holds = isBlank(operand(*subject, root, depth));
+
+  Ref resolve(Ref value) {
+    Step step(*this);
+    if (!step) return {};
+    const Level level = levelOf(value);
+    if (!level) return value;
+    if (const Ref path = member(level, "@path")) {
+      if (auto text = textOf(path)) return read(root_, withoutRootMarker(*text));
+      return {};
     }
-    const std::any* branch = member(*rules, holds ? "then" : "else");
-    return branch ? operand(*branch, root, depth + 1) : std::any();
+    if (const Ref condition = member(level, "@if")) {
+      const Level rules = levelOf(condition);
+      if (!rules) return {};
+      bool holds = false;
+      if (const Ref subject = member(rules, "exists")) {
+        holds = !isMissing(operand(subject));
+      } else if (const Ref blank = member(rules, "blank")) {
+        holds = isBlank(operand(blank));
+      }
+      const Ref branch = member(rules, holds ? "then" : "else");
+      return branch ? operand(branch) : Ref{};
+    }
+    return value;
   }
-  return value;
-}
 
-std::any readPath(const Dictionary& dictionary, std::string_view path, const Dictionary& root,
-                  int depth) {
-  if (depth > maxIndirections) return {};
-  // A key that contains dots wins over the nested reading of the same text.
-  if (const std::any* whole = member(dictionary, path)) return resolve(*whole, root, depth);
-  // Otherwise the first component, or a longer dotted prefix that is a key ("Pelora.io.apiKey").
-  for (auto dot = path.find('.'); dot != std::string_view::npos; dot = path.find('.', dot + 1)) {
-    const std::any* first = member(dictionary, path.substr(0, dot));
-    if (!first) continue;
-    auto nested = asDictionary(resolve(*first, root, depth));
-    if (!nested) continue;
-    std::any found = readPath(*nested, path.substr(dot + 1), root, depth);
-    if (found.has_value()) return found;
+  // An operand of "@if": a "$."-path, a special value, or a literal.
+  Ref operand(Ref value) {
+    if (auto text = textOf(value); text && text->starts_with("$.")) {
+      return read(root_, withoutRootMarker(*text));
+    }
+    return resolve(value);
   }
-  return {};
-}
 
+  const Level root_;
+  int steps_ = kMaxSteps;
+  int nesting_ = 0;
+  bool exhausted_ = false;
+};
+
+// Walks down one level per component without recursing, so that a long path cannot exhaust the
+// stack; nested dictionaries are changed in place.
 void writePath(Dictionary& dictionary, std::any value, std::string_view path) {
-  auto dot = path.find('.');
-  if (dot == std::string_view::npos || dictionary.contains(std::string(path))) {
-    if (value.has_value()) {
-      dictionary.insert_or_assign(std::string(path), std::move(value));
-    } else {
-      dictionary.erase(std::string(path));
+  Dictionary* current = &dictionary;
+  for (;;) {
+    auto dot = path.find('.');
+    if (dot == std::string_view::npos || current->contains(std::string(path))) {
+      if (value.has_value()) {
+        current->insert_or_assign(std::string(path), std::move(value));
+      } else {
+        current->erase(std::string(path));
+      }
+      return;
     }
-    return;
+    std::any& slot = (*current)[std::string(path.substr(0, dot))];
+    if (!std::any_cast<Dictionary>(&slot)) {
+      const auto* json = std::any_cast<JSON>(&slot);
+      auto existing = json ? json->dictionaryValue() : std::nullopt;
+      slot = existing ? std::move(*existing) : Dictionary{};
+    }
+    current = std::any_cast<Dictionary>(&slot);
+    path.remove_prefix(dot + 1);
   }
-  std::string key(path.substr(0, dot));
-  Dictionary nested;
-  if (auto it = dictionary.find(key); it != dictionary.end()) {
-    if (auto existing = asDictionary(it->second)) nested = std::move(*existing);
-  }
-  writePath(nested, std::move(value), path.substr(dot + 1));
-  dictionary.insert_or_assign(std::move(key), std::move(nested));
 }
 
 std::any transformValue(const std::any& value, const std::map<std::string, std::string>& keys,
@@ -147,8 +238,14 @@ std::any transformValue(const std::any& value, const std::map<std::string, std::
 }  // namespace
 
 std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath) {
-  return readPath(dictionary, keyPath.text(), dictionary, 0);
+  return Walk({&dictionary, nullptr}).find(keyPath.text());
 }
+
+namespace detail {
+std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath) {
+  return Walk({nullptr, object.mapPointer()}).find(keyPath.text());
+}
+}  // namespace detail
 
 void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath) {
   writePath(dictionary, std::move(value), keyPath.text());

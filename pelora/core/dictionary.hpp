@@ -33,12 +33,19 @@ using Dictionary = std::map<std::string, std::any>;
 // Called with a (renamed) key and a loosely typed value; returns the replacement.
 using ValueTransform = std::function<std::any(const std::string& key, const std::any& value)>;
 
-// The value at `keyPath`, or an empty std::any when there is none.
+// The value at `keyPath`, or an empty std::any when there is none. A lookup takes at most a fixed
+// number of steps: "@path" and "@if" values that refer to themselves find nothing.
 std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath);
 
 // Stores `value` at `keyPath`, creating dictionaries for missing levels and replacing
 // non-dictionary values on the way; an empty `value` removes the entry.
 void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath);
+
+class JSON;
+namespace detail {
+// valueForKeyPath on a JSON object, walked in place; JSON values found come back loosely typed.
+std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath);
+}  // namespace detail
 
 // A copy with keys renamed through `keys` (one step, at every depth, inside arrays too) and leaf
 // values (including whole arrays, after their elements) passed through `valueTransform` with the

@@ -10,6 +10,13 @@
 
 namespace pelora {
 
+// The deepest nesting an event's values (properties, context, event data) may have: a batch file
+// holds them three levels down (the batch object, its array, the event), and no reader takes
+// more than JSON::maxNestingDepth levels.
+inline constexpr int maxEventValueDepth = JSON::maxNestingDepth - 3;
+// The deepest nesting an event's own text may have inside a batch file.
+inline constexpr int maxEventTextDepth = JSON::maxNestingDepth - 2;
+
 // Which bundles of destinations an event went through; all three lists are always encoded.
 struct DestinationMetadata {
   std::vector<std::string> bundled;

@@ -78,11 +78,74 @@ bool tryInteger(const std::any& value, const std::type_info& type, JSON& out) {
   return false;
 }
 
-JSON::Map mapFromDictionary(const Dictionary& dictionary) {
+JSONError tooDeep() {
+  return JSONError::nonJSONType("a value nested deeper than " +
+                                std::to_string(JSON::maxNestingDepth) + " levels");
+}
+
+JSON convert(const std::any& value, int levels);
+
+// The members of a dictionary that may nest `levels` deep.
+JSON::Map mapFromDictionary(const Dictionary& dictionary, int levels) {
   JSON::Map map;
   for (const auto& [key, value] : dictionary)
-    map.emplace_hint(map.end(), key, JSON::fromAny(value));
+    map.emplace_hint(map.end(), key, convert(value, levels));
   return map;
+}
+
+JSON checked(JSON json, int levels) {
+  if (json.nestedDeeperThan(levels)) throw tooDeep();
+  return json;
+}
+
+// Everything but the host's own containers. Kept out of convert() so that the frame that recurses
+// stays small.
+[[gnu::noinline]] JSON convertLeaf(const std::any& value, const std::type_info& type, int levels) {
+  // Most common host types first: a mismatch costs a type_info comparison.
+  if (const auto* s = held<std::string>(value, type)) return JSON(*s);
+  JSON out;
+  if (tryInteger<int>(value, type, out) || tryInteger<std::int64_t>(value, type, out)) return out;
+  if (const auto* d = held<double>(value, type)) return JSON(*d);
+  if (const auto* b = held<bool>(value, type)) return JSON(*b);
+  if (const auto* s = held<const char*>(value, type)) return *s ? JSON(*s) : JSON();
+  if (const auto* json = held<JSON>(value, type)) return checked(*json, levels);
+  if (const auto* d = held<Decimal>(value, type)) return JSON(*d);
+  if (held<Null>(value, type)) return JSON();
+  if (const auto* s = held<std::string_view>(value, type)) return JSON(*s);
+  if (const auto* s = held<char*>(value, type)) return *s ? JSON(*s) : JSON();
+  if (held<std::nullptr_t>(value, type)) return JSON();
+  if (const auto* f = held<float>(value, type)) return JSON(*f);
+  if (const auto* f = held<long double>(value, type)) return floatingNumber(*f, "long double");
+  if (tryInteger<unsigned>(value, type, out) || tryInteger<long>(value, type, out) ||
+      tryInteger<unsigned long>(value, type, out) || tryInteger<long long>(value, type, out) ||
+      tryInteger<unsigned long long>(value, type, out) || tryInteger<short>(value, type, out) ||
+      tryInteger<unsigned short>(value, type, out) || tryInteger<char>(value, type, out) ||
+      tryInteger<signed char>(value, type, out) || tryInteger<unsigned char>(value, type, out) ||
+      tryInteger<char8_t>(value, type, out) || tryInteger<char16_t>(value, type, out) ||
+      tryInteger<char32_t>(value, type, out) || tryInteger<wchar_t>(value, type, out))
+    return out;
+  if (const auto* list = held<JSON::List>(value, type)) return checked(JSON(*list), levels);
+  if (const auto* map = held<JSON::Map>(value, type)) return checked(JSON(*map), levels);
+  throw JSONError::nonJSONType(demangledName(type));
+}
+
+// The loosely typed construction of a value that may nest `levels` deep. The limit is checked
+// before descending, so no host value can take the stack deeper than the limit.
+JSON convert(const std::any& value, int levels) {
+  if (!value.has_value()) return JSON();
+  const std::type_info& type = value.type();
+  if (const auto* dict = held<Dictionary>(value, type)) {
+    if (levels < 1) throw tooDeep();
+    return JSON(mapFromDictionary(*dict, levels - 1));
+  }
+  if (const auto* array = held<Array>(value, type)) {
+    if (levels < 1) throw tooDeep();
+    JSON::List list;
+    list.reserve(array->size());
+    for (const auto& element : *array) list.push_back(convert(element, levels - 1));
+    return JSON(std::move(list));
+  }
+  return convertLeaf(value, type, levels);
 }
 
 std::any toAny(const JSON& json) {
@@ -110,44 +173,10 @@ JSON::JSON(float value) : JSON(floatingNumber(value, "float")) {}
 JSON::JSON(List elements) : value_(std::make_shared<const List>(std::move(elements))) {}
 JSON::JSON(Map members) : value_(std::make_shared<const Map>(std::move(members))) {}
 JSON::JSON(const Dictionary& dictionary)
-    : value_(std::make_shared<const Map>(mapFromDictionary(dictionary))) {}
+    : value_(std::make_shared<const Map>(mapFromDictionary(dictionary, maxNestingDepth - 1))) {}
 
 JSON JSON::fromAny(const std::any& value) {
-  // Most common host types first: a mismatch costs a type_info comparison.
-  if (!value.has_value()) return JSON();
-  const std::type_info& type = value.type();
-  if (const auto* s = held<std::string>(value, type)) return JSON(*s);
-  JSON out;
-  if (tryInteger<int>(value, type, out) || tryInteger<std::int64_t>(value, type, out)) return out;
-  if (const auto* d = held<double>(value, type)) return JSON(*d);
-  if (const auto* b = held<bool>(value, type)) return JSON(*b);
-  if (const auto* s = held<const char*>(value, type)) return *s ? JSON(*s) : JSON();
-  if (const auto* dict = held<Dictionary>(value, type)) return JSON(*dict);
-  if (const auto* json = held<JSON>(value, type)) return *json;
-  if (const auto* d = held<Decimal>(value, type)) return JSON(*d);
-  if (held<Null>(value, type)) return JSON();
-  if (const auto* array = held<Array>(value, type)) {
-    List list;
-    list.reserve(array->size());
-    for (const auto& element : *array) list.push_back(fromAny(element));
-    return JSON(std::move(list));
-  }
-  if (const auto* s = held<std::string_view>(value, type)) return JSON(*s);
-  if (const auto* s = held<char*>(value, type)) return *s ? JSON(*s) : JSON();
-  if (held<std::nullptr_t>(value, type)) return JSON();
-  if (const auto* f = held<float>(value, type)) return JSON(*f);
-  if (const auto* f = held<long double>(value, type)) return floatingNumber(*f, "long double");
-  if (tryInteger<unsigned>(value, type, out) || tryInteger<long>(value, type, out) ||
-      tryInteger<unsigned long>(value, type, out) || tryInteger<long long>(value, type, out) ||
-      tryInteger<unsigned long long>(value, type, out) || tryInteger<short>(value, type, out) ||
-      tryInteger<unsigned short>(value, type, out) || tryInteger<char>(value, type, out) ||
-      tryInteger<signed char>(value, type, out) || tryInteger<unsigned char>(value, type, out) ||
-      tryInteger<char8_t>(value, type, out) || tryInteger<char16_t>(value, type, out) ||
-      tryInteger<char32_t>(value, type, out) || tryInteger<wchar_t>(value, type, out))
-    return out;
-  if (const auto* list = held<List>(value, type)) return JSON(*list);
-  if (const auto* map = held<Map>(value, type)) return JSON(*map);
-  throw JSONError::nonJSONType(demangledName(type));
+  return convert(value, maxNestingDepth);
 }
 
 // ---- Conversions back ---------------------------------------------------------------------------
@@ -215,20 +244,35 @@ std::optional<Dictionary> JSON::dictionaryValue() const {
   return dictionary;
 }
 
+bool JSON::nestedDeeperThan(int levels) const noexcept {
+  if (const List* list = listPointer()) {
+    if (levels <= 0) return true;
+    for (const JSON& element : *list) {
+      if (element.nestedDeeperThan(levels - 1)) return true;
+    }
+  } else if (const Map* map = mapPointer()) {
+    if (levels <= 0) return true;
+    for (const auto& [key, member] : *map) {
+      if (member.nestedDeeperThan(levels - 1)) return true;
+    }
+  }
+  return false;
+}
+
 // ---- Edits and lookup ---------------------------------------------------------------------------
 
 std::optional<JSON> JSON::add(const std::any& value) const {
   const List* list = listPointer();
   if (!list) throw JSONError::incorrectType();
   List copy = *list;
-  copy.push_back(fromAny(value));
+  copy.push_back(convert(value, maxNestingDepth - 1));
   return JSON(std::move(copy));
 }
 
 std::optional<JSON> JSON::add(const std::any& value, const std::string& key) const {
   const Map* map = mapPointer();
   if (!map) throw JSONError::incorrectType();
-  JSON converted = fromAny(value);
+  JSON converted = convert(value, maxNestingDepth - 1);
   Map copy = *map;
   copy.insert_or_assign(key, std::move(converted));
   return JSON(std::move(copy));
@@ -260,7 +304,7 @@ std::optional<JSON> JSON::operator[](std::string_view key) const {
 
 std::any JSON::anyForKeyPath(const KeyPath& keyPath) const {
   if (kind() != Kind::object) return {};
-  return valueForKeyPath(*dictionaryValue(), keyPath);
+  return detail::valueForKeyPath(*this, keyPath);
 }
 
 void JSON::setAnyForKeyPath(std::any value, const KeyPath& keyPath) {

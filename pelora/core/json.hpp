@@ -53,6 +53,8 @@ class JSON {
   enum class Kind { boolean, number, string, array, object, null };
   using List = std::vector<JSON>;
   using Map = std::map<std::string, JSON, std::less<>>;
+  // The deepest nesting of arrays and objects that is read, converted or written ([[1]] is 2).
+  static constexpr int maxNestingDepth = 512;
 
   JSON() noexcept : value_(Null{}) {}  // null
   JSON(Null) noexcept : value_(Null{}) {}
@@ -84,6 +86,8 @@ class JSON {
 
   Kind kind() const noexcept { return static_cast<Kind>(value_.index()); }
   bool isNull() const noexcept { return kind() == Kind::null; }
+  // Whether arrays and objects nest more than `levels` deep; looks no deeper than that.
+  bool nestedDeeperThan(int levels) const noexcept;
 
   // Conversions back: each gives nothing unless the value is of the matching case.
   std::optional<bool> boolValue() const noexcept;
@@ -172,7 +176,9 @@ void decodeOptional(const JSON& object, std::string_view key, std::optional<T>& 
 namespace detail {
 using EncodeFunction = void (*)(Encoder&, const void*);
 // Appends the text of one value to `out`; on failure leaves `out` as it was and throws JSONError.
-void appendText(std::string& out, bool pretty, EncodeFunction encode, const void* value);
+// A value nesting deeper than `maxDepth` levels fails.
+void appendText(std::string& out, bool pretty, EncodeFunction encode, const void* value,
+                int maxDepth);
 [[noreturn]] void throwTypeMismatch(std::string_view expected, const JSON& found);
 }  // namespace detail
 
@@ -182,7 +188,8 @@ std::string toString(const T& value, bool pretty = false) {
   std::string out;
   try {
     detail::appendText(
-        out, pretty, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value);
+        out, pretty, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value,
+        JSON::maxNestingDepth);
   } catch (const std::exception&) {
     return {};
   }
@@ -192,11 +199,13 @@ template <class T>
 std::string prettyPrint(const T& value) {
   return toString(value, true);
 }
-// Appends the compact text of `value` to `out`; throws JSONError when it cannot be encoded.
+// Appends the compact text of `value` to `out`; throws JSONError when it cannot be encoded or
+// nests deeper than `maxDepth` levels (text that is to be embedded deeper needs less).
 template <class T>
-void appendJSONText(std::string& out, const T& value) {
+void appendJSONText(std::string& out, const T& value, int maxDepth = JSON::maxNestingDepth) {
   detail::appendText(
-      out, false, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value);
+      out, false, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value,
+      maxDepth);
 }
 // Reads a T from JSON text; throws DecodingError.
 template <class T>

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "pelora/log/log.hpp"
+#include "tests/support/small_stack.hpp"
 
 namespace pelora {
 namespace {
@@ -102,6 +103,12 @@ TEST(JSONText, MalformedTextOutOfRangeNumbersAndDeepNestingAreRejected) {
     EXPECT_NE(std::string(error->what()).find("byte"), std::string::npos) << error->what();
   }
   EXPECT_THROW(JSON::parse("[1e400]"), DecodingError);
+  // Surrogates: only a high one followed by a low one is a character.
+  for (const char* lone : {R"("\ude00")", R"("a\udfffb")", R"({"\udc00":1})", R"("\ud800")",
+                           R"("\ud800\u0041")", R"("\ude00\ud83d")"}) {
+    EXPECT_THROW(JSON::parse(lone), DecodingError) << lone;
+  }
+  EXPECT_EQ(JSON::parse(R"("\ud83d\ude00")").stringValue(), "\xF0\x9F\x98\x80");
   auto nesting = thrown<DecodingError>([] { JSON::parse(std::string(100000, '[')); });
   ASSERT_TRUE(nesting);
   EXPECT_NE(std::string(nesting->what()).find("Nesting"), std::string::npos) << nesting->what();
@@ -121,6 +128,20 @@ TEST(JSONText, WritesValidTextForAnyBytes) {
   EXPECT_NO_THROW(JSON::parse(text));
   // Valid multi-byte text passes unchanged.
   EXPECT_EQ(JSON("Tự động đóng").toString(), "\"Tự động đóng\"");
+
+  // Every control character is escaped wherever it sits in a string (scans that take sixteen
+  // bytes at a time depend on where a string starts), and the text reads back as the same value.
+  std::string controls;
+  for (char c = 1; c < 0x20; ++c) controls.push_back(c);
+  controls.push_back('\x7F');
+  for (std::size_t shift = 0; shift < 32; ++shift) {
+    const std::string text =
+        std::string(shift, 'x') + "\x1B[31mred\x1B[0m" + controls + std::string(40, 'y') + controls;
+    const JSON value(JSON::Map{{text, JSON(text)}});
+    const std::string written = value.toString();
+    EXPECT_EQ(written.find_first_of(controls.substr(0, 31)), std::string::npos) << shift;
+    EXPECT_EQ(JSON::parse(written), value) << shift;
+  }
 }
 
 TEST(JSONEdits, ReturnNewValuesAndCheckTheCase) {
@@ -237,6 +258,86 @@ TEST(JSONKeyPaths, PathAndIfIndirectionsResolveAgainstTheRoot) {
   EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "blank")), "abc");
   EXPECT_FALSE(valueForKeyPath(d, "missing").has_value());
   EXPECT_FALSE(valueForKeyPath(d, "loop").has_value());
+}
+
+TEST(JSONKeyPaths, LookupsStayCheapOnSelfReferringDocumentsAndFollowLongChains) {
+  // Each "@if" refers back to its own key twice: without a bound, every level doubles the work.
+  const JSON selfReferring = JSON::parse(
+      R"({"a":{"@if":{"exists":"$.a","then":"$.a","else":{"@path":"$.b"}}},)"
+      R"("b":{"@if":{"blank":"$.b","then":"$.a","else":"$.b"}},"c.d":{"@path":"$.c.d"}})");
+  const auto start = std::chrono::steady_clock::now();
+  for (const char* path : {"a", "b", "c.d", "a.x.y"}) {
+    for (int i = 0; i < 20; ++i) EXPECT_FALSE(selfReferring.value<std::any>(path)) << path;
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+
+  // A chain of 100 "@path" links ends at its value; "k0.inner" reads through them.
+  JSON::Map links;
+  for (int i = 0; i < 100; ++i) {
+    links.emplace("k" + std::to_string(i),
+                  JSON(JSON::Map{{"@path", JSON("$.k" + std::to_string(i + 1))}}));
+  }
+  links.emplace("k100", JSON(JSON::Map{{"inner", JSON("end")}}));
+  const JSON chain(std::move(links));
+  EXPECT_EQ(chain.value<std::string>("k0.inner"), "end");
+  Dictionary dictionary = chain.dictionaryValue().value();
+  EXPECT_EQ(std::any_cast<Dictionary>(valueForKeyPath(dictionary, "k0")).size(), 1u);
+}
+
+TEST(JSONNesting, ValuesDeeperThanAReaderTakesAreRefusedWithoutExhaustingTheStack) {
+  // `levels` containers deep, dictionaries and arrays in turn.
+  auto nested = [](int levels) {
+    std::any value = 1;
+    for (int i = 0; i < levels; ++i) {
+      if (i % 2 == 0) {
+        Dictionary d;
+        d.emplace("d", std::move(value));
+        value = std::move(d);
+      } else {
+        Array a;
+        a.push_back(std::move(value));
+        value = std::move(a);
+      }
+    }
+    return value;
+  };
+  auto nestedJSON = [](int levels) {
+    JSON json(1);
+    for (int i = 0; i < levels; ++i) json = JSON(JSON::List{json});
+    return json;
+  };
+  constexpr int limit = JSON::maxNestingDepth;
+
+  // Host values, typed values and JSON built by hand, far too deep, on a small stack.
+  std::vector<std::any> typed;  // copying a host value that deep takes the host's own stack
+  typed.push_back(nested(6000));
+  const std::any& tooDeep = typed.front();
+  const JSON handBuilt = nestedJSON(6000);
+  std::string error;
+  std::string handBuiltText = "unset";
+  std::string typedText = "unset";
+  test::runOnSmallStack([&] {
+    try {
+      (void)JSON::fromAny(tooDeep);
+    } catch (const JSONError& e) {
+      error = e.what();
+    }
+    handBuiltText = handBuilt.toString();
+    typedText = toString(typed);
+  });
+  EXPECT_NE(error.find("nested deeper than 512 levels"), std::string::npos) << error;
+  EXPECT_EQ(handBuiltText, "");
+  EXPECT_EQ(typedText, "");
+
+  // Exactly the reader's limit converts, is written and reads back; one level more does not.
+  const JSON atLimit = JSON::fromAny(nested(limit));
+  EXPECT_EQ(JSON::parse(atLimit.toString()), atLimit);
+  EXPECT_THROW(JSON::fromAny(nested(limit + 1)), JSONError);
+  EXPECT_EQ(JSON::parse(nestedJSON(limit).toString()), nestedJSON(limit));
+  EXPECT_EQ(nestedJSON(limit + 1).toString(), "");
+  EXPECT_THROW(JSON::fromAny(nestedJSON(limit + 1)), JSONError);
+  EXPECT_FALSE(nestedJSON(limit).nestedDeeperThan(limit));
+  EXPECT_TRUE(nestedJSON(limit + 1).nestedDeeperThan(limit));
 }
 
 TEST(JSONCoding, RecordsBecomeJSONAndBack) {

@@ -12,6 +12,12 @@
 #endif
 #define RAPIDJSON_HAS_STDSTRING 1
 
+// The SIMD string scans of RapidJSON 1.1.0 compare against 0x19 instead of 0x1F, so the writer
+// leaves 0x1A-0x1F unescaped and the text it writes is not JSON.
+#if defined(RAPIDJSON_SSE2) || defined(RAPIDJSON_SSE42) || defined(RAPIDJSON_NEON)
+#error "RapidJSON's SIMD string scans write control characters unescaped; leave them off"
+#endif
+
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/prettywriter.h>

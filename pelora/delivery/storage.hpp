@@ -99,7 +99,9 @@ void Storage::write(Constants key, const T& value) {
   if constexpr (detail::isStoredEvent<T>) {
     if (key == Constants::events) {
       writeEvent(
-          [](std::string& out, const void* v) { appendJSONText(out, *static_cast<const T*>(v)); },
+          [](std::string& out, const void* v) {
+            appendJSONText(out, *static_cast<const T*>(v), maxEventTextDepth);
+          },
           &value);
       return;
     }
