@@ -294,7 +294,7 @@ void PeloraAnalytics::forEachEventPlugin(const std::function<void(EventPlugin&)>
   for (PluginType type : allPluginTypes) {
     auto it = timeline_->plugins().find(type);
     if (it == timeline_->plugins().end()) continue;
-    for (const auto& plugin : *it->second->plugins()) {
+    for (const auto& plugin : it->second->plugins()) {
       if (auto eventPlugin = std::dynamic_pointer_cast<EventPlugin>(plugin)) action(*eventPlugin);
       if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
         destination->apply([&](const std::shared_ptr<Plugin>& inner) {

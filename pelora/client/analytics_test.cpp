@@ -223,6 +223,58 @@ TEST_F(AnalyticsTest, RecordingFromManyThreadsLosesNothing) {
   EXPECT_EQ(collector->monitors.size(), static_cast<std::size_t>(threads * 4));
 }
 
+// Plugins come and go while other threads record, flush, reset, read identity, log and re-check
+// the settings (the application returning to the foreground). Every walk over a stage must keep
+// its own snapshot of the plugin list alive while it runs.
+TEST_F(AnalyticsTest, ConcurrentPluginChangesWhileEveryOtherCallRuns) {
+  auto client = makeClient();
+  PeloraAnalytics::setDebugLogsEnabled(true);  // log() then looks for a log plugin
+  ::testing::internal::CaptureStdout();
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    for (int round = 0; round < 300; ++round) {
+      auto destination = std::make_shared<CollectingDestination>();
+      auto inner = std::make_shared<CollectingDestination>();
+      destination->add(inner);
+      client->add(destination);
+      auto logger = client->add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::after,
+                                                            PeloraLog::TargetTable{}));
+      client->remove(destination);
+      client->remove(logger);
+    }
+    done = true;
+  });
+  auto untilDone = [&](auto body) {
+    threads.emplace_back([&, body] {
+      while (!done) body();
+    });
+  };
+  untilDone([&] { client->trackBash("During", Dictionary{{"n", 1}}); });
+  untilDone([&] {
+    client->flush();
+    client->logFlush();
+    client->log("line", LogFilterKind::debug, "test", __LINE__);
+    (void)client->find<PeloraLog>();
+    (void)client->find("Collector");
+  });
+  untilDone([&] {
+    client->reset();
+    (void)client->anonymousId();
+    client->apply([](const std::shared_ptr<Plugin>& plugin) { (void)plugin->type(); });
+  });
+  untilDone([&] {
+    auto& lifecycle = platform::AppLifecycle::shared();
+    lifecycle.didEnterBackground();
+    lifecycle.willEnterForeground();
+    lifecycle.didBecomeActive();
+  });
+  for (auto& thread : threads) thread.join();
+  (void)::testing::internal::GetCapturedStdout();
+  PeloraAnalytics::setDebugLogsEnabled(false);
+  EXPECT_TRUE(client->find("Collector") == collector);  // only the fixture's is left
+}
+
 TEST_F(AnalyticsTest, BuiltInDestinationsAreAddedAndTheirWorkCountsAsUnsent) {
   auto client = makeClient();
   EXPECT_FALSE(client->hasUnsentEvents());

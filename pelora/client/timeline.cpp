@@ -97,9 +97,9 @@ std::size_t Mediator::remove(const Plugin* plugin) {
   return removed;
 }
 
-std::shared_ptr<const Mediator::PluginList> Mediator::plugins() const {
+PluginSnapshot Mediator::plugins() const {
   std::lock_guard lock(mutex_);
-  return plugins_;
+  return PluginSnapshot(plugins_);
 }
 
 namespace {
@@ -125,8 +125,8 @@ void Timeline::remove(const std::shared_ptr<Plugin>& plugin) {
   for (PluginType type : allPluginTypes) {
     auto it = plugins_.find(type);
     if (it == plugins_.end()) continue;
-    auto list = it->second->plugins();
-    auto count = std::count_if(list->begin(), list->end(),
+    const PluginSnapshot list = it->second->plugins();
+    auto count = std::count_if(list.begin(), list.end(),
                                [&](const auto& p) { return p.get() == plugin.get(); });
     for (long i = 0; i < count; ++i) plugin->shutdown();
     if (count > 0) it->second->remove(plugin.get());
@@ -137,7 +137,7 @@ void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& 
   for (PluginType type : allPluginTypes) {
     auto it = plugins_.find(type);
     if (it == plugins_.end()) continue;
-    for (const auto& plugin : *it->second->plugins()) {
+    for (const auto& plugin : it->second->plugins()) {
       closure(plugin);
       if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
         destination->apply(closure);
@@ -147,7 +147,7 @@ void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& 
 }
 
 std::shared_ptr<DestinationPlugin> Timeline::find(std::string_view key) const {
-  for (const auto& plugin : *plugins_.at(PluginType::destination)->plugins()) {
+  for (const auto& plugin : plugins_.at(PluginType::destination)->plugins()) {
     auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin);
     if (destination && destination->key() == key) return destination;
   }

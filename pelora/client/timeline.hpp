@@ -14,16 +14,38 @@
 
 namespace pelora {
 
+// One stage's plugin list as it was when taken; other threads may add and remove plugins
+// meanwhile. Iterate it where it is returned, `for (const auto& p : mediator.plugins())`, which
+// keeps it alive for the whole loop. It has no operator* and no begin() on a temporary, so that a
+// loop can never run over a list that its own snapshot has already released.
+class PluginSnapshot {
+ public:
+  using List = std::vector<std::shared_ptr<Plugin>>;
+  using const_iterator = List::const_iterator;
+
+  explicit PluginSnapshot(std::shared_ptr<const List> list) noexcept : list_(std::move(list)) {}
+
+  const_iterator begin() const& noexcept { return list_->begin(); }
+  const_iterator end() const& noexcept { return list_->end(); }
+  const_iterator begin() const&& = delete;
+  const_iterator end() const&& = delete;
+  std::size_t size() const noexcept { return list_->size(); }
+  bool empty() const noexcept { return list_->empty(); }
+
+ private:
+  std::shared_ptr<const List> list_;
+};
+
 // The plugins of one stage, run in the order they were added.
 class Mediator {
  public:
-  using PluginList = std::vector<std::shared_ptr<Plugin>>;
+  using PluginList = PluginSnapshot::List;
 
   void add(std::shared_ptr<Plugin> plugin);
   // Removes every entry that is this very object; returns how many there were.
   std::size_t remove(const Plugin* plugin);
-  // A snapshot of the current list.
-  std::shared_ptr<const PluginList> plugins() const;
+  // The current list.
+  PluginSnapshot plugins() const;
   // When every plugin is a destination, hands each a copy of `event` and returns true; otherwise
   // does nothing and returns false.
   template <class E>
@@ -97,7 +119,7 @@ class Timeline {
     for (PluginType type : allPluginTypes) {
       auto it = plugins_.find(type);
       if (it == plugins_.end()) continue;
-      for (const auto& plugin : *it->second->plugins()) {
+      for (const auto& plugin : it->second->plugins()) {
         if (auto match = std::dynamic_pointer_cast<T>(plugin)) return match;
       }
     }
@@ -112,8 +134,7 @@ class Timeline {
 
 template <class E>
 void Mediator::run(std::optional<E>& event) const {
-  auto list = plugins();
-  for (const auto& plugin : *list) {
+  for (const auto& plugin : plugins()) {
     if (!event) return;
     if (dynamic_cast<DestinationPlugin*>(plugin.get())) {
       (void)plugin->execute(std::optional<E>(event));
@@ -125,11 +146,11 @@ void Mediator::run(std::optional<E>& event) const {
 
 template <class E>
 bool Mediator::runOnCopies(const E& event) const {
-  auto list = plugins();
-  for (const auto& plugin : *list) {
+  const PluginSnapshot list = plugins();
+  for (const auto& plugin : list) {
     if (!dynamic_cast<DestinationPlugin*>(plugin.get())) return false;
   }
-  for (const auto& plugin : *list) (void)plugin->execute(std::optional<E>(event));
+  for (const auto& plugin : list) (void)plugin->execute(std::optional<E>(event));
   return true;
 }
 

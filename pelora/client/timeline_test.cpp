@@ -72,7 +72,7 @@ TEST_F(TimelineTest, OnlyBeforeDestinationAndAfterStagesKeepPlugins) {
   auto utility = std::make_shared<Recorder>(PluginType::utility);
   timeline.add(enrichment);
   timeline.add(utility);
-  for (const auto& [type, mediator] : timeline.plugins()) EXPECT_TRUE(mediator->plugins()->empty());
+  for (const auto& [type, mediator] : timeline.plugins()) EXPECT_TRUE(mediator->plugins().empty());
   EXPECT_FALSE(timeline.find<Recorder>());
   EXPECT_EQ(timeline.process(std::optional<TrackEvent>(TrackEvent("e", std::nullopt)))->event, "e");
   EXPECT_TRUE(enrichment->seen().empty());
