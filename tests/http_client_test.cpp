@@ -122,6 +122,42 @@ std::size_t threadCount() {
   return count;
 }
 
+// A TCP server on 127.0.0.1 that answers one connection with `reply` (not HTTP) and closes it.
+class RawReplyServer {
+ public:
+  explicit RawReplyServer(std::string reply) : reply_(std::move(reply)) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::listen(listener_, 1);
+    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] {
+      const int connection = ::accept(listener_, nullptr, nullptr);
+      if (connection < 0) return;
+      char buffer[4096];
+      (void)::recv(connection, buffer, sizeof buffer, 0);
+      (void)::send(connection, reply_.data(), reply_.size(), MSG_NOSIGNAL);
+      ::close(connection);
+    });
+  }
+  ~RawReplyServer() {
+    ::shutdown(listener_, SHUT_RDWR);  // ends an accept() that nothing reached
+    thread_.join();
+    ::close(listener_);
+  }
+  int port() const { return port_; }
+
+ private:
+  std::string reply_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+};
+
 class HttpSessionTest : public ::testing::Test {
  protected:
   HttpSessionOptions options() const { return optionsFor(server.connectTo(kHost)); }
@@ -190,6 +226,16 @@ TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
     EXPECT_NE(outcome.error->description.back(), '.');
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
+
+  // Something that is not an HTTP server answers: the error says so, not that the URL is bad.
+  RawReplyServer notHttp("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n");
+  HttpRequest plain;
+  plain.url = "http://127.0.0.1:" + std::to_string(notHttp.port()) + "/";
+  Outcome outcome = await(start(*HttpSession::create({}), plain));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, HttpError::Code::badServerResponse) << outcome.error->description;
+  EXPECT_EQ(outcome.error->description.rfind("The server's reply was not HTTP", 0), 0u)
+      << outcome.error->description;
 }
 
 TEST_F(HttpSessionTest, CancelCompletesOnceWithCancelled) {

@@ -131,7 +131,13 @@ HttpError makeError(HttpError::Code code, std::string_view text, std::string_vie
   return error;
 }
 
-HttpError errorFor(CURLcode code, const char* errorBuffer) {
+// Whether the transfer reached a server: then a protocol error is about what the server said.
+bool connected(CURL* easy) {
+  char* ip = nullptr;
+  return curl_easy_getinfo(easy, CURLINFO_PRIMARY_IP, &ip) == CURLE_OK && ip && *ip;
+}
+
+HttpError errorFor(CURLcode code, const char* errorBuffer, bool reachedServer) {
   using Code = HttpError::Code;
   Code kind = Code::other;
   std::string_view text = "The request failed";
@@ -175,10 +181,21 @@ HttpError errorFor(CURLcode code, const char* errorBuffer) {
       kind = Code::tlsFailure;
       text = "A TLS error occurred and a secure connection to the server could not be made";
       break;
-    case CURLE_URL_MALFORMAT:
     case CURLE_UNSUPPORTED_PROTOCOL:
+      // After connecting, curl reports a reply without an HTTP status line (HTTP/0.9) this way.
+      if (reachedServer) {
+        kind = Code::badServerResponse;
+        text = "The server's reply was not HTTP";
+        break;
+      }
+      [[fallthrough]];
+    case CURLE_URL_MALFORMAT:
       kind = Code::badURL;
       text = "The URL is not a supported http or https URL";
+      break;
+    case CURLE_WEIRD_SERVER_REPLY:
+      kind = Code::badServerResponse;
+      text = "The server's reply was not HTTP";
       break;
     case CURLE_READ_ERROR:
     case CURLE_ABORTED_BY_CALLBACK:  // only the file reader aborts
@@ -507,7 +524,8 @@ void Engine::collectFinished(CURLM* multi) {
     auto transfer = detach(multi, easy);
     if (!transfer) continue;
     if (result != CURLE_OK) {
-      deliver(transfer->task, std::nullopt, errorFor(result, transfer->errorBuffer));
+      deliver(transfer->task, std::nullopt,
+              errorFor(result, transfer->errorBuffer, connected(easy)));
       continue;
     }
     HttpResponse response;

@@ -62,7 +62,8 @@ struct HttpError {
     connectionLost,  // the connection broke or closed before a whole response arrived
     tlsFailure,
     badURL,
-    fileError,  // the upload file could not be read
+    badServerResponse,  // something answered, but not with HTTP
+    fileError,          // the upload file could not be read
     other,
   };
   Code code = Code::other;
