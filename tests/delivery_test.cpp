@@ -150,6 +150,37 @@ TEST(Delivery, StressFlushingEveryEventFromTwoThreadsSendsEachOnce) {
   for (const auto& [seq, times] : counts) EXPECT_EQ(times, 1) << "seq " << seq;
 }
 
+// A host that releases its client and creates another on the same write key: the first client
+// lives on (its plugins keep it), so both record, finish and upload in one directory at once.
+TEST(Delivery, ConcurrentClientsOnOneWriteKeySendEveryEventOnce) {
+  TempDirectory data;
+  Collector collector;
+  auto configuration = configurationFor(data.path(), collector);
+  configuration->flushAt(7);
+  std::vector<std::shared_ptr<PeloraAnalytics>> clients = {PeloraAnalytics::create(configuration),
+                                                           PeloraAnalytics::create(configuration)};
+  constexpr std::int64_t perClient = 200;
+  std::vector<std::thread> threads;
+  for (std::int64_t c = 0; c < 2; ++c) {
+    threads.emplace_back([&, c] {
+      for (std::int64_t i = c * perClient; i < (c + 1) * perClient; ++i) {
+        clients[static_cast<std::size_t>(c)]->trackBash("Step", Dictionary{{"seq", i}});
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(eventually(
+      [&] {
+        for (auto& client : clients) client->flush();
+        return !clients[0]->hasUnsentEvents() && !clients[1]->hasUnsentEvents();
+      },
+      std::chrono::seconds(60)));
+  auto counts = sequenceCounts(collector);
+  EXPECT_EQ(counts.size(), static_cast<std::size_t>(2 * perClient));
+  for (const auto& [seq, times] : counts) EXPECT_EQ(times, 1) << "seq " << seq;
+  EXPECT_EQ(collector.counts().rejected, 0u);
+}
+
 TEST(Delivery, MonitorEventsArriveAtOnceAndMalformedBodiesAreRejected) {
   TempDirectory data;
   Collector collector;

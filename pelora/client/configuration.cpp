@@ -1,5 +1,8 @@
 #include "pelora/client/configuration.hpp"
 
+#include <stdexcept>
+
+#include "pelora/core/coding.hpp"
 #include "pelora/core/service_hosts.hpp"
 
 namespace pelora {
@@ -9,6 +12,10 @@ Configuration::Configuration(std::string writeKey, std::optional<std::string> fl
 
 Configuration::Configuration(std::string writeKey, std::optional<std::string> flavor,
                              bool enableIAM) {
+  // The key goes into every batch as JSON text; bytes that are not text would change on the way.
+  if (!isValidUTF8(writeKey)) {
+    throw std::invalid_argument("Pelora: the write key is not valid UTF-8 text");
+  }
   values.writeKey = std::move(writeKey);
   values.flavor = std::move(flavor);
   values.enableIAM = enableIAM;

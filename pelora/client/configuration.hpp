@@ -40,7 +40,8 @@ class Configuration {
     std::string caBundle;
   };
 
-  // Defaults everywhere, enableIAM true.
+  // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
+  // valid UTF-8 (it is written into every batch as JSON text).
   Configuration(std::string writeKey, std::optional<std::string> flavor);
   Configuration(std::string writeKey, std::optional<std::string> flavor, bool enableIAM);
 

@@ -29,5 +29,17 @@ TEST(Configuration, FlavorSelectsHostsByExactName) {
   }
 }
 
+TEST(Configuration, WriteKeyMustBeText) {
+  EXPECT_NO_THROW(Configuration("quote\" and \\ and \x1F and Tự", std::nullopt));
+  for (const std::string bad : {"a\x80z", "\xC3", "\xED\xA0\x80"}) {
+    try {
+      Configuration configuration(bad, std::nullopt);
+      ADD_FAILURE() << "accepted";
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "Pelora: the write key is not valid UTF-8 text");
+    }
+  }
+}
+
 }  // namespace
 }  // namespace pelora

@@ -99,16 +99,6 @@ std::string repairUTF8(std::string_view text) {
   return out;
 }
 
-bool isValidUTF8(std::string_view text) {
-  if (isASCII(text)) return true;
-  while (!text.empty()) {
-    std::size_t n = validSequenceLength(text);
-    if (n == 0) return false;
-    text.remove_prefix(n);
-  }
-  return true;
-}
-
 // ---- Text encoder -------------------------------------------------------------------------------
 
 using CompactWriter = rapidjson::Writer<rapidjson::StringBuffer>;
@@ -329,6 +319,16 @@ class EncoderLease {
 };
 thread_local bool EncoderLease::busy = false;
 }  // namespace
+
+bool isValidUTF8(std::string_view text) noexcept {
+  if (isASCII(text)) return true;
+  while (!text.empty()) {
+    std::size_t n = validSequenceLength(text);
+    if (n == 0) return false;
+    text.remove_prefix(n);
+  }
+  return true;
+}
 
 namespace detail {
 

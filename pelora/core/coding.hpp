@@ -97,6 +97,10 @@ class Encoder {
   }
 };
 
+// Whether `text` is well-formed UTF-8, as JSON text must be (strings that are not are written with
+// U+FFFD in place of each bad byte).
+bool isValidUTF8(std::string_view text) noexcept;
+
 // Writes a loosely typed value (see JSON::fromAny); an unconvertible one fails the encoder.
 void encodeAny(Encoder& encoder, const std::any& value);
 

@@ -120,18 +120,19 @@ void PeloraDestination::flush() {
       return;
     }
     for (const auto& file : *files) {
-      // Listed before the last uploads were cleaned up: one of them may have been sent and
-      // deleted since.
-      std::error_code error;
-      if (!std::filesystem::exists(file, error) && !error) continue;
+      // Another client or process on this write key may be sending it, or one of ours may have
+      // sent and deleted it since it was listed: the claim tells.
+      auto claim = std::make_shared<BatchClaim>(storage->claim(file));
+      if (!*claim) continue;
       log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
       UploadTaskInfo info{file, nullptr, {}};
       auto mark = std::make_shared<HandledWhenDropped>(HandledWhenDropped{info.handled});
-      info.task =
-          http->startBatchUpload(writeKey, file, [weak, file, mark](const HTTPResult& result) {
+      info.task = http->startBatchUpload(
+          writeKey, file, [weak, file, mark, claim](const HTTPResult& result) {
             if (auto self = weak.lock()) {
-              self->uploadFinished(file, result.succeeded(), *mark->handled);
+              self->uploadFinished(file, result.succeeded(), *claim, *mark->handled);
             }
+            claim->release();
           });
       if (info.task) uploads_.push_back(std::move(info));
     }
@@ -141,7 +142,7 @@ void PeloraDestination::flush() {
 // Runs on the HTTP session's worker; it hops to the storage queue and the uploads queue in turn,
 // never holding one while waiting for the other.
 void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded,
-                                       std::atomic<bool>& handled) {
+                                       BatchClaim& claim, std::atomic<bool>& handled) {
   auto client = analytics();
   std::shared_ptr<Storage> storage;
   {
@@ -158,9 +159,13 @@ void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool s
         }
       });
     }
+    // Released before the entry counts as done, so that the next flush can claim the file again;
+    // a sent file is deleted first, so that nobody else can claim it and send it twice.
+    claim.release();
     handled = true;
     cleanupOnUploadsQueue();
   } else {
+    claim.release();
     handled = true;
     if (client) client->logFlush();
   }

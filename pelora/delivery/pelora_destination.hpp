@@ -21,6 +21,7 @@
 
 namespace pelora {
 
+class BatchClaim;
 class HTTPClient;
 class Storage;
 
@@ -68,7 +69,7 @@ class PeloraDestination : public DestinationPlugin,
   // Only on uploadsQueue_.
   void cleanupUploads();
   void cleanupOnUploadsQueue();
-  void uploadFinished(const std::filesystem::path& file, bool succeeded,
+  void uploadFinished(const std::filesystem::path& file, bool succeeded, BatchClaim& claim,
                       std::atomic<bool>& handled);
   void log(const std::string& message, const char* function, int line) const;
 

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <system_error>
 
+#include "pelora/core/rapidjson_internal.hpp"
 #include "pelora/log/log.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
@@ -23,13 +25,15 @@ namespace {
 constexpr std::string_view kSuitePrefix = "com.pelora.storage.";
 constexpr std::string_view kFileSuffix = "-pelora-events";
 constexpr std::string_view kTempExtension = ".temp";
+constexpr std::string_view kSetAsideExtension = ".unreadable";
 constexpr std::string_view kBatchHeader = "{ \"batch\": [";
 constexpr std::string_view kSentAtKey = "],\"sentAt\":\"";
-constexpr std::string_view kWriteKeyKey = "\",\"writeKey\":\"";
-constexpr std::string_view kClosingEnd = "\"}";
+constexpr std::string_view kWriteKeyKey = "\",\"writeKey\":";
 constexpr off_t kHeaderSize = static_cast<off_t>(kBatchHeader.size());
 constexpr off_t kRollOverSize = 475'000;
 constexpr std::string_view kFinishFunction = "finish(file:)";
+// Tries at finding a batch file of our own before giving up on one event.
+constexpr int kOpenAttempts = 64;
 
 std::string eventsFileName(std::uint64_t index) {
   return std::to_string(index).append(kFileSuffix);
@@ -69,9 +73,23 @@ bool writeAll(int fd, std::string_view text) noexcept {
   return writeAll(fd, text.data(), text.size());
 }
 
-// Drops a torn tail after a failed write.
+// The first `size` bytes of `fd`; nothing when they cannot be read.
+std::optional<std::string> readAll(int fd, off_t size) {
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n =
+        ::pread(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return std::nullopt;
+    done += static_cast<std::size_t>(n);
+  }
+  return bytes;
+}
+
+// Drops a torn tail.
 bool cutBack(int fd, off_t size) noexcept {
-  return ::ftruncate(fd, size) == 0;
+  return ::ftruncate(fd, size) == 0 && ::fdatasync(fd) == 0;
 }
 
 // A rename or a new file is durable only once its directory is.
@@ -90,6 +108,154 @@ int renameNoReplace(const char* from, const char* to) noexcept {
   if (::link(from, to) != 0) return errno;
   ::unlink(from);
   return 0;
+}
+
+// Every writer of a batch file, in this process or another, holds an exclusive flock on it for as
+// long as it has it open; a file that cannot be locked belongs to a live writer.
+bool tryLock(int fd) noexcept {
+  return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+// Whether `path` still names the file open as `fd` (someone may have renamed or deleted it
+// between our open and our lock); `info` receives the open file's status.
+bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept {
+  struct stat named;
+  return ::fstat(fd, &info) == 0 && info.st_nlink > 0 && ::stat(path.c_str(), &named) == 0 &&
+         named.st_ino == info.st_ino && named.st_dev == info.st_dev;
+}
+
+// What an unfinished batch file holds, for recovery: whole events (objects that the strict reader
+// takes) up to `keep` bytes, perhaps followed by a torn event, or by closing text (then the batch
+// was finished but not renamed).
+struct BatchScan {
+  enum class Kind {
+    headerOnly,  // no more than a prefix of the header: the file holds no event
+    open,        // header and whole events up to `keep`; anything after it is torn
+    closed,      // a finished batch that parses as a whole
+    foreign,     // does not start as a batch file does
+  };
+  Kind kind = Kind::foreign;
+  std::size_t keep = 0;
+  bool hasEvents = false;
+};
+
+// Walks a batch file's text with RapidJSON's iterative SAX reader (no depth of nesting can exhaust
+// the stack): the batch object, its array of events, each event checked as a whole by the strict
+// reader, then the closing keys. Stops at the first thing that a finished batch could not hold.
+class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BatchScanner> {
+ public:
+  explicit BatchScanner(std::string_view text) : text_(text), stream_(text.data(), text.size()) {}
+
+  BatchScan scan() {
+    BatchScan result;
+    if (text_.size() < kBatchHeader.size()) {
+      result.kind =
+          kBatchHeader.starts_with(text_) ? BatchScan::Kind::headerOnly : BatchScan::Kind::foreign;
+      return result;
+    }
+    if (!text_.starts_with(kBatchHeader)) return result;
+    rapidjson::Reader reader;
+    constexpr unsigned flags = rapidjson::kParseIterativeFlag |
+                               rapidjson::kParseValidateEncodingFlag |
+                               rapidjson::kParseNumbersAsStringsFlag;
+    const bool parsed = !reader.Parse<flags>(stream_, *this).IsError();
+    result.hasEvents = events_ > 0;
+    result.kind = parsed && phase_ == Phase::done ? BatchScan::Kind::closed : BatchScan::Kind::open;
+    result.keep = keep_;
+    return result;
+  }
+
+  // The reader calls these with the stream at the token's first byte.
+  bool Null() { return scalar(); }
+  bool Bool(bool) { return scalar(); }
+  bool RawNumber(const char*, rapidjson::SizeType, bool) { return scalar(); }
+  bool String(const char*, rapidjson::SizeType, bool) {
+    if (phase_ == Phase::sentAtValue) return advance(Phase::sentAtValue, Phase::writeKey);
+    if (phase_ == Phase::writeKeyValue) return advance(Phase::writeKeyValue, Phase::end);
+    return scalar();
+  }
+  bool Key(const char* text, rapidjson::SizeType length, bool) {
+    if (depth_ > 1) return true;
+    const std::string_view key(text, length);
+    if (key == "batch") return advance(Phase::start, Phase::array);
+    if (key == "sentAt") return advance(Phase::sentAt, Phase::sentAtValue);
+    if (key == "writeKey") return advance(Phase::writeKey, Phase::writeKeyValue);
+    return false;
+  }
+  bool StartObject() {
+    if (depth_ == 0) return ++depth_ == 1;
+    if (depth_ == 2) eventStart_ = stream_.Tell();
+    return open();
+  }
+  bool EndObject(rapidjson::SizeType) {
+    --depth_;
+    if (depth_ == 0) return advance(Phase::end, Phase::done);
+    if (depth_ == 2) return endEvent(stream_.Tell() + 1);
+    return true;
+  }
+  bool StartArray() {
+    if (depth_ == 1) {
+      if (!advance(Phase::array, Phase::events)) return false;
+      keep_ = kBatchHeader.size();
+      ++depth_;
+      return true;
+    }
+    return open();
+  }
+  bool EndArray(rapidjson::SizeType) {
+    --depth_;
+    if (depth_ == 1) return advance(Phase::events, Phase::sentAt);
+    return true;
+  }
+
+ private:
+  enum class Phase {
+    start,
+    array,
+    events,
+    sentAt,
+    sentAtValue,
+    writeKey,
+    writeKeyValue,
+    end,
+    done
+  };
+
+  bool advance(Phase from, Phase to) {
+    if (phase_ != from) return false;
+    phase_ = to;
+    return true;
+  }
+  // Only events (objects) sit in the batch array.
+  bool scalar() const { return depth_ > 2; }
+  bool open() {
+    if (depth_ < 2 || depth_ >= JSON::maxNestingDepth) return false;
+    ++depth_;
+    return true;
+  }
+  // An event is whole when the strict reader takes it: the service reads batches the same way.
+  bool endEvent(std::size_t end) {
+    try {
+      (void)JSON::parse(text_.substr(eventStart_, end - eventStart_));
+    } catch (const std::exception&) {
+      return false;
+    }
+    keep_ = end;
+    ++events_;
+    return true;
+  }
+
+  std::string_view text_;
+  rapidjson::MemoryStream stream_;
+  Phase phase_ = Phase::start;
+  int depth_ = 0;
+  std::size_t eventStart_ = 0;
+  std::size_t keep_ = 0;
+  std::size_t events_ = 0;
+};
+
+BatchScan scanBatch(std::string_view text) {
+  return BatchScanner(text).scan();
 }
 
 std::uint64_t fnv1a(std::string_view bytes) noexcept {
@@ -152,8 +318,15 @@ std::string safeFileName(std::string_view writeKey) {
 
 // The queue-confined part of Storage: the suite, the index and the open batch file. Every member
 // function runs on the storage queue only.
+//
+// Several writers may share an events directory: two clients of one process, or two processes of
+// one application. Each writes only to a batch file it holds an exclusive flock on, from opening it
+// until it is finished and renamed, so a file has one writer at a time and a crashed writer's lock
+// goes with it. A writer that finds its next file locked moves on to the next number; unlocked
+// unfinished files are a crashed writer's, and are repaired and finished by whoever comes next.
 struct Storage::State {
   std::string writeKey;
+  std::string closingEnd;  // `","writeKey":"<key as a JSON string>"}`
   std::filesystem::path directory;
   std::optional<platform::UserDefaults> suite;
 
@@ -161,7 +334,7 @@ struct Storage::State {
   std::uint64_t index = 0;
   std::string currentPath;  // directory / "<index>-pelora-events"
 
-  // The open current batch, and whether it holds an event yet.
+  // The open current batch (locked by us), and whether it holds an event yet.
   int fd = -1;
   bool hasEvents = false;
 
@@ -191,33 +364,9 @@ struct Storage::State {
   void advanceIndex() { storeIndex(index + 1); }
 
   void closeCurrent() noexcept {
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) ::close(fd);  // releases the lock
     fd = -1;
     hasEvents = false;
-  }
-
-  void adopt(int file, const struct stat& info) noexcept {
-    fd = file;
-    hasEvents = info.st_size > kHeaderSize;
-  }
-
-  // True when the `size` bytes of `file` end with this key's closing text: the batch was finished
-  // but the process stopped before the rename.
-  bool isClosed(int file, off_t size) const {
-    const std::string end = std::string(kWriteKeyKey).append(writeKey).append(kClosingEnd);
-    constexpr std::size_t kLongestTime = 40;
-    const std::size_t length =
-        std::min(kSentAtKey.size() + kLongestTime + end.size(), static_cast<std::size_t>(size));
-    std::string tail(length, '\0');
-    if (::pread(file, tail.data(), length, size - static_cast<off_t>(length)) !=
-        static_cast<ssize_t>(length))
-      return false;
-    if (!std::string_view(tail).ends_with(end)) return false;
-    const std::string_view rest(tail.data(), tail.size() - end.size());
-    const auto start = rest.rfind(kSentAtKey);
-    if (start == std::string_view::npos) return false;
-    const auto time = rest.substr(start + kSentAtKey.size());
-    return !time.empty() && time.find('"') == std::string_view::npos;
   }
 
   // Appends `],"sentAt":"<now>","writeKey":"<key>"}`. On failure the file is cut back to what it
@@ -226,14 +375,8 @@ struct Storage::State {
     struct stat info;
     if (::fstat(file, &info) == 0) {
       std::string closing(kSentAtKey);
-      closing.append(platform::iso8601Now())
-          .append(kWriteKeyKey)
-          .append(writeKey)
-          .append(kClosingEnd);
-      if (writeAll(file, closing)) {
-        ::fdatasync(file);
-        return true;
-      }
+      closing.append(platform::iso8601Now()).append(closingEnd);
+      if (writeAll(file, closing) && ::fdatasync(file) == 0) return true;
       cutBack(file, info.st_size);
     }
     log::message("Event storage " + path + " has some kind of problem.", LogFilterKind::error,
@@ -259,78 +402,145 @@ struct Storage::State {
     log::message(message, LogFilterKind::error, kFinishFunction, __LINE__);
   }
 
-  // Opens the current batch file for appending into `fd` (creating it with the batch header when
-  // `create` is set). A file found already closed is moved to ".temp" and the next index tried.
-  // `info` receives the open file's status.
-  bool openCurrent(bool create, struct stat& info) {
-    for (int attempt = 0; attempt < 4; ++attempt) {
+  // A file named like a batch that is none of ours: kept for a person to look at, out of the way.
+  void setAside(const std::string& path) {
+    if (renameNoReplace(path.c_str(), (path + std::string(kSetAsideExtension)).c_str()) != 0) {
+      ::unlink(path.c_str());
+    }
+    log::message("Event storage " + path + " is not a batch file; set aside.", LogFilterKind::error,
+                 kFinishFunction, __LINE__);
+  }
+
+  enum class Found { open, finished, nothing };
+
+  // Brings an unfinished batch that a crashed writer left (and that we have just locked) into a
+  // state we can append to: a torn event or torn closing text is cut back to the end of the last
+  // whole event. A batch that turns out to be closed is moved to ".temp"; an empty or foreign one
+  // is removed or set aside. `hasEventsOut` tells whether an open one holds an event.
+  Found repair(int file, const std::string& path, off_t size, bool& hasEventsOut) {
+    const auto text = readAll(file, size);
+    if (!text) return Found::nothing;
+    const BatchScan found = scanBatch(*text);
+    switch (found.kind) {
+      case BatchScan::Kind::foreign:
+        setAside(path);
+        return Found::finished;
+      case BatchScan::Kind::closed:
+        if (found.hasEvents) {
+          moveToTemp(path);
+        } else {
+          ::unlink(path.c_str());  // an empty batch would be refused for ever
+        }
+        return Found::finished;
+      case BatchScan::Kind::headerOnly:
+        if (::ftruncate(file, 0) != 0 || !writeAll(file, kBatchHeader) || ::fdatasync(file) != 0)
+          return Found::nothing;
+        hasEventsOut = false;
+        return Found::open;
+      case BatchScan::Kind::open:
+        if (static_cast<off_t>(found.keep) != size &&
+            !cutBack(file, static_cast<off_t>(found.keep)))
+          return Found::nothing;
+        hasEventsOut = found.hasEvents;
+        return Found::open;
+    }
+    return Found::nothing;
+  }
+
+  // Opens the current batch file for appending into `fd`, locked, creating it with the batch
+  // header when `create` is set. A file that another writer holds, or that turns out to be
+  // finished, moves the index on.
+  bool openCurrent(bool create) {
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
       int file = ::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
       if (file < 0) {
         if (errno != ENOENT || !create) return false;
+        // A finished batch of this number exists: a new one would only take another name.
+        if (::access((currentPath + std::string(kTempExtension)).c_str(), F_OK) == 0) {
+          advanceIndex();
+          continue;
+        }
         createDirectory();
-        file = ::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (file < 0) {
-          if (errno == EEXIST) continue;
+        file = ::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (file < 0) return false;
+      }
+      if (!tryLock(file)) {
+        ::close(file);
+        if (!create) return false;  // another writer's current batch: nothing of ours to finish
+        advanceIndex();
+        continue;
+      }
+      struct stat info;
+      if (!stillNamed(file, currentPath, info)) {
+        ::close(file);  // finished or removed by someone else meanwhile: look again
+        continue;
+      }
+      bool holdsEvents = false;
+      if (info.st_size == 0) {
+        if (!create) {
+          ::close(file);
           return false;
         }
-        if (!writeAll(file, kBatchHeader) || ::fstat(file, &info) != 0) {
+        if (!writeAll(file, kBatchHeader) || ::fdatasync(file) != 0) {
           ::close(file);
           ::unlink(currentPath.c_str());
           return false;
         }
         syncDirectory(directory);
-        adopt(file, info);
-        return true;
-      }
-      if (::fstat(file, &info) != 0) {
-        ::close(file);
-        return false;
-      }
-      if (info.st_size < kHeaderSize) {
-        // Stopped between creating the file and writing its header: it holds no event.
-        if (::ftruncate(file, 0) != 0 || !writeAll(file, kBatchHeader) ||
-            ::fstat(file, &info) != 0) {
+      } else {
+        const Found found = repair(file, currentPath, info.st_size, holdsEvents);
+        if (found != Found::open) {
           ::close(file);
-          return false;
+          if (found == Found::nothing) return false;
+          advanceIndex();
+          continue;
         }
-      } else if (info.st_size > kHeaderSize && isClosed(file, info.st_size)) {
-        ::close(file);
-        moveToTemp(currentPath);
-        advanceIndex();
-        continue;
       }
-      adopt(file, info);
+      fd = file;
+      hasEvents = holdsEvents;
       return true;
     }
     return false;
   }
 
   // Closes the current batch, moves it to ".temp" and advances the index. A missing file, or one
-  // holding no event, is left alone: no empty batch, and the index stays.
+  // holding no event, is left alone: no empty batch, and the index stays. The file is renamed
+  // before its lock goes, so that no other writer can take it for an unfinished one.
   void finish() {
-    struct stat info;
-    if (fd < 0 && !openCurrent(false, info)) return;
+    if (fd < 0 && !openCurrent(false)) return;
     if (!hasEvents || !appendClosing(fd, currentPath)) return;
-    closeCurrent();
     moveToTemp(currentPath);
+    closeCurrent();
     advanceIndex();
   }
 
-  // First use on the queue. The stored index holds unless the files are ahead of it: a crash
-  // between the rename and storing the index leaves a ".temp" at the stored index, a lost suite
-  // leaves files above it. Unfinished files below the index (a rename that failed earlier) are
-  // finished now; ones that hold no event are deleted. Tried again while the directory cannot
-  // be listed.
-  void recover() {
-    if (recovered) return;
-    std::uint64_t next = index;
+  // Finishes an unfinished batch that no writer holds (a crashed one's).
+  void finishStale(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
+    if (file < 0) return;
+    struct stat info;
+    if (tryLock(file) && stillNamed(file, path, info)) {
+      bool holdsEvents = false;
+      if (info.st_size == 0) {
+        ::unlink(path.c_str());
+      } else if (repair(file, path, info.st_size, holdsEvents) == Found::open) {
+        if (!holdsEvents) {
+          ::unlink(path.c_str());
+        } else if (appendClosing(file, path)) {
+          moveToTemp(path);
+        }
+      }
+    }
+    ::close(file);
+  }
+
+  // The unfinished batches in the directory other than our own current one, and the number after
+  // the highest one in use. Nothing when the directory cannot be listed.
+  std::optional<std::vector<std::uint64_t>> unfinishedBatches(std::uint64_t& next) const {
     std::vector<std::uint64_t> unfinished;
     std::error_code error;
     std::filesystem::directory_iterator it(directory, error);
-    if (error == std::errc::no_such_file_or_directory) {
-      recovered = true;  // a first run: nothing to recover
-      return;
-    }
+    if (error == std::errc::no_such_file_or_directory) return unfinished;
     for (std::filesystem::directory_iterator end; !error && it != end; it.increment(error)) {
       const auto parsed = parseEventsFileName(it->path().filename().native());
       if (!parsed) continue;
@@ -338,33 +548,28 @@ struct Storage::State {
         next = std::max(next, parsed->index + 1);
       } else {
         next = std::max(next, parsed->index);
-        unfinished.push_back(parsed->index);
+        if (fd < 0 || parsed->index != index) unfinished.push_back(parsed->index);
       }
     }
-    if (error) return;
+    if (error) return std::nullopt;
+    return unfinished;
+  }
+
+  // First use on the queue. The stored index holds unless the files are ahead of it: a crash
+  // between the rename and storing the index leaves a ".temp" at the stored index, a lost suite
+  // leaves files above it. Unfinished files below the index (a crashed writer's, or a rename that
+  // failed earlier) are repaired and finished now; ones that hold no event are deleted. Tried
+  // again while the directory cannot be listed.
+  void recover() {
+    if (recovered) return;
+    std::uint64_t next = index;
+    const auto unfinished = unfinishedBatches(next);
+    if (!unfinished) return;
     recovered = true;
-    for (const std::uint64_t stale : unfinished) {
+    for (const std::uint64_t stale : *unfinished) {
       if (stale < next) finishStale(pathFor(stale));
     }
     if (next != index) storeIndex(next);
-  }
-
-  void finishStale(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
-    if (file < 0) return;
-    struct stat info;
-    if (::fstat(file, &info) != 0) {
-      ::close(file);
-      return;
-    }
-    const bool empty = info.st_size <= kHeaderSize;
-    const bool closed = !empty && (isClosed(file, info.st_size) || appendClosing(file, path));
-    ::close(file);
-    if (empty) {
-      ::unlink(path.c_str());
-    } else if (closed) {
-      moveToTemp(path);
-    }
   }
 
   void append(AppendText appendText, const void* event) {
@@ -380,25 +585,29 @@ struct Storage::State {
     // The open file's own status: cheaper than a path lookup, and a link count of 0 shows that
     // the batch was deleted behind our back (then a new one starts).
     if (fd >= 0 && (::fstat(fd, &info) != 0 || info.st_nlink == 0)) closeCurrent();
-    if (fd < 0 && !openCurrent(true, info)) return;
+    if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return;
     if (info.st_size >= kRollOverSize) {
       finish();
       // When finishing failed the batch stays open and takes the event after all.
-      if (fd < 0 && !openCurrent(true, info)) return;
+      if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return;
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
-    if (!writeAll(fd, buffer.data() + skip, buffer.size() - skip)) {
+    if (!writeAll(fd, buffer.data() + skip, buffer.size() - skip) || ::fdatasync(fd) != 0) {
       // A torn event would spoil the whole batch: cut the file back to where it was.
       if (!cutBack(fd, info.st_size)) closeCurrent();
       return;
     }
     hasEvents = true;
-    ::fdatasync(fd);
   }
 
   std::vector<std::filesystem::path> finishAndList() {
     recover();
     finish();
+    // Batches that crashed writers left behind (or that other clients gave up) go out too.
+    std::uint64_t next = index;
+    if (const auto unfinished = unfinishedBatches(next)) {
+      for (const std::uint64_t stale : *unfinished) finishStale(pathFor(stale));
+    }
     createDirectory();
     std::vector<std::filesystem::path> files;
     std::error_code error;
@@ -432,6 +641,8 @@ Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::P
   }
   const std::string name = detail::safeFileName(writeKey_);
   state_->writeKey = writeKey_;
+  // The key as a JSON string, so that the batch stays JSON whatever the key holds.
+  state_->closingEnd = std::string(kWriteKeyKey).append(toString(writeKey_)).append("}");
   state_->directory = paths.documents / "pelora" / name;
   state_->suite = platform::UserDefaults::open(paths.preferences, std::string(kSuitePrefix) + name);
   std::uint64_t stored = 0;
@@ -503,6 +714,23 @@ std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
       return {};
     }
   });
+}
+
+void BatchClaim::release() noexcept {
+  if (fd_ >= 0) ::close(fd_);  // releases the flock
+  fd_ = -1;
+}
+
+BatchClaim Storage::claim(const std::filesystem::path& file) const {
+  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  struct stat info;
+  // Locked by another uploader, or sent and deleted by one since it was listed.
+  if (!tryLock(fd) || !stillNamed(fd, file, info)) {
+    ::close(fd);
+    return {};
+  }
+  return BatchClaim(fd);
 }
 
 void Storage::remove(const std::filesystem::path& file) {

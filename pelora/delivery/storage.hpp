@@ -22,6 +22,33 @@ namespace pelora {
 
 class Store;
 
+// A finished batch held for one upload: while it lives, no other client or process on the same
+// write key can claim the file, so a batch is never sent by two uploaders at once. Releasing it
+// (or destroying it) lets others see the file again; delete the file first when it was sent.
+class BatchClaim {
+ public:
+  BatchClaim() noexcept = default;
+  ~BatchClaim() { release(); }
+  BatchClaim(BatchClaim&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  BatchClaim& operator=(BatchClaim&& other) noexcept {
+    if (this != &other) {
+      release();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  BatchClaim(const BatchClaim&) = delete;
+  BatchClaim& operator=(const BatchClaim&) = delete;
+
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  void release() noexcept;
+
+ private:
+  friend class Storage;
+  explicit BatchClaim(int fd) noexcept : fd_(fd) {}
+  int fd_ = -1;
+};
+
 class Storage {
  public:
   // The stored items; rawValue() gives each one's suite key.
@@ -53,6 +80,9 @@ class Storage {
   // Deletes a finished batch file. Throws std::filesystem::filesystem_error when that fails
   // (a missing file included). Does not enter the storage queue, so it may run inside sync().
   void remove(const std::filesystem::path& file);
+  // Claims a finished batch file for uploading; an empty claim when another uploader holds it or
+  // it is gone. Does not enter the storage queue.
+  BatchClaim claim(const std::filesystem::path& file) const;
 
   // Runs `block` on the storage queue (on the calling thread) and returns its result.
   template <class F>

@@ -211,12 +211,27 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     }
     EXPECT_LE(s->eventsDirectory().filename().string().size(), 160u);
     directories.insert(s->eventsDirectory());
-    // The batch names the key exactly as given.
-    EXPECT_TRUE(readFile(files[0]).ends_with("\"writeKey\":\"" + key + "\"}")) << key;
+    // The batch names the key exactly as given, as a JSON string.
+    EXPECT_EQ(JSON::parse(readFile(files[0]))["writeKey"], JSON(key)) << key;
     EXPECT_EQ(storage(key)->read<std::string>(Key::userId), "user") << key;
   }
   EXPECT_EQ(directories.size(), cases.size());
   EXPECT_FALSE(fs::exists(root_.path() / "x"));
+}
+
+// Whatever the key holds, every finished batch is JSON; an ordinary key is written as it is.
+TEST_F(StorageTest, WriteKeyIsWrittenIntoTheBatchAsAJSONString) {
+  for (const std::string key :
+       {"write-key", "quote\"d", "back\\slash", "tab\tnew\nline\x1F", "Tự động", "\"}]"}) {
+    auto s = storage(key);
+    s->write(Key::events, event("a"));
+    const Files files = *s->read<Files>(Key::events);
+    ASSERT_EQ(files.size(), 1u) << key;
+    const std::string text = readFile(files[0]);
+    EXPECT_EQ(JSON::parse(text)["writeKey"], JSON(key)) << text;
+    EXPECT_EQ(JSON::parse(text)["batch"], JSON(JSON::List{JSON::with(event("a"))})) << text;
+  }
+  EXPECT_TRUE(readFile(file("0-pelora-events.temp")).ends_with(R"(","writeKey":"write-key"})"));
 }
 
 TEST_F(StorageTest, UnwritableDocumentsLoseEventsQuietlyUntilWritable) {
@@ -300,6 +315,65 @@ TEST_F(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
   EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"b"}));
 }
 
+// A host killed while an event (or the closing text) was being written leaves a torn tail. The
+// next start cuts it back to the end of the last whole event, so that every event acknowledged
+// before it survives and the finished batch is JSON.
+TEST_F(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
+  const std::string c = toString(event("c"));
+  using Case = std::pair<std::string, std::string>;
+  const std::vector<Case> cases = {
+      {"half an event", batchOf({"a", "b"}) + "," + c.substr(0, c.size() / 2)},
+      {"all but its last byte", batchOf({"a", "b"}) + "," + c.substr(0, c.size() - 1)},
+      {"a comma", batchOf({"a", "b"}) + ","},
+      {"closing text", batchOf({"a", "b"}) + R"(],"sentAt":"2024-05-01T08:0)"},
+      {"closing text and more", batchOf({"a", "b"}) + R"(],"sentAt":"x","writeKey":"k"}{)"},
+      {"a number out of range", batchOf({"a", "b"}) + R"(,{"n":1e999})"},
+      {"a control byte", batchOf({"a", "b"}) + ",{\"s\":\"\x1B\"}"},
+      {"a lone surrogate", batchOf({"a", "b"}) + R"(,{"s":"\ude00"})"},
+      {"invalid UTF-8", batchOf({"a", "b"}) + ",{\"s\":\"\xC3(\"}"},
+      {"not an object", batchOf({"a", "b"}) + ",[1]"},
+      {"too deep", batchOf({"a", "b"}) + ",{\"d\":" + std::string(600, '[')},
+  };
+  for (const auto& [what, left] : cases) {
+    SCOPED_TRACE(what);
+    fs::remove_all(root_.path());
+    leave("0-pelora-events", left);
+    auto s = storage();
+    s->write(Key::events, event("d"));
+    EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"a", "b", "d"}));
+    ASSERT_EQ(listed(*s), Names{"0-pelora-events.temp"});
+    EXPECT_EQ(eventsIn(file("0-pelora-events.temp")).listPointer()->size(), 3u);
+  }
+
+  // A torn first event leaves the header alone; a torn header is written again.
+  for (const std::string& left : {kHeader + c.substr(0, 20), kHeader.substr(0, 5)}) {
+    fs::remove_all(root_.path());
+    leave("0-pelora-events", left);
+    storage()->write(Key::events, event("d"));
+    EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"d"})) << left;
+  }
+}
+
+// Unfinished batches below the index are finished at start; torn ones are cut back first, empty
+// ones deleted, and files that are not batches at all set aside rather than sent for ever.
+TEST_F(StorageTest, LeftoverBatchesAreRepairedFinishedOrSetAside) {
+  storeIndex(5);
+  leave("0-pelora-events", batchOf({"a"}) + ",{\"type\":\"tr");
+  leave("1-pelora-events", batchOf({"b"}) + R"(],"sentAt":"2024)");
+  leave("2-pelora-events", R"({ "batch": [],"sentAt":"2024-05-01T08:09:10.123Z","writeKey":"k"})");
+  leave("3-pelora-events", "GIF89a");
+  leave("4-pelora-events.temp", "kept as it is, whatever it holds");
+
+  auto s = storage();
+  EXPECT_EQ(listed(*s),
+            (Names{"0-pelora-events.temp", "1-pelora-events.temp", "4-pelora-events.temp"}));
+  EXPECT_EQ(eventsIn(file("0-pelora-events.temp")), JSON(JSON::List{JSON::with(event("a"))}));
+  EXPECT_EQ(eventsIn(file("1-pelora-events.temp")), JSON(JSON::List{JSON::with(event("b"))}));
+  EXPECT_FALSE(fs::exists(file("2-pelora-events")));
+  EXPECT_EQ(readFile(file("3-pelora-events.unreadable")), "GIF89a");
+  EXPECT_EQ(readFile(file("4-pelora-events.temp")), "kept as it is, whatever it holds");
+}
+
 TEST_F(StorageTest, EarlierUnfinishedBatchesAreFinishedAtStart) {
   storeIndex(3);
   leave("0-pelora-events", kHeader);
@@ -358,6 +432,41 @@ TEST_F(StorageTest, ConcurrentWritersLoseNothing) {
       EXPECT_TRUE(seen.insert(*e["messageId"]->stringPointer()).second);
   }
   EXPECT_EQ(seen.size(), std::size_t{kThreads * kEach});
+}
+
+// Two storages on one write key (a released client and its successor, or two processes of one
+// application) record and finish at once: no batch is shared, corrupted or lost, and neither
+// undoes the other's suite values.
+TEST_F(StorageTest, ConcurrentStoragesOnOneKeyKeepEveryBatchWhole) {
+  std::vector<std::shared_ptr<Storage>> storages = {storage(), storage()};
+  constexpr int kEach = 150;
+  std::vector<std::thread> threads;
+  for (int w = 0; w < 2; ++w) {
+    threads.emplace_back([&, w] {
+      Storage& s = *storages[static_cast<std::size_t>(w)];
+      for (int i = 0; i < kEach; ++i) {
+        s.write(Key::events, event(std::to_string(w) + "-" + std::to_string(i)));
+        if (i % 20 == 19) (void)s.read<Files>(Key::events);
+      }
+      s.write(w == 0 ? Key::userId : Key::anonymousId, std::string("value-") + std::to_string(w));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (auto& s : storages) (void)s->read<Files>(Key::events);
+
+  std::multiset<std::string> seen;
+  for (const auto& entry : fs::directory_iterator(eventsDir())) {
+    const std::string name = entry.path().filename().string();
+    ASSERT_TRUE(name.ends_with(".temp")) << name << " left unfinished";
+    JSON batch;
+    ASSERT_NO_THROW(batch = JSON::parse(readFile(entry.path()))) << name;
+    for (const auto& e : *batch["batch"]->listPointer())
+      seen.insert(*e["messageId"]->stringPointer());
+  }
+  EXPECT_EQ(seen.size(), std::size_t{2 * kEach});
+  EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());
+  EXPECT_EQ(storage()->read<std::string>(Key::userId), "value-0");
+  EXPECT_EQ(storage()->read<std::string>(Key::anonymousId), "value-1");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "pelora/platform/user_defaults.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,6 +63,29 @@ JSON::Map load(const std::filesystem::path& file) {
   return {};
 }
 
+// An exclusive flock on `path` (created when missing) for the life of the object.
+class FileLock {
+ public:
+  explicit FileLock(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    while (fd_ >= 0 && ::flock(fd_, LOCK_EX) != 0) {
+      if (errno != EINTR) {
+        ::close(fd_);
+        fd_ = -1;
+      }
+    }
+  }
+  ~FileLock() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
 bool isSingleFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." &&
          name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
@@ -84,30 +108,39 @@ std::optional<JSON> UserDefaults::get(std::string_view key) const {
 }
 
 void UserDefaults::set(std::string_view key, JSON value) {
-  auto it = values_.find(key);
-  if (it == values_.end()) {
-    values_.emplace(std::string(key), std::move(value));
-  } else {
-    it->second = std::move(value);
-  }
-  dirty_ = true;
+  pending_.insert_or_assign(std::string(key), value);
+  values_.insert_or_assign(std::string(key), std::move(value));
 }
 
 void UserDefaults::remove(std::string_view key) {
   auto it = values_.find(key);
-  if (it == values_.end()) return;
-  values_.erase(it);
-  dirty_ = true;
+  if (it != values_.end()) values_.erase(it);
+  pending_.insert_or_assign(std::string(key), std::nullopt);
 }
 
 bool UserDefaults::synchronize() noexcept {
-  if (!dirty_) return true;
+  if (pending_.empty()) return true;
   try {
-    if (!replaceAtomically(file_, JSON(values_).toString())) return false;
+    std::error_code ignored;
+    std::filesystem::create_directories(file_.parent_path(), ignored);
+    // A hidden lock file beside the suite: the suite file itself is replaced by every write.
+    const std::string lockPath = file_.parent_path() / ("." + file_.filename().native() + ".lock");
+    const FileLock lock(lockPath);
+    if (!lock) return false;
+    JSON::Map merged = load(file_);
+    for (const auto& [key, value] : pending_) {
+      if (value) {
+        merged.insert_or_assign(key, *value);
+      } else if (auto it = merged.find(key); it != merged.end()) {
+        merged.erase(it);
+      }
+    }
+    if (!replaceAtomically(file_, JSON(merged).toString())) return false;
+    values_ = std::move(merged);
+    pending_.clear();
   } catch (const std::exception&) {
     return false;
   }
-  dirty_ = false;
   return true;
 }
 

@@ -1,9 +1,13 @@
 // A user-defaults suite: string keys to JSON values, kept as one JSON object in
-// <preferences>/pelora/<name>.json, read once when opened and replaced atomically on synchronize.
-// Not thread-safe: its owner confines it to one queue (Storage keeps its suite on its own queue).
+// <preferences>/pelora/<name>.json, read when opened and replaced atomically on synchronize.
+// Several suites of one name (two clients, two processes) may write at once: synchronize merges
+// this suite's own changes into what the file holds by then, under an exclusive lock, so that
+// none undoes another's. Not thread-safe: its owner confines it to one queue (Storage keeps its
+// suite on its own queue).
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,9 +30,9 @@ class UserDefaults {
   // Forgets `key` (a missing key is fine).
   void remove(std::string_view key);
 
-  // Writes every value to the file (temp file, fsync, rename, fsync of the directory) when
-  // anything changed since the last successful write. False when writing failed: the values stay
-  // in memory and the next call tries again.
+  // Writes the changes made since the last successful write into the file (temp file, fsync,
+  // rename, fsync of the directory), over what other writers stored meanwhile, and reads their
+  // values back. False when writing failed: the changes stay pending and the next call tries again.
   bool synchronize() noexcept;
 
   // Where the suite lives.
@@ -39,7 +43,8 @@ class UserDefaults {
 
   std::filesystem::path file_;
   JSON::Map values_;
-  bool dirty_ = false;
+  // Changes not yet written: a value, or nothing for a removal.
+  std::map<std::string, std::optional<JSON>, std::less<>> pending_;
 };
 
 }  // namespace pelora::platform

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "tests/support/temp_directory.hpp"
@@ -41,8 +43,31 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossOpens) {
   EXPECT_EQ(suite->get("object"), object);
   EXPECT_EQ(suite->get("null"), JSON());
   EXPECT_EQ(suite->get("gone"), std::nullopt);
-  // The atomic write leaves no temporary file behind.
-  EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "pelora"), fs::directory_iterator()), 1);
+  // The atomic write leaves no temporary file behind, only the suite and its lock.
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(root_ / "pelora"))
+    names.insert(entry.path().filename().string());
+  EXPECT_EQ(names, (std::set<std::string>{"suite.json", ".suite.json.lock"}));
+}
+
+// Two clients (or two processes) with one suite: each one's writes keep the other's values.
+TEST_F(UserDefaultsTest, TwoSuitesOfOneNameKeepEachOthersChanges) {
+  auto first = UserDefaults::open(root_, "suite");
+  auto second = UserDefaults::open(root_, "suite");
+  first->set("pelora.userId", JSON("u1"));
+  first->set("shared", JSON(1));
+  ASSERT_TRUE(first->synchronize());
+  second->set("pelora.anonymousId", JSON("a2"));
+  second->set("shared", JSON(2));
+  ASSERT_TRUE(second->synchronize());
+  first->remove("pelora.userId");
+  ASSERT_TRUE(first->synchronize());
+
+  auto reopened = UserDefaults::open(root_, "suite");
+  EXPECT_EQ(reopened->get("pelora.userId"), std::nullopt);
+  EXPECT_EQ(reopened->get("pelora.anonymousId"), JSON("a2"));
+  EXPECT_EQ(reopened->get("shared"), JSON(2));
+  EXPECT_EQ(first->get("pelora.anonymousId"), JSON("a2"));  // read back at its last write
 }
 
 TEST_F(UserDefaultsTest, CorruptOrForeignContentOpensEmpty) {
