@@ -1,0 +1,115 @@
+// A full disk, for real: a small tmpfs (mounting needs root; the test is skipped otherwise). A
+// client records until the disk is full, space is freed, and it records more. Events that found
+// no room are lost, but every event that reached the disk must arrive, no batch may be corrupt,
+// and recording must work again once there is room.
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/pelora.hpp"
+#include "tests/support/temp_directory.hpp"
+#include "tests/support/waiting.hpp"
+#include "tools/collector/collector.hpp"
+
+namespace pelora {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SmallFileSystem {
+ public:
+  SmallFileSystem(const fs::path& where, const char* size) : path_(where) {
+    fs::create_directories(path_);
+    const std::string options = std::string("size=") + size;
+    if (::mount("tmpfs", path_.c_str(), "tmpfs", 0, options.c_str()) != 0) {
+      error_ = std::strerror(errno);
+    }
+  }
+  ~SmallFileSystem() {
+    if (error_.empty()) ::umount2(path_.c_str(), MNT_DETACH);
+  }
+  SmallFileSystem(const SmallFileSystem&) = delete;
+  SmallFileSystem& operator=(const SmallFileSystem&) = delete;
+  const std::string& error() const { return error_; }
+
+ private:
+  fs::path path_;
+  std::string error_;
+};
+
+// The ids ("<phase>-<n>") of the events in every batch file under `documents`, finished or not.
+std::multiset<std::string> storedIds(const fs::path& documents) {
+  std::multiset<std::string> ids;
+  constexpr std::string_view key = R"("id":")";
+  for (const auto& entry : fs::recursive_directory_iterator(documents)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    for (auto at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
+      const auto start = at + key.size();
+      ids.insert(text.substr(start, text.find('"', start) - start));
+    }
+  }
+  return ids;
+}
+
+TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  test::TempDirectory root;
+  const fs::path small = root.path() / "small";
+  SmallFileSystem fileSystem(small, "1m");
+  if (!fileSystem.error().empty()) GTEST_SKIP() << "cannot mount a tmpfs: " << fileSystem.error();
+
+  // Room to free later.
+  std::ofstream(small / "ballast", std::ios::binary) << std::string(200'000, 'b');
+  collector::Collector collector;
+  auto configuration = std::make_shared<Configuration>("disk-full-key", std::nullopt, false);
+  configuration->flushAt(1'000'000)
+      .flushInterval(3600)
+      .paths({small / "Documents", small / "config"})
+      .connectTo({collector.connectTo(productionTrackingHost)})
+      .caBundle(collector.certificates().caFile);
+  auto analytics = PeloraAnalytics::create(configuration);
+  const std::string pad(2'000, 'p');
+  for (int i = 0; i < 600; ++i) {  // 1.2 MB of events: the disk fills on the way
+    analytics->trackBash("Full", Dictionary{{"id", "1-" + std::to_string(i)}, {"pad", pad}});
+  }
+  const auto storedWhileFull = storedIds(small / "Documents");
+  ASSERT_GT(storedWhileFull.size(), 100u);
+  ASSERT_LT(storedWhileFull.size(), 600u) << "the disk never filled";
+  EXPECT_EQ(std::set<std::string>(storedWhileFull.begin(), storedWhileFull.end()).size(),
+            storedWhileFull.size());
+
+  fs::remove(small / "ballast");
+  for (int i = 0; i < 50; ++i) {
+    analytics->trackBash("Room again", Dictionary{{"id", "2-" + std::to_string(i)}, {"pad", pad}});
+  }
+  ASSERT_TRUE(test::eventually(
+      [&] {
+        analytics->flush();
+        return !analytics->hasUnsentEvents();
+      },
+      std::chrono::seconds(60)));
+
+  std::map<std::string, int> arrivals;
+  for (const auto& event : collector.events())
+    ++arrivals[event.properties->value<std::string>("id").value_or("?")];
+  for (const auto& id : storedWhileFull) EXPECT_EQ(arrivals[id], 1) << id;
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(arrivals["2-" + std::to_string(i)], 1) << i;
+  EXPECT_EQ(arrivals.size(), storedWhileFull.size() + 50);
+  EXPECT_EQ(collector.counts().rejected, 0u);
+}
+
+}  // namespace
+}  // namespace pelora
