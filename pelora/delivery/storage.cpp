@@ -29,7 +29,6 @@ constexpr std::string_view kSetAsideExtension = ".unreadable";
 constexpr std::string_view kBatchHeader = "{ \"batch\": [";
 constexpr std::string_view kSentAtKey = "],\"sentAt\":\"";
 constexpr std::string_view kWriteKeyKey = "\",\"writeKey\":";
-constexpr off_t kHeaderSize = static_cast<off_t>(kBatchHeader.size());
 constexpr off_t kRollOverSize = 475'000;
 constexpr std::string_view kFinishFunction = "finish(file:)";
 // Tries at finding a batch file of our own before giving up on one event.
