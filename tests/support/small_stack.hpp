@@ -10,8 +10,8 @@
 
 namespace pelora::test {
 
-// 512 KiB; AddressSanitizer's red zones make every frame several times larger.
-#if defined(__SANITIZE_ADDRESS__)
+// 512 KiB; the sanitizers' instrumentation makes every frame several times larger.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr std::size_t smallStackBytes = 4 * 512 * 1024;
 #else
 inline constexpr std::size_t smallStackBytes = 512 * 1024;
