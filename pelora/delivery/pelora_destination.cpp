@@ -119,30 +119,36 @@ void PeloraDestination::flush() {
       log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
       return;
     }
+    // Another client of this write key, here or in another process, may be uploading the same
+    // files: one uploader at a time. It holds the claim until its sent files are deleted, so the
+    // files still here once the claim is ours are the ones to send.
+    uploadClaim_ = storage->claimUploads();
+    if (!uploadClaim_) {
+      log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
+      return;
+    }
     for (const auto& file : *files) {
-      // Another client or process on this write key may be sending it, or one of ours may have
-      // sent and deleted it since it was listed: the claim tells.
-      auto claim = std::make_shared<BatchClaim>(storage->claim(file));
-      if (!*claim) continue;
+      std::error_code error;
+      if (!std::filesystem::exists(file, error) && !error) continue;
       log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
       UploadTaskInfo info{file, nullptr, {}};
       auto mark = std::make_shared<HandledWhenDropped>(HandledWhenDropped{info.handled});
-      info.task = http->startBatchUpload(
-          writeKey, file, [weak, file, mark, claim](const HTTPResult& result) {
+      info.task =
+          http->startBatchUpload(writeKey, file, [weak, file, mark](const HTTPResult& result) {
             if (auto self = weak.lock()) {
-              self->uploadFinished(file, result.succeeded(), *claim, *mark->handled);
+              self->uploadFinished(file, result.succeeded(), *mark->handled);
             }
-            claim->release();
           });
       if (info.task) uploads_.push_back(std::move(info));
     }
+    if (uploads_.empty()) uploadClaim_.release();
   });
 }
 
 // Runs on the HTTP session's worker; it hops to the storage queue and the uploads queue in turn,
 // never holding one while waiting for the other.
 void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded,
-                                       BatchClaim& claim, std::atomic<bool>& handled) {
+                                       std::atomic<bool>& handled) {
   auto client = analytics();
   std::shared_ptr<Storage> storage;
   {
@@ -159,13 +165,9 @@ void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool s
         }
       });
     }
-    // Released before the entry counts as done, so that the next flush can claim the file again;
-    // a sent file is deleted first, so that nobody else can claim it and send it twice.
-    claim.release();
     handled = true;
     cleanupOnUploadsQueue();
   } else {
-    claim.release();
     handled = true;
     if (client) client->logFlush();
   }
@@ -191,6 +193,8 @@ void PeloraDestination::cleanupUploads() {
   for (auto& info : removed) {
     if (info.cleanup) info.cleanup();
   }
+  // Every upload of the last flush has dealt with its file: others may upload now.
+  if (uploads_.empty()) uploadClaim_.release();
   if (analytics()) {
     log("Cleaned up " + std::to_string(removed.size()) + " non-running uploads.",
         "cleanupUploads()", __LINE__);

@@ -16,14 +16,13 @@
 
 #include "pelora/client/plugin.hpp"
 #include "pelora/delivery/concurrency.hpp"
+#include "pelora/delivery/storage.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/http_session.hpp"
 
 namespace pelora {
 
-class BatchClaim;
 class HTTPClient;
-class Storage;
 
 class PeloraDestination : public DestinationPlugin,
                           public VersionedPlugin,
@@ -69,12 +68,13 @@ class PeloraDestination : public DestinationPlugin,
   // Only on uploadsQueue_.
   void cleanupUploads();
   void cleanupOnUploadsQueue();
-  void uploadFinished(const std::filesystem::path& file, bool succeeded, BatchClaim& claim,
+  void uploadFinished(const std::filesystem::path& file, bool succeeded,
                       std::atomic<bool>& handled);
   void log(const std::string& message, const char* function, int line) const;
 
   const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
   std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
+  UploadClaim uploadClaim_;              // held while uploads_ is not empty; on uploadsQueue_
   Atomic<std::int64_t> eventCount_{0};
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace

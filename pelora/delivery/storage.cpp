@@ -715,21 +715,22 @@ std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
   });
 }
 
-void BatchClaim::release() noexcept {
+void UploadClaim::release() noexcept {
   if (fd_ >= 0) ::close(fd_);  // releases the flock
   fd_ = -1;
 }
 
-BatchClaim Storage::claim(const std::filesystem::path& file) const {
-  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+UploadClaim Storage::claimUploads() const {
+  state_->createDirectory();
+  // A hidden file: listings skip it and it never looks like a batch.
+  const std::string path = state_->directory / ".uploads.lock";
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return {};
-  struct stat info;
-  // Locked by another uploader, or sent and deleted by one since it was listed.
-  if (!tryLock(fd) || !stillNamed(fd, file, info)) {
+  if (!tryLock(fd)) {
     ::close(fd);
     return {};
   }
-  return BatchClaim(fd);
+  return UploadClaim(fd);
 }
 
 void Storage::remove(const std::filesystem::path& file) {

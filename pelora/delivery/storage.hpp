@@ -22,30 +22,31 @@ namespace pelora {
 
 class Store;
 
-// A finished batch held for one upload: while it lives, no other client or process on the same
-// write key can claim the file, so a batch is never sent by two uploaders at once. Releasing it
-// (or destroying it) lets others see the file again; delete the file first when it was sent.
-class BatchClaim {
+// The right to upload a write key's finished batches: while one uploader (a client of this
+// process or of another) holds it, no other one sends any, so no batch goes out twice at once.
+// Hold it from before checking which listed files still exist until every upload it started has
+// deleted its sent file. Releasing it (or destroying it) lets others upload.
+class UploadClaim {
  public:
-  BatchClaim() noexcept = default;
-  ~BatchClaim() { release(); }
-  BatchClaim(BatchClaim&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  BatchClaim& operator=(BatchClaim&& other) noexcept {
+  UploadClaim() noexcept = default;
+  ~UploadClaim() { release(); }
+  UploadClaim(UploadClaim&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UploadClaim& operator=(UploadClaim&& other) noexcept {
     if (this != &other) {
       release();
       fd_ = std::exchange(other.fd_, -1);
     }
     return *this;
   }
-  BatchClaim(const BatchClaim&) = delete;
-  BatchClaim& operator=(const BatchClaim&) = delete;
+  UploadClaim(const UploadClaim&) = delete;
+  UploadClaim& operator=(const UploadClaim&) = delete;
 
   explicit operator bool() const noexcept { return fd_ >= 0; }
   void release() noexcept;
 
  private:
   friend class Storage;
-  explicit BatchClaim(int fd) noexcept : fd_(fd) {}
+  explicit UploadClaim(int fd) noexcept : fd_(fd) {}
   int fd_ = -1;
 };
 
@@ -80,9 +81,9 @@ class Storage {
   // Deletes a finished batch file. Throws std::filesystem::filesystem_error when that fails
   // (a missing file included). Does not enter the storage queue, so it may run inside sync().
   void remove(const std::filesystem::path& file);
-  // Claims a finished batch file for uploading; an empty claim when another uploader holds it or
-  // it is gone. Does not enter the storage queue.
-  BatchClaim claim(const std::filesystem::path& file) const;
+  // Claims the right to upload (see UploadClaim); an empty claim while another uploader holds
+  // it. Does not enter the storage queue.
+  UploadClaim claimUploads() const;
 
   // Runs `block` on the storage queue (on the calling thread) and returns its result.
   template <class F>
