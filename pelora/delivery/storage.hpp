@@ -2,6 +2,8 @@
 // suite "com.pelora.storage.<write key>"; events are appended to numbered batch files under
 // <documents>/pelora/<write key>/. Callable from any thread except the storage's own queue: every
 // file and suite access runs on that serial queue, which owns the open batch file and the suite.
+// Other storages on the same key (in this process or another) may share the directory: each
+// writes only to a batch it holds an flock on, and repairs and finishes what crashed ones left.
 #pragma once
 
 #include <filesystem>
