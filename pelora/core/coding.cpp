@@ -369,6 +369,10 @@ JSON JSON::parse(std::string_view text) {
   constexpr unsigned flags =
       rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag;
   rapidjson::ParseResult result = reader.Parse<flags>(stream, builder);
+  // RapidJSON takes a NUL byte for the end of its input, so text after one would go unread.
+  if (!result.IsError() && stream.Tell() != text.size()) {
+    result.Set(rapidjson::kParseErrorDocumentRootNotSingular, stream.Tell());
+  }
   if (result.IsError()) {
     std::string what = "Malformed JSON at byte " + std::to_string(result.Offset()) + ": ";
     what += builder.error().empty() ? rapidjson::GetParseError_En(result.Code()) : builder.error();

@@ -92,10 +92,13 @@ TEST(JSONText, ParsesEveryCaseWithExactNumbers) {
 
 TEST(JSONText, MalformedTextOutOfRangeNumbersAndDeepNestingAreRejected) {
   struct Case {
-    const char* text;
+    std::string_view text;
     std::size_t offset;
   };
-  for (const Case& c : {Case{R"({"a" 1})", 5}, Case{"[1] x", 4}, Case{"\"\xC3\x28\"", 1}}) {
+  // A NUL byte does not end the text: what follows it is read too.
+  for (const Case& c :
+       {Case{R"({"a" 1})", 5}, Case{"[1] x", 4}, Case{"\"\xC3\x28\"", 1},
+        Case{std::string_view("[1] \0x", 6), 4}, Case{std::string_view("{}\0", 3), 2}}) {
     auto error = thrown<DecodingError>([&] { JSON::parse(c.text); });
     ASSERT_TRUE(error) << "accepted: " << c.text;
     EXPECT_EQ(error->kind(), DecodingError::Kind::dataCorrupted) << c.text;

@@ -15,6 +15,16 @@ struct HandledWhenDropped {
   ~HandledWhenDropped() { *handled = true; }
 };
 
+// Deletes a sent batch on the storage queue; one already gone has nothing left to send.
+void removeSent(Storage& storage, const std::filesystem::path& file) {
+  storage.sync([&] {
+    try {
+      storage.remove(file);
+    } catch (const std::exception&) {
+    }
+  });
+}
+
 bool isInFlight(const PeloraDestination::UploadTaskInfo& info) {
   return info.task &&
          (info.task->state() == platform::HttpTask::State::running || !info.handled->load());
@@ -122,32 +132,39 @@ void PeloraDestination::flush() {
     // Another client of this write key, here or in another process, may be uploading the same
     // files: one uploader at a time. It holds the claim until its sent files are deleted, so the
     // files still here once the claim is ours are the ones to send.
-    uploadClaim_ = storage->claimUploads();
-    if (!uploadClaim_) {
+    auto claim = std::make_shared<UploadClaim>(storage->claimUploads());
+    if (!*claim) {
       log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
       return;
     }
+    uploadClaim_ = claim;
     for (const auto& file : *files) {
       std::error_code error;
       if (!std::filesystem::exists(file, error) && !error) continue;
       log("Processing Batch:\n" + file.filename().string(), "flush()", __LINE__);
       UploadTaskInfo info{file, nullptr, {}};
       auto mark = std::make_shared<HandledWhenDropped>(HandledWhenDropped{info.handled});
-      info.task =
-          http->startBatchUpload(writeKey, file, [weak, file, mark](const HTTPResult& result) {
+      // Each upload holds the claim too, until its file is dealt with, should the destination go
+      // away meanwhile.
+      info.task = http->startBatchUpload(
+          writeKey, file, [weak, storage, file, mark, claim](const HTTPResult& result) mutable {
             if (auto self = weak.lock()) {
-              self->uploadFinished(file, result.succeeded(), *mark->handled);
+              self->uploadFinished(file, result.succeeded(), claim, *mark->handled);
+            } else if (result.succeeded()) {
+              removeSent(*storage, file);
             }
+            claim.reset();
           });
       if (info.task) uploads_.push_back(std::move(info));
     }
-    if (uploads_.empty()) uploadClaim_.release();
+    if (uploads_.empty()) uploadClaim_.reset();
   });
 }
 
 // Runs on the HTTP session's worker; it hops to the storage queue and the uploads queue in turn,
 // never holding one while waiting for the other.
 void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool succeeded,
+                                       std::shared_ptr<UploadClaim>& claim,
                                        std::atomic<bool>& handled) {
   auto client = analytics();
   std::shared_ptr<Storage> storage;
@@ -156,18 +173,12 @@ void PeloraDestination::uploadFinished(const std::filesystem::path& file, bool s
     storage = storage_;
   }
   if (succeeded) {
-    if (storage) {
-      storage->sync([&] {
-        try {
-          storage->remove(file);
-        } catch (const std::exception&) {
-          // Already gone: nothing left to send.
-        }
-      });
-    }
+    if (storage) removeSent(*storage, file);
+    claim.reset();  // the last one goes with the cleanup that empties the upload list
     handled = true;
     cleanupOnUploadsQueue();
   } else {
+    claim.reset();
     handled = true;
     if (client) client->logFlush();
   }
@@ -194,7 +205,7 @@ void PeloraDestination::cleanupUploads() {
     if (info.cleanup) info.cleanup();
   }
   // Every upload of the last flush has dealt with its file: others may upload now.
-  if (uploads_.empty()) uploadClaim_.release();
+  if (uploads_.empty()) uploadClaim_.reset();
   if (analytics()) {
     log("Cleaned up " + std::to_string(removed.size()) + " non-running uploads.",
         "cleanupUploads()", __LINE__);

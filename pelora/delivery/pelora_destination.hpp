@@ -69,12 +69,13 @@ class PeloraDestination : public DestinationPlugin,
   void cleanupUploads();
   void cleanupOnUploadsQueue();
   void uploadFinished(const std::filesystem::path& file, bool succeeded,
-                      std::atomic<bool>& handled);
+                      std::shared_ptr<UploadClaim>& claim, std::atomic<bool>& handled);
   void log(const std::string& message, const char* function, int line) const;
 
   const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
   std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
-  UploadClaim uploadClaim_;              // held while uploads_ is not empty; on uploadsQueue_
+  // Held while uploads_ is not empty (and by each upload until it has dealt with its file).
+  std::shared_ptr<UploadClaim> uploadClaim_;  // on uploadsQueue_
   Atomic<std::int64_t> eventCount_{0};
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace

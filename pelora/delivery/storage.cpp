@@ -115,6 +115,33 @@ bool tryLock(int fd) noexcept {
   return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
+// An open descriptor (and the flock on it, if any) that is closed however the scope is left.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) noexcept : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = other.release();
+    }
+    return *this;
+  }
+  int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  int release() noexcept { return std::exchange(fd_, -1); }
+  void reset() noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
 // Whether `path` still names the file open as `fd` (someone may have renamed or deleted it
 // between our open and our lock); `info` receives the open file's status.
 bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept {
@@ -157,7 +184,9 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
     constexpr unsigned flags = rapidjson::kParseIterativeFlag |
                                rapidjson::kParseValidateEncodingFlag |
                                rapidjson::kParseNumbersAsStringsFlag;
-    const bool parsed = !reader.Parse<flags>(stream_, *this).IsError();
+    // RapidJSON takes a NUL byte for the end of its input: whatever follows must be checked too.
+    const bool parsed =
+        !reader.Parse<flags>(stream_, *this).IsError() && stream_.Tell() == text_.size();
     result.hasEvents = events_ > 0;
     result.kind = parsed && phase_ == Phase::done ? BatchScan::Kind::closed : BatchScan::Kind::open;
     result.keep = keep_;
@@ -236,8 +265,8 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
   bool endEvent(std::size_t end) {
     try {
       (void)JSON::parse(text_.substr(eventStart_, end - eventStart_));
-    } catch (const std::exception&) {
-      return false;
+    } catch (const DecodingError&) {
+      return false;  // anything else (out of memory) must not pass for a torn event
     }
     keep_ = end;
     ++events_;
@@ -368,19 +397,23 @@ struct Storage::State {
     hasEvents = false;
   }
 
+  enum class Closing { written, notWritten, torn };
+
   // Appends `],"sentAt":"<now>","writeKey":"<key>"}`. On failure the file is cut back to what it
-  // was, so a later finish can try again, and the batch is reported.
-  bool appendClosing(int file, const std::string& path) {
+  // was, so a later finish can try again, and the batch is reported. `torn` when even the cut
+  // failed: then nothing may be appended to this descriptor (recovery cuts the tail on reopening).
+  Closing appendClosing(int file, const std::string& path) {
+    Closing result = Closing::notWritten;
     struct stat info;
     if (::fstat(file, &info) == 0) {
       std::string closing(kSentAtKey);
       closing.append(platform::iso8601Now()).append(closingEnd);
-      if (writeAll(file, closing) && ::fdatasync(file) == 0) return true;
-      cutBack(file, info.st_size);
+      if (writeAll(file, closing) && ::fdatasync(file) == 0) return Closing::written;
+      if (!cutBack(file, info.st_size)) result = Closing::torn;
     }
     log::message("Event storage " + path + " has some kind of problem.", LogFilterKind::error,
                  kFinishFunction, __LINE__);
-    return false;
+    return result;
   }
 
   // Moves a closed batch to its ".temp" name, never over an existing one (which a crash or a
@@ -402,12 +435,17 @@ struct Storage::State {
   }
 
   // A file named like a batch that is none of ours: kept for a person to look at, out of the way.
+  // When no name is free it stays where it is, and writers pass it by.
   void setAside(const std::string& path) {
-    if (renameNoReplace(path.c_str(), (path + std::string(kSetAsideExtension)).c_str()) != 0) {
-      ::unlink(path.c_str());
+    int error = renameNoReplace(path.c_str(), (path + std::string(kSetAsideExtension)).c_str());
+    for (int n = 1; error == EEXIST && n < 100; ++n) {
+      const std::string alternative =
+          path + "." + std::to_string(n) + std::string(kSetAsideExtension);
+      error = renameNoReplace(path.c_str(), alternative.c_str());
     }
-    log::message("Event storage " + path + " is not a batch file; set aside.", LogFilterKind::error,
-                 kFinishFunction, __LINE__);
+    log::message("Event storage " + path + " is not a batch file; " +
+                     (error == 0 ? "set aside." : "left in place."),
+                 LogFilterKind::error, kFinishFunction, __LINE__);
   }
 
   enum class Found { open, finished, nothing };
@@ -424,13 +462,18 @@ struct Storage::State {
       case BatchScan::Kind::foreign:
         setAside(path);
         return Found::finished;
-      case BatchScan::Kind::closed:
-        if (found.hasEvents) {
+      case BatchScan::Kind::closed: {
+        struct stat info;
+        const bool alsoFinished = ::fstat(file, &info) == 0 && info.st_nlink > 1;
+        if (found.hasEvents && !alsoFinished) {
           moveToTemp(path);
         } else {
-          ::unlink(path.c_str());  // an empty batch would be refused for ever
+          // Empty (it would be refused for ever), or already linked under its finished name by
+          // a rename that stopped half way.
+          ::unlink(path.c_str());
         }
         return Found::finished;
+      }
       case BatchScan::Kind::headerOnly:
         if (::ftruncate(file, 0) != 0 || !writeAll(file, kBatchHeader) || ::fdatasync(file) != 0)
           return Found::nothing;
@@ -451,8 +494,8 @@ struct Storage::State {
   // finished, moves the index on.
   bool openCurrent(bool create) {
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      int file = ::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
-      if (file < 0) {
+      UniqueFd file(::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+      if (!file) {
         if (errno != ENOENT || !create) return false;
         // A finished batch of this number exists: a new one would only take another name.
         if (::access((currentPath + std::string(kTempExtension)).c_str(), F_OK) == 0) {
@@ -460,42 +503,34 @@ struct Storage::State {
           continue;
         }
         createDirectory();
-        file = ::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (file < 0) return false;
+        file = UniqueFd(::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+        if (!file) return false;
       }
-      if (!tryLock(file)) {
-        ::close(file);
+      if (!tryLock(file.get())) {
         if (!create) return false;  // another writer's current batch: nothing of ours to finish
         advanceIndex();
         continue;
       }
       struct stat info;
-      if (!stillNamed(file, currentPath, info)) {
-        ::close(file);  // finished or removed by someone else meanwhile: look again
-        continue;
-      }
+      if (!stillNamed(file.get(), currentPath, info)) continue;  // finished or removed meanwhile
       bool holdsEvents = false;
       if (info.st_size == 0) {
-        if (!create) {
-          ::close(file);
-          return false;
-        }
-        if (!writeAll(file, kBatchHeader) || ::fdatasync(file) != 0) {
-          ::close(file);
+        if (!create) return false;
+        if (!writeAll(file.get(), kBatchHeader) || ::fdatasync(file.get()) != 0) {
+          // Removed while still locked, so that no other writer takes a file with half a header.
           ::unlink(currentPath.c_str());
           return false;
         }
         syncDirectory(directory);
       } else {
-        const Found found = repair(file, currentPath, info.st_size, holdsEvents);
-        if (found != Found::open) {
-          ::close(file);
-          if (found == Found::nothing) return false;
+        const Found found = repair(file.get(), currentPath, info.st_size, holdsEvents);
+        if (found == Found::nothing) return false;
+        if (found == Found::finished) {
           advanceIndex();
           continue;
         }
       }
-      fd = file;
+      fd = file.release();
       hasEvents = holdsEvents;
       return true;
     }
@@ -507,7 +542,24 @@ struct Storage::State {
   // before its lock goes, so that no other writer can take it for an unfinished one.
   void finish() {
     if (fd < 0 && !openCurrent(false)) return;
-    if (!hasEvents || !appendClosing(fd, currentPath)) return;
+    if (!hasEvents) return;
+    struct stat info;
+    if (!stillNamed(fd, currentPath, info) && ::access(currentPath.c_str(), F_OK) == 0) {
+      // Deleted behind our back and the name taken by another writer since: that batch is not
+      // ours to finish (ours went with the deletion).
+      closeCurrent();
+      advanceIndex();
+      return;
+    }
+    switch (appendClosing(fd, currentPath)) {
+      case Closing::written:
+        break;
+      case Closing::notWritten:
+        return;
+      case Closing::torn:
+        closeCurrent();
+        return;
+    }
     moveToTemp(currentPath);
     closeCurrent();
     advanceIndex();
@@ -515,22 +567,19 @@ struct Storage::State {
 
   // Finishes an unfinished batch that no writer holds (a crashed one's).
   void finishStale(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
-    if (file < 0) return;
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
     struct stat info;
-    if (tryLock(file) && stillNamed(file, path, info)) {
-      bool holdsEvents = false;
-      if (info.st_size == 0) {
+    if (!file || !tryLock(file.get()) || !stillNamed(file.get(), path, info)) return;
+    bool holdsEvents = false;
+    if (info.st_size == 0) {
+      ::unlink(path.c_str());
+    } else if (repair(file.get(), path, info.st_size, holdsEvents) == Found::open) {
+      if (!holdsEvents) {
         ::unlink(path.c_str());
-      } else if (repair(file, path, info.st_size, holdsEvents) == Found::open) {
-        if (!holdsEvents) {
-          ::unlink(path.c_str());
-        } else if (appendClosing(file, path)) {
-          moveToTemp(path);
-        }
+      } else if (appendClosing(file.get(), path) == Closing::written) {
+        moveToTemp(path);
       }
     }
-    ::close(file);
   }
 
   // The unfinished batches in the directory other than our own current one, and the number after

@@ -1,8 +1,11 @@
 #include "pelora/delivery/storage.hpp"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <fstream>
@@ -333,6 +336,10 @@ TEST_F(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
       {"invalid UTF-8", batchOf({"a", "b"}) + ",{\"s\":\"\xC3(\"}"},
       {"not an object", batchOf({"a", "b"}) + ",[1]"},
       {"too deep", batchOf({"a", "b"}) + ",{\"d\":" + std::string(600, '[')},
+      {"closing text, a NUL and more",
+       batchOf({"a", "b"}) + R"(],"sentAt":"x","writeKey":"k"})" + std::string("\0{}", 3)},
+      // Nothing after a refused event is kept: only a crash in the last write can tear a batch.
+      {"whole events after a refused one", batchOf({"a", "b"}) + ",{\"n\":1e999}," + c},
   };
   for (const auto& [what, left] : cases) {
     SCOPED_TRACE(what);
@@ -352,6 +359,32 @@ TEST_F(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
     storage()->write(Key::events, event("d"));
     EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"d"})) << left;
   }
+}
+
+// Every writer holds an flock on the batch it appends to; a locked batch belongs to a live writer
+// (another client or process) and is neither written to nor finished by anyone else.
+TEST_F(StorageTest, LockedBatchesBelongToTheirWriter) {
+  leave("0-pelora-events", batchOf({"theirs"}));
+  const int theirs = ::open(file("0-pelora-events").c_str(), O_RDWR);
+  ASSERT_EQ(::flock(theirs, LOCK_EX | LOCK_NB), 0);
+  auto s = storage();
+  s->write(Key::events, event("mine"));
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"theirs"}));
+  EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"mine"}));
+  EXPECT_EQ(listed(*s), Names{"1-pelora-events.temp"});
+  EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"theirs"}));
+
+  // Their writer crashed: the lock went with it, and the next listing finishes their batch.
+  ::close(theirs);
+  EXPECT_EQ(listed(*s), (Names{"0-pelora-events.temp", "1-pelora-events.temp"}));
+  EXPECT_EQ(eventsIn(file("0-pelora-events.temp")), JSON(JSON::List{JSON::with(event("theirs"))}));
+
+  // One uploader at a time, whichever storage it came from.
+  auto first = s->claimUploads();
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(storage()->claimUploads());
+  first.release();
+  EXPECT_TRUE(storage()->claimUploads());
 }
 
 // Unfinished batches below the index are finished at start; torn ones are cut back first, empty

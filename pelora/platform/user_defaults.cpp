@@ -49,18 +49,36 @@ bool replaceAtomically(const std::filesystem::path& file, std::string_view text)
   return true;
 }
 
-JSON::Map load(const std::filesystem::path& file) {
+// What the suite file holds. `map` is empty when the file is missing, not JSON or not an object;
+// `readable` is false when reading failed (an I/O error: better not written over).
+struct Contents {
+  bool readable = true;
+  std::optional<JSON::Map> map;
+};
+
+Contents read(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) {
+    std::error_code error;
+    return {!std::filesystem::exists(file, error) && !error, std::nullopt};
+  }
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  if (in.bad()) return {false, std::nullopt};
   try {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) return {};
-    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (in.bad()) return {};
     JSON json = JSON::parse(text);
-    if (const auto* map = json.mapPointer()) return *map;
-  } catch (const std::exception&) {
+    if (const auto* map = json.mapPointer()) return {true, *map};
+  } catch (const DecodingError&) {
     // Corrupt content: the suite starts over rather than failing its owner.
   }
   return {};
+}
+
+JSON::Map load(const std::filesystem::path& file) {
+  try {
+    return read(file).map.value_or(JSON::Map{});
+  } catch (const std::exception&) {
+    return {};
+  }
 }
 
 // An exclusive flock on `path` (created when missing) for the life of the object.
@@ -127,7 +145,11 @@ bool UserDefaults::synchronize() noexcept {
     const std::string lockPath = file_.parent_path() / ("." + file_.filename().native() + ".lock");
     const FileLock lock(lockPath);
     if (!lock) return false;
-    JSON::Map merged = load(file_);
+    // Another writer's values are read first, so that this one's changes go on top of them. A
+    // missing or corrupt file holds none: this suite's own values go back in.
+    Contents current = read(file_);
+    if (!current.readable) return false;
+    JSON::Map merged = current.map ? std::move(*current.map) : values_;
     for (const auto& [key, value] : pending_) {
       if (value) {
         merged.insert_or_assign(key, *value);

@@ -68,6 +68,14 @@ TEST_F(UserDefaultsTest, TwoSuitesOfOneNameKeepEachOthersChanges) {
   EXPECT_EQ(reopened->get("pelora.anonymousId"), JSON("a2"));
   EXPECT_EQ(reopened->get("shared"), JSON(2));
   EXPECT_EQ(first->get("pelora.anonymousId"), JSON("a2"));  // read back at its last write
+
+  // A suite file that is no longer JSON is written over with this suite's own values.
+  writeFile(file(), "{\"pelora.anonymousId\": ");
+  first->set("late", JSON(true));
+  ASSERT_TRUE(first->synchronize());
+  reopened = UserDefaults::open(root_, "suite");
+  EXPECT_EQ(reopened->get("late"), JSON(true));
+  EXPECT_EQ(reopened->get("pelora.anonymousId"), JSON("a2"));
 }
 
 TEST_F(UserDefaultsTest, CorruptOrForeignContentOpensEmpty) {

@@ -1,9 +1,9 @@
 // Crash trials: hosts (pelora_crash_host) record events into one data directory and are killed
 // with SIGKILL at random instants, one or two at a time, then restarted on the same directories.
 // At the end a client delivers what is left. Every event that a host acknowledged must have
-// reached the collector; an event may arrive twice only inside a whole batch sent again because
-// the kill took the answer to its first upload; every finished batch on disk must parse, and the
-// collector must have refused nothing.
+// reached the collector; an event may arrive twice only inside a whole batch sent again after a
+// kill took the answer to its first upload (the same batch, accepted around a kill and again
+// after it); every finished batch on disk must parse, and the collector must have refused nothing.
 //
 // usage: pelora_crash_trials --host PATH [--trials N] [--seed N] [--max-kill-ms N]
 // Prints one summary line and exits 0 when nothing was lost, duplicated without cause or corrupt.
@@ -29,6 +29,7 @@
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
+#include "pelora/platform/clock.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tools/collector/collector.hpp"
 
@@ -155,6 +156,7 @@ int main(int argc, char** argv) {
   pelora::collector::Collector collector(collectorOptions);
 
   std::set<std::string> acknowledged;
+  std::vector<std::chrono::system_clock::time_point> kills;
   int corrupt = 0;
   for (int trial = 0; trial < options.trials; ++trial) {
     // Every fourth trial has two processes recording into the directory at once.
@@ -176,7 +178,23 @@ int main(int argc, char** argv) {
       ::poll(fds.data(), fds.size(), static_cast<int>(std::max<long long>(left, 0)));
       for (Host& host : hosts) host.take(acknowledged);
     }
-    for (Host& host : hosts) ::kill(host.pid, SIGKILL);
+    // With two writers the second lives on a while, long enough to find and finish what the first
+    // left behind.
+    ::kill(hosts[0].pid, SIGKILL);
+    kills.push_back(std::chrono::system_clock::now());
+    if (hosts.size() > 1) {
+      const auto secondKillAt =
+          Clock::now() + std::chrono::milliseconds(random() % (options.maxKillMs / 2 + 1));
+      while (Clock::now() < secondKillAt) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(secondKillAt - Clock::now())
+                .count();
+        ::poll(fds.data() + 1, 1, static_cast<int>(std::max<long long>(left, 0)));
+        hosts[1].take(acknowledged);
+      }
+      ::kill(hosts[1].pid, SIGKILL);
+      kills.push_back(std::chrono::system_clock::now());
+    }
     for (Host& host : hosts) {
       int status = 0;
       ::waitpid(host.pid, &status, 0);
@@ -208,15 +226,26 @@ int main(int argc, char** argv) {
   corrupt += corruptBatches(data, std::cerr);
   corrupt += static_cast<int>(collector.counts().rejected);
 
-  // Arrivals per id, and the batches they came in (a batch is its sentAt and its ids).
+  // Arrivals per id, and the batches they came in (a batch is its sentAt and its ids). A batch
+  // accepted again is a resend after a lost answer only when a kill came between the two.
   std::map<std::string, int> arrivals;
-  std::map<std::string, int> batches;  // batch identity -> times accepted
-  std::map<std::string, std::string> firstBatchOf;
+  std::map<std::string, std::string> firstAccepted;  // batch identity -> receivedAt
   std::ifstream received(collectorOptions.jsonLinesFile);
   std::set<std::string> explained;
+  // The collector may accept the upload a little after its sender died (the answer is what the
+  // kill took), so a kill up to a second before the first acceptance counts too.
+  auto killedBetween = [&](const std::string& first, const std::string& again) {
+    for (const auto& kill : kills) {
+      if (pelora::platform::iso8601(kill) <= again &&
+          first <= pelora::platform::iso8601(kill + std::chrono::seconds(1)))
+        return true;
+    }
+    return false;
+  };
   for (std::string line; std::getline(received, line);) {
     const pelora::JSON entry = pelora::JSON::parse(line);
     if (entry["kind"] != pelora::JSON("batch")) continue;
+    const std::string receivedAt = entry["receivedAt"]->stringValue().value_or("");
     const pelora::JSON body = *entry["body"];
     std::string identity = body["sentAt"]->stringValue().value_or("");
     std::vector<std::string> ids;
@@ -225,7 +254,8 @@ int main(int argc, char** argv) {
       ids.push_back(id);
       identity += "|" + id;
     }
-    const bool resent = ++batches[identity] > 1;
+    const auto first = firstAccepted.emplace(identity, receivedAt);
+    const bool resent = !first.second && killedBetween(first.first->second, receivedAt);
     for (const auto& id : ids) {
       if (++arrivals[id] > 1 && resent) explained.insert(id);
     }
