@@ -76,25 +76,6 @@ bool isBlank(Ref ref) {
   return text && text->empty();
 }
 
-// A JSON member as the loosely typed value a host would have stored.
-std::any looselyTyped(const JSON& json) {
-  switch (json.kind()) {
-    case JSON::Kind::boolean:
-      return *json.boolValue();
-    case JSON::Kind::number:
-      return *json.decimalValue();
-    case JSON::Kind::string:
-      return *json.stringPointer();
-    case JSON::Kind::array:
-      return *json.arrayValue();
-    case JSON::Kind::object:
-      return *json.dictionaryValue();
-    case JSON::Kind::null:
-      break;
-  }
-  return Null{};
-}
-
 // One key-path read. "@path" and "@if" values may refer to each other, to themselves, or branch
 // at every level, so every step draws on a fixed budget and the walk gives up (finding nothing)
 // once it is spent; the nesting of steps is bounded too, which bounds the stack.
@@ -105,7 +86,7 @@ class Walk {
   std::any find(std::string_view path) {
     const Ref found = read(root_, path);
     if (exhausted_ || !found) return {};
-    return found.any ? *found.any : looselyTyped(*found.json);
+    return found.any ? *found.any : detail::looselyTyped(*found.json);
   }
 
  private:

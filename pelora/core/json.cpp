@@ -148,24 +148,6 @@ JSON convert(const std::any& value, int levels) {
   return convertLeaf(value, type, levels);
 }
 
-std::any toAny(const JSON& json) {
-  switch (json.kind()) {
-    case JSON::Kind::boolean:
-      return *json.boolValue();
-    case JSON::Kind::number:
-      return *json.decimalValue();
-    case JSON::Kind::string:
-      return *json.stringPointer();
-    case JSON::Kind::array:
-      return *json.arrayValue();
-    case JSON::Kind::object:
-      return *json.dictionaryValue();
-    case JSON::Kind::null:
-      return Null{};
-  }
-  return Null{};
-}
-
 }  // namespace
 
 JSON::JSON(double value) : JSON(floatingNumber(value, "double")) {}
@@ -178,6 +160,26 @@ JSON::JSON(const Dictionary& dictionary)
 JSON JSON::fromAny(const std::any& value) {
   return convert(value, maxNestingDepth);
 }
+
+namespace detail {
+std::any looselyTyped(const JSON& json) {
+  switch (json.kind()) {
+    case JSON::Kind::boolean:
+      return *json.boolValue();
+    case JSON::Kind::number:
+      return *json.decimalValue();
+    case JSON::Kind::string:
+      return *json.stringPointer();
+    case JSON::Kind::array:
+      return *json.arrayValue();
+    case JSON::Kind::object:
+      return *json.dictionaryValue();
+    case JSON::Kind::null:
+      break;
+  }
+  return Null{};
+}
+}  // namespace detail
 
 // ---- Conversions back ---------------------------------------------------------------------------
 
@@ -231,7 +233,7 @@ std::optional<Array> JSON::arrayValue() const {
   if (!list) return std::nullopt;
   Array array;
   array.reserve(list->size());
-  for (const JSON& element : *list) array.push_back(toAny(element));
+  for (const JSON& element : *list) array.push_back(detail::looselyTyped(element));
   return array;
 }
 
@@ -240,7 +242,7 @@ std::optional<Dictionary> JSON::dictionaryValue() const {
   if (!map) return std::nullopt;
   Dictionary dictionary;
   for (const auto& [key, member] : *map)
-    dictionary.emplace_hint(dictionary.end(), key, toAny(member));
+    dictionary.emplace_hint(dictionary.end(), key, detail::looselyTyped(member));
   return dictionary;
 }
 

@@ -174,6 +174,8 @@ void decodeOptional(const JSON& object, std::string_view key, std::optional<T>& 
 // ---- Text ---------------------------------------------------------------------------------------
 
 namespace detail {
+// The loosely typed form of a value (what dictionaryValue() holds for it).
+std::any looselyTyped(const JSON& json);
 using EncodeFunction = void (*)(Encoder&, const void*);
 // Appends the text of one value to `out`; on failure leaves `out` as it was and throws JSONError.
 // A value nesting deeper than `maxDepth` levels fails.
