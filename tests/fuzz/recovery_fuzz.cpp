@@ -124,7 +124,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (name == kKept) keptListed = true;
     if (leftTemp.count(name)) continue;
     const JSON batch = fuzz::readBackWritten(read(file));
-    for (const auto& e : *batch["batch"]->listPointer()) {
+    const JSON events = batch["batch"].value_or(JSON::List{});
+    for (const auto& e : *events.listPointer()) {
       if (auto id = e.value<std::string>("messageId")) ++found[*id];
     }
   }

@@ -249,7 +249,8 @@ int main(int argc, char** argv) {
     const pelora::JSON body = *entry["body"];
     std::string identity = body["sentAt"]->stringValue().value_or("");
     std::vector<std::string> ids;
-    for (const auto& event : *body["batch"]->listPointer()) {
+    const pelora::JSON events = body["batch"].value_or(pelora::JSON::List{});
+    for (const auto& event : *events.listPointer()) {
       const std::string id = event.value<std::string>("properties.id").value_or("?");
       ids.push_back(id);
       identity += "|" + id;
