@@ -9,6 +9,7 @@
 #include "pelora/delivery/pelora_destination.hpp"
 #include "pelora/delivery/pelora_monitor_event.hpp"
 #include "pelora/delivery/storage.hpp"
+#include "pelora/messages/iam_manager.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
@@ -147,6 +148,21 @@ void PeloraAnalytics::start() {
         if (auto analytics = weak.lock()) analytics->checkSettings();
       });
   debugPrint("Pelora: settings checked");
+
+  if (values.enableIAM) {
+    IAMManager::Setup setup;
+    setup.hostDomain = std::string(inAppMessageBaseURL(values.flavor));
+    setup.workSpaceId = values.writeKey;
+    setup.peloraUserId = peloraUserId().value_or("");
+    setup.connectTo = values.connectTo;
+    setup.caBundle = values.caBundle;
+    // Whole milliseconds; a negative, NaN or absurd value means no wait.
+    const double delay = values.iamRetryDelay;
+    if (delay > 0 && delay < 86'400) {
+      setup.retryDelay = std::chrono::milliseconds(static_cast<std::int64_t>(delay * 1000));
+    }
+    IAMManager::shared()->start(std::move(setup));
+  }
 
   if (!values.peloraAppPushID.empty()) {
     AppPushManager::setUpPush(values.peloraAppPushID, launchOptions_);

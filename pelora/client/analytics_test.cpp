@@ -57,7 +57,7 @@ class CollectingDestination : public DestinationPlugin {
 class AnalyticsTest : public ::testing::Test {
  protected:
   std::shared_ptr<PeloraAnalytics> makeClient() {
-    auto configuration = std::make_shared<Configuration>("client-key", std::nullopt);
+    auto configuration = std::make_shared<Configuration>("client-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     // The built-in destinations send to the tracking host: keep them on the local server.
     configuration->autoAddPeloraDestination(autoAdd)

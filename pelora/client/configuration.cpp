@@ -82,4 +82,9 @@ Configuration& Configuration::caBundle(std::string value) {
   return *this;
 }
 
+Configuration& Configuration::iamRetryDelay(double seconds) {
+  values.iamRetryDelay = seconds;
+  return *this;
+}
+
 }  // namespace pelora

@@ -38,6 +38,9 @@ class Configuration {
     // "HOST:PORT:CONNECT-TO-HOST:CONNECT-TO-PORT" entries and a CA bundle file to trust.
     std::vector<std::string> connectTo;
     std::string caBundle;
+    // Seconds to wait before the next in-app message pull after one failed (a network error or an
+    // answer other than 200). 0, the default, pulls again at once, as the phone SDK does.
+    double iamRetryDelay = 0;
   };
 
   // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
@@ -58,6 +61,7 @@ class Configuration {
   Configuration& paths(platform::Paths value);
   Configuration& connectTo(std::vector<std::string> value);
   Configuration& caBundle(std::string value);
+  Configuration& iamRetryDelay(double seconds);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

@@ -50,7 +50,7 @@ class Recorder : public DestinationPlugin {
 class AnalyticsStartupQueueTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto configuration = std::make_shared<Configuration>("startup-key", std::nullopt);
+    auto configuration = std::make_shared<Configuration>("startup-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     configuration->autoAddPeloraDestination(false)
         .connectTo({server.connectTo(productionTrackingHost)})

@@ -55,7 +55,7 @@ class RecordingDestination : public DestinationPlugin {
 class TimelineTest : public ::testing::Test {
  protected:
   TimelineTest() {
-    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt);
+    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     // Uploads are not under test here; nothing may head for the real tracking host.
     configuration->autoAddPeloraDestination(false);

@@ -41,7 +41,7 @@ class PeloraDestinationTest : public ::testing::Test {
   // A client without the built-in destination, so each test owns the one it adds.
   std::shared_ptr<PeloraAnalytics> makeClient(std::int64_t flushAt = 100,
                                               double flushInterval = 3600) {
-    configuration = std::make_shared<Configuration>("dest-key", std::nullopt);
+    configuration = std::make_shared<Configuration>("dest-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     configuration->flushAt(flushAt).flushInterval(flushInterval).autoAddPeloraDestination(false);
     configuration->connectTo({server.connectTo(productionTrackingHost)})

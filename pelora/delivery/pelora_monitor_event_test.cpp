@@ -15,7 +15,7 @@ namespace {
 class PeloraMonitorEventTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    configuration = std::make_shared<Configuration>("monitor-key", std::nullopt);
+    configuration = std::make_shared<Configuration>("monitor-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
     configuration->autoAddPeloraDestination(false)
         .connectTo({server.connectTo(productionTrackingHost)})

@@ -758,6 +758,14 @@ std::optional<std::string> normalizedURL(std::string_view text) {
   return urlText(url.handle);
 }
 
+bool isAbsoluteURL(std::string_view text) {
+  initializeLibraries();
+  CurlURL url;
+  return url.handle && text.find('\0') == std::string_view::npos &&
+         curl_url_set(url.handle, CURLUPART_URL, std::string(text).c_str(),
+                      CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+}
+
 std::optional<std::string> httpsURL(std::string_view host, std::string_view path) {
   initializeLibraries();
   if (host.empty()) return std::nullopt;

@@ -115,6 +115,8 @@ class HttpSession {
 
 // Parses and normalises an absolute http(s) URL; nothing when it is not one.
 std::optional<std::string> normalizedURL(std::string_view text);
+// Whether `text` is an absolute URL of any scheme ("pelora://exit", "mailto:a@b").
+bool isAbsoluteURL(std::string_view text);
 // "https://" + host (may carry ":port") + path, normalised; nothing when the host or path is
 // malformed or the host is empty.
 std::optional<std::string> httpsURL(std::string_view host, std::string_view path);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <tuple>
 #include <utility>
 
+#include "pelora/messages/iam_records.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
 
@@ -112,15 +114,44 @@ std::string eventNames(const std::vector<TrackEvent>& events) {
   return text;
 }
 
+// The JSON text of an IAMData, checked with the library's own decoding.
+std::string checkedInAppMessage(const std::string& data) {
+  try {
+    (void)decodeFromString<IAMData>(data);
+  } catch (const std::exception& error) {
+    throw std::invalid_argument(std::string("not an in-app message (IAMData): ") + error.what());
+  }
+  return data;
+}
+
+// The workspace of "/push/push/pull/<workspace>/<user>/".
+std::string workspaceOf(std::string_view path) {
+  path.remove_prefix(Collector::pullPath.size());
+  return std::string(path.substr(0, path.find('/')));
+}
+
+struct Message {
+  std::string workspace;  // empty: any
+  std::string data;
+};
+
 }  // namespace
 
 struct Collector::State {
-  explicit State(CollectorOptions options) : options(std::move(options)) {}
+  explicit State(CollectorOptions options)
+      : options(std::move(options)), hold(this->options.inAppMessageHold) {
+    for (const auto& data : this->options.inAppMessages) {
+      messages.push_back({{}, checkedInAppMessage(data)});
+    }
+  }
 
   ScriptedResponse handle(const RecordedRequest& request);
   ScriptedResponse answerFor(const RecordedRequest& request);
   ScriptedResponse acceptBatch(const JSON& body, const std::vector<TrackEvent>& received);
   ScriptedResponse acceptTrackingEvent(const JSON& body);
+  ScriptedResponse pull(const RecordedRequest& request);
+  ScriptedResponse queueMessage(const RecordedRequest& request);
+  ScriptedResponse opened(const RecordedRequest& request);
   void print(const std::string& line) const {
     if (options.printLines) platform::printLine(line);
   }
@@ -138,6 +169,13 @@ struct Collector::State {
   std::vector<TrackEvent> events;
   std::set<std::string, std::less<>> messageIds;
   std::vector<JSON> trackingEvents;
+  std::chrono::milliseconds hold;
+  std::deque<Message> messages;
+  std::vector<std::string> openTargets;
+  std::vector<std::string> pulls;
+  bool stopping = false;
+  int failPullsStatus = 0;
+  int failPullsRemaining = 0;
 };
 
 ScriptedResponse Collector::State::handle(const RecordedRequest& request) {
@@ -149,6 +187,23 @@ ScriptedResponse Collector::State::handle(const RecordedRequest& request) {
 
 ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
   const std::string what = request.method + " " + request.target;
+  if (request.method == "GET" && request.path.starts_with(pullPath)) {
+    {
+      std::lock_guard lock(mutex);
+      if (failPullsRemaining > 0) {
+        --failPullsRemaining;
+        ++counts.pulls;
+        ++counts.failed;
+        pulls.push_back(request.path.substr(pullPath.size()));
+        changed.notify_all();
+        print("answered " + std::to_string(failPullsStatus) + " to " + what + " (told to fail)");
+        return answer(failPullsStatus, "failing on purpose");
+      }
+    }
+    return pull(request);
+  }
+  if (request.method == "GET" && request.path.starts_with(openedPath)) return opened(request);
+  if (request.method == "POST" && request.path == messagesPath) return queueMessage(request);
   {
     std::lock_guard lock(mutex);
     if (failRemaining > 0 || Clock::now() < failUntil) {
@@ -216,6 +271,71 @@ ScriptedResponse Collector::State::acceptTrackingEvent(const JSON& body) {
   return answer(200, "stored");
 }
 
+ScriptedResponse Collector::State::pull(const RecordedRequest& request) {
+  const std::string workspace = workspaceOf(request.path);
+  std::unique_lock lock(mutex);
+  const std::size_t number = ++counts.pulls;
+  pulls.push_back(request.path.substr(pullPath.size()));
+  changed.notify_all();
+  auto queued = [&] {
+    return std::find_if(messages.begin(), messages.end(), [&](const Message& message) {
+      return message.workspace.empty() || message.workspace == workspace;
+    });
+  };
+  changed.wait_for(lock, hold, [&] { return stopping || queued() != messages.end(); });
+  const auto found = queued();
+  if (found == messages.end()) {
+    lock.unlock();
+    print("pull " + std::to_string(number) + " for workspace " + workspace + ": no message");
+    ScriptedResponse response;
+    response.body = R"({"code":"EMPTY","message":"no message"})";
+    return response;
+  }
+  const std::string data = found->data;
+  messages.erase(found);
+  ++counts.inAppMessages;
+  appendJSONLine("inAppMessage", JSON::parse(data));
+  changed.notify_all();
+  lock.unlock();
+  print("pull " + std::to_string(number) + " for workspace " + workspace + ": a message");
+  ScriptedResponse response;
+  response.body =
+      JSON(JSON::Map{{"code", JSON("OK")}, {"message", JSON("delivered")}, {"data", JSON(data)}})
+          .toString();
+  return response;
+}
+
+ScriptedResponse Collector::State::queueMessage(const RecordedRequest& request) {
+  std::string workspace;
+  if (const auto at = request.target.find("workspace="); at != std::string::npos) {
+    workspace = request.target.substr(at + 10);
+    workspace = workspace.substr(0, workspace.find('&'));
+  }
+  try {
+    Message message{workspace, checkedInAppMessage(request.body)};
+    std::lock_guard lock(mutex);
+    messages.push_back(std::move(message));
+    changed.notify_all();
+  } catch (const std::invalid_argument& error) {
+    print("rejected POST " + request.target + ": " + error.what());
+    return answer(400, error.what());
+  }
+  print("queued an in-app message" + (workspace.empty() ? "" : " for workspace " + workspace));
+  return answer(200, "queued");
+}
+
+ScriptedResponse Collector::State::opened(const RecordedRequest& request) {
+  {
+    std::lock_guard lock(mutex);
+    ++counts.opened;
+    openTargets.push_back(request.target);
+    appendJSONLine("opened", JSON(request.target));
+    changed.notify_all();
+  }
+  print("open notification " + request.target);
+  return answer(200, "opened");
+}
+
 void Collector::State::appendJSONLine(const char* kind, const JSON& body) {
   if (options.jsonLinesFile.empty()) return;
   std::ofstream file(options.jsonLinesFile, std::ios::app);
@@ -239,7 +359,50 @@ Collector::Collector(CollectorOptions options)
 }
 
 Collector::~Collector() {
+  stop();
+}
+
+void Collector::stop() {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
+    state_->changed.notify_all();
+  }
   server_.stop();
+}
+
+void Collector::queueInAppMessage(const std::string& data, const std::string& workspace) {
+  Message message{workspace, checkedInAppMessage(data)};
+  std::lock_guard lock(state_->mutex);
+  state_->messages.push_back(std::move(message));
+  state_->changed.notify_all();
+}
+
+void Collector::failPulls(int status, int count) {
+  std::lock_guard lock(state_->mutex);
+  state_->failPullsStatus = status;
+  state_->failPullsRemaining = count;
+}
+
+void Collector::holdPulls(std::chrono::milliseconds hold) {
+  std::lock_guard lock(state_->mutex);
+  state_->hold = hold;
+}
+
+bool Collector::waitFor(const std::function<bool(const Counts&)>& condition,
+                        std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(state_->mutex);
+  return state_->changed.wait_for(lock, timeout, [&] { return condition(state_->counts); });
+}
+
+std::vector<std::string> Collector::openNotifications() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->openTargets;
+}
+
+std::vector<std::string> Collector::pullPaths() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->pulls;
 }
 
 void Collector::failNext(int status, int count) {
@@ -291,10 +454,17 @@ std::string Collector::summary() const {
   auto count = [](std::size_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
   };
-  return count(c.batches, "batch", "batches") + ", " + count(c.events, "event", "events") + " (" +
-         std::to_string(c.distinctEvents) + " distinct), " +
-         count(c.trackingEvents, "tracking event", "tracking events") + ", " +
-         std::to_string(c.failed) + " failed, " + std::to_string(c.rejected) + " rejected";
+  std::string text = count(c.batches, "batch", "batches") + ", " +
+                     count(c.events, "event", "events") + " (" + std::to_string(c.distinctEvents) +
+                     " distinct), " + count(c.trackingEvents, "tracking event", "tracking events") +
+                     ", " + std::to_string(c.failed) + " failed, " + std::to_string(c.rejected) +
+                     " rejected";
+  if (c.pulls > 0 || c.opened > 0) {
+    text += ", " + count(c.pulls, "in-app message pull", "in-app message pulls") + ", " +
+            count(c.inAppMessages, "in-app message delivered", "in-app messages delivered") + ", " +
+            count(c.opened, "open notification", "open notifications");
+  }
+  return text;
 }
 
 }  // namespace pelora::collector

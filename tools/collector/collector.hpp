@@ -1,13 +1,20 @@
-// Collector: the tracking service's two endpoints on a local HTTPS server (127.0.0.1 only), for
-// the demo and the integration tests. A batch upload ("/tracking-controller/b") or a tracking-event
-// post ("/") of the shape the library sends is answered 200 and kept; anything else is answered
-// 400 and dropped. While told to fail, every request is answered with the given status and nothing
-// is kept. Accepted events stay in memory for the life of the collector unless told otherwise
-// (then only their message ids are kept, for the distinct count). Thread-safe.
+// Collector: the tracking service's two endpoints and the in-app message service on a local HTTPS
+// server (127.0.0.1 only), for the demo and the integration tests. A batch upload
+// ("/tracking-controller/b") or a tracking-event post ("/") of the shape the library sends is
+// answered 200 and kept; anything else is answered 400 and dropped. A message pull
+// ("GET /push/push/pull/<workspace>/<user>/") is held until a message is queued for the workspace
+// or the hold time ends (then its "code" is not "OK"); messages are queued from the options, by
+// queueInAppMessage or by "POST /iam/messages[?workspace=W]" with an IAMData object as the body;
+// the open notifications ("GET /iam/opened/...", where the demo's messages point actionOpen) are
+// recorded. While told to fail, every tracking request (pulls: see failPulls) is answered with the
+// given status and nothing is kept. Accepted events stay in memory for the life of the collector
+// unless told otherwise (then only their message ids are kept, for the distinct count).
+// Thread-safe.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -25,12 +32,19 @@ struct CollectorOptions {
   std::string jsonLinesFile;  // when set, every accepted body is appended as one JSON line
   bool printLines = false;    // one line per request on standard output
   bool keepEvents = true;     // keep what events() and trackingEvents() return
+  // In-app messages queued at start, for any workspace: the JSON text of an IAMData each.
+  std::vector<std::string> inAppMessages;
+  // How long a pull is held when no message is queued.
+  std::chrono::milliseconds inAppMessageHold{std::chrono::seconds(25)};
 };
 
 class Collector {
  public:
   static constexpr std::string_view batchPath = "/tracking-controller/b";
   static constexpr std::string_view trackingEventPath = "/";
+  static constexpr std::string_view pullPath = "/push/push/pull/";
+  static constexpr std::string_view messagesPath = "/iam/messages";
+  static constexpr std::string_view openedPath = "/iam/opened/";
 
   // Listening when it returns; throws std::runtime_error when the port or files are unusable.
   explicit Collector(CollectorOptions options = {});
@@ -45,14 +59,21 @@ class Collector {
     return server_.connectTo(host, hostPort);
   }
 
-  // Answers the next `count` requests with `status`, keeping nothing of them.
+  // Answers the next `count` tracking requests with `status`, keeping nothing of them.
   void failNext(int status, int count);
-  // Answers every request with `status` until `duration` has passed.
+  // Answers the next `count` message pulls with `status` at once.
+  void failPulls(int status, int count);
+  // Answers every tracking request with `status` until `duration` has passed.
   void failFor(int status, std::chrono::milliseconds duration);
   // Back to answering normally.
   void recover();
   // Holds every answer back this long, like a slow service.
   void delayAnswers(std::chrono::milliseconds delay);
+  // Queues an in-app message (the JSON text of an IAMData) for `workspace` (empty: any); throws
+  // std::invalid_argument when it is not one.
+  void queueInAppMessage(const std::string& data, const std::string& workspace = {});
+  // How long a pull without a message is held.
+  void holdPulls(std::chrono::milliseconds hold);
 
   struct Counts {
     std::size_t batches = 0;         // accepted batch uploads
@@ -61,6 +82,9 @@ class Collector {
     std::size_t trackingEvents = 0;  // accepted tracking-event posts
     std::size_t failed = 0;          // answered with the failure status
     std::size_t rejected = 0;        // malformed, answered 400
+    std::size_t pulls = 0;           // in-app message pulls answered (or being held)
+    std::size_t inAppMessages = 0;   // messages handed out by pulls
+    std::size_t opened = 0;          // open notifications
   };
   Counts counts() const;
   // The events of every accepted batch in arrival order (a resent batch's events appear again).
@@ -69,11 +93,19 @@ class Collector {
   std::vector<JSON> trackingEvents() const;
   // True once `count` distinct events have arrived in batches; false when `timeout` passes first.
   bool waitForDistinctEvents(std::size_t count, std::chrono::milliseconds timeout) const;
-  // "N batches, N events (N distinct), N tracking events, N failed, N rejected".
+  // True once `condition` holds for the counts; false when `timeout` passes first.
+  bool waitFor(const std::function<bool(const Counts&)>& condition,
+               std::chrono::milliseconds timeout) const;
+  // The request targets of the open notifications, in arrival order.
+  std::vector<std::string> openNotifications() const;
+  // The paths of the pulls (workspace and user), in arrival order.
+  std::vector<std::string> pullPaths() const;
+  // "N batches, N events (N distinct), N tracking events, N failed, N rejected", and the pulls,
+  // in-app messages and open notifications when there were any.
   std::string summary() const;
 
-  // Stops listening and joins the server's threads; later requests are refused.
-  void stop() { server_.stop(); }
+  // Ends held pulls, stops listening and joins the server's threads; later requests are refused.
+  void stop();
 
  private:
   struct State;

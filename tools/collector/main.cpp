@@ -1,6 +1,7 @@
-// pelora_collector: a local stand-in for the tracking service. It listens on 127.0.0.1 over HTTPS,
-// prints one line per batch and tracking event it receives, and stops on SIGINT or SIGTERM with a
-// summary. Point a client at it with a connect-to entry and its CA file (both printed at start).
+// pelora_collector: a local stand-in for the tracking service and the in-app message service. It
+// listens on 127.0.0.1 over HTTPS, prints one line per batch, tracking event, message pull and open
+// notification, and stops on SIGINT or SIGTERM with a summary. Point a client at it with connect-to
+// entries and its CA file (printed at start).
 #include <signal.h>
 
 #include <charconv>
@@ -9,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -28,6 +30,10 @@ constexpr const char* usage = R"(usage: pelora_collector [options]
   --fail-first N      answer the first N requests with the failure status
   --fail-seconds S    answer every request with the failure status for the first S seconds
   --delay-ms N        hold every answer back N milliseconds, like a slow service
+  --iam-message FILE  queue the in-app message in FILE (an IAMData JSON object) for the first
+                      pull of any workspace (repeatable; shown in the order given)
+  --iam-hold-ms N     hold a message pull this long when no message is queued (default 25000);
+                      messages can also be queued while it runs: POST /iam/messages[?workspace=W]
   --quiet             no line per request
 Stops on SIGINT or SIGTERM and prints what it received.
 )";
@@ -100,6 +106,13 @@ int main(int argc, char** argv) {
       failSeconds = number(option, value);
     } else if (option == "--delay-ms") {
       delayMilliseconds = number(option, value);
+    } else if (option == "--iam-message") {
+      std::ifstream file(value, std::ios::binary);
+      if (!file) fail("cannot read " + value);
+      options.inAppMessages.emplace_back(std::istreambuf_iterator<char>(file),
+                                         std::istreambuf_iterator<char>());
+    } else if (option == "--iam-hold-ms") {
+      options.inAppMessageHold = std::chrono::milliseconds(number(option, value));
     } else {
       fail("unknown option " + std::string(option));
     }
@@ -122,6 +135,10 @@ int main(int argc, char** argv) {
                                 std::to_string(collector.port()));
     pelora::platform::printLine("  trust     " + collector.certificates().caFile);
     pelora::platform::printLine("  reach it  " + collector.connectTo(host));
+    const std::string iamURL(pelora::productionIAMBaseURL);
+    const std::string iamHost = iamURL.substr(iamURL.find("://") + 3);
+    pelora::platform::printLine("  messages  " + collector.connectTo(iamHost) + " (" +
+                                std::to_string(options.inAppMessages.size()) + " queued)");
     if (!readyFile.empty()) writeReadyFile(readyFile, collector.connectTo(host));
 
     int signal = 0;

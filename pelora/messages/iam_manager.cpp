@@ -1,0 +1,331 @@
+#include "pelora/messages/iam_manager.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+#include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/http_client.hpp"
+#include "pelora/log/log.hpp"
+#include "pelora/messages/iam_full_screen_view_controller.hpp"
+#include "pelora/platform/console.hpp"
+#include "pelora/platform/dispatch.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+
+void print(std::string_view line) {
+  if (log::debugEnabled()) platform::printLine(line);
+}
+
+std::string lowercased(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// A long poll is held open by the service until it has a message: no limit on the whole
+// transfer (the phone's default session allows a week), only on silence.
+std::shared_ptr<platform::HttpSession> makeSession(const IAMManager::Setup& setup) {
+  platform::HttpSessionOptions options;
+  options.requestTimeout = 60s;
+  options.resourceTimeout = std::chrono::hours(24 * 7);
+  options.ephemeral = false;
+  options.connectTo = setup.connectTo;
+  options.caBundle = setup.caBundle;
+  return platform::HttpSession::create(std::move(options));
+}
+
+std::shared_ptr<platform::SerialQueue> retryQueue() {
+  static const auto queue =
+      platform::SerialQueue::create("iam." + std::string(platform::queueLabelSuffix));
+  return queue;
+}
+
+}  // namespace
+
+std::shared_ptr<IAMManager> IAMManager::shared() {
+  static auto* instance = new std::shared_ptr<IAMManager>(std::make_shared<IAMManager>());
+  return *instance;
+}
+
+IAMManager::IAMManager() : hostDomain_(productionIAMBaseURL) {}
+
+void IAMManager::start(Setup setup) {
+  print("IAM : Init -enableIAM");
+  auto session = makeSession(setup);
+  std::shared_ptr<platform::HttpTask> previous;
+  {
+    std::lock_guard lock(mutex_);
+    hostDomain_ = std::move(setup.hostDomain);
+    workSpaceId_ = std::move(setup.workSpaceId);
+    peloraUserId_ = std::move(setup.peloraUserId);
+    retryDelay_ = setup.retryDelay;
+    defaultSession_ = std::move(session);
+    ++generation_;  // a loop of an earlier start ends with its pull
+    previous = std::move(dataTask_);
+  }
+  if (previous) previous->cancel();
+  print("--- Start Polling ----");
+  longPoll();
+}
+
+void IAMManager::longPoll() {
+  startPolling();
+}
+
+void IAMManager::stopPolling() {
+  std::shared_ptr<platform::HttpTask> task;
+  {
+    std::lock_guard lock(mutex_);
+    ++generation_;
+    task = std::move(dataTask_);
+  }
+  if (task) task->cancel();
+}
+
+bool IAMManager::isPolling() const {
+  std::lock_guard lock(mutex_);
+  return dataTask_ != nullptr;
+}
+
+std::size_t IAMManager::queuedCount() const {
+  std::lock_guard lock(mutex_);
+  return mQueue_.count();
+}
+
+void IAMManager::startPolling() {
+  std::unique_lock lock(mutex_);
+  if (workSpaceId_.empty()) {
+    lock.unlock();
+    print("--- Error : Pelora SDK isn't initialized ---");
+    return;
+  }
+  const std::string text =
+      hostDomain_ + "/push/push/pull/" + workSpaceId_ + "/" + peloraUserId_ + "/";
+  auto stored = std::move(dataTask_);
+  const auto session = defaultSession_;
+  const auto generation = generation_;
+  lock.unlock();
+  print(text);
+  if (stored) stored->cancel();
+  const auto url = platform::normalizedURL(text);
+  if (!url || !session) return;
+
+  platform::HttpRequest request;
+  request.url = *url;
+  std::weak_ptr<IAMManager> weak = weak_from_this();
+  auto holder = std::make_shared<std::weak_ptr<platform::HttpTask>>();
+  auto task = session->dataTask(
+      std::move(request), [weak, holder, generation](const auto& response, const auto& error) {
+        auto self = weak.lock();
+        if (!self) return;
+        {
+          std::lock_guard lock(self->mutex_);
+          if (generation != self->generation_) return;  // stopped or restarted meanwhile
+        }
+        self->pullFinished(holder->lock(), response, error);
+      });
+  *holder = task;
+  {
+    std::lock_guard relock(mutex_);
+    if (generation != generation_) return;  // stopped while this pull was being made
+    dataTask_ = task;
+  }
+  task->resume();
+}
+
+void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
+                              const std::optional<platform::HttpResponse>& response,
+                              const std::optional<platform::HttpError>& error) {
+  {
+    std::lock_guard lock(mutex_);
+    if (dataTask_ == task) dataTask_.reset();
+  }
+  bool failed = error.has_value();
+  if (!error) {
+    if (response && response->status == 200) {
+      handleBody(response->body);
+    } else {
+      failed = true;
+    }
+  } else {
+    appendError("DataTask error: " + error->description + "\n");
+  }
+  print("---End Start Polling ---");
+  if (error && error->code == platform::HttpError::Code::cancelled) {
+    appendError("Stop Service : " + error->description + "\n");
+    return;
+  }
+  print(error ? "Restart Polling ----: Because of Error" : "-- Restart Polling ----");
+
+  std::chrono::milliseconds delay{0};
+  std::uint64_t generation = 0;
+  {
+    std::lock_guard lock(mutex_);
+    if (failed) delay = retryDelay_;
+    generation = generation_;
+  }
+  if (delay <= 0ms) {
+    longPoll();
+    return;
+  }
+  std::weak_ptr<IAMManager> weak = weak_from_this();
+  platform::asyncAfter(retryQueue(), delay, [weak, generation] {
+    auto self = weak.lock();
+    if (!self) return;
+    {
+      std::lock_guard lock(self->mutex_);
+      if (generation != self->generation_) return;
+    }
+    self->longPoll();
+  });
+}
+
+void IAMManager::appendError(const std::string& text) {
+  std::string message;
+  {
+    std::lock_guard lock(mutex_);
+    errorMessage_ += text;
+    message = errorMessage_;
+  }
+  print(message);
+}
+
+void IAMManager::handleBody(const std::string& body) {
+  std::optional<IAMResponse> answer;
+  if (!body.empty()) {
+    try {
+      answer = decodeFromString<IAMResponse>(body);
+    } catch (const std::exception&) {
+      // Not a response: dropped.
+    }
+  }
+  if (answer && answer->code != "OK") {
+    print(description(*answer));
+  } else if (answer) {
+    if (auto data = answer->decodedData()) {
+      print("Type: " + description(data->activeType));
+      print("Value: " + description(data->activeValue));
+      std::lock_guard lock(mutex_);
+      mQueue_.enqueue(std::move(*data));
+    }
+  }
+  bool waiting = false;
+  {
+    std::lock_guard lock(mutex_);
+    waiting = !mQueue_.isEmpty();
+  }
+  if (!waiting) return;
+  std::weak_ptr<IAMManager> weak = weak_from_this();
+  platform::SerialQueue::main()->async([weak] {
+    if (auto self = weak.lock()) self->showNext();
+  });
+}
+
+void IAMManager::showNext() {
+  if (isPresenting_) {
+    print("Caching ...");
+    return;
+  }
+  std::optional<IAMData> next;
+  {
+    std::lock_guard lock(mutex_);
+    next = mQueue_.dequeue();
+  }
+  if (!next) return;
+  auto application = platform::ui::Application::shared();
+  const bool delayed = next->activeType && lowercased(*next->activeType) == "time" &&
+                       next->activeValue && *next->activeValue >= 1;
+  isPresenting_ = true;
+  if (!delayed) {
+    present(*next, "IAM Ads Immediately");
+    return;
+  }
+  std::weak_ptr<IAMManager> weak = weak_from_this();
+  const std::int64_t seconds = *next->activeValue;
+  application->scheduledTimer(std::chrono::seconds(seconds), false,
+                              [weak, data = *next](platform::ui::Timer& timer) {
+                                if (auto self = weak.lock()) self->present(data, "IAM Ads Timer");
+                                timer.invalidate();
+                              });
+  countDown_ = seconds;
+  application->scheduledTimer(1s, true, [weak](platform::ui::Timer& timer) {
+    auto self = weak.lock();
+    if (!self) {
+      timer.invalidate();
+      return;
+    }
+    self->countDown_ -= 1;
+    if (self->countDown_ < 1) {
+      print("Stop " + std::to_string(self->countDown_) + " second");
+      timer.invalidate();
+    }
+    print("Waiting " + std::to_string(self->countDown_) + " second");
+  });
+}
+
+void IAMManager::present(const IAMData& data, const std::string& title) {
+  auto controller = std::make_shared<IAMFullScreenViewController>();
+  controller->modalPresentationStyle = platform::ui::ModalPresentationStyle::overCurrentContext;
+  controller->modalTransitionStyle = platform::ui::ModalTransitionStyle::crossDissolve;
+  controller->titleTxt = title;
+  controller->iamData = data;
+  const auto windows = platform::ui::Application::shared()->windows();
+  if (windows.empty()) {
+    platform::fatalError("IAMManager: the application has no window to present a message in");
+  }
+  const auto root = windows.front()->rootViewController;
+  // Without a root view controller the message is lost, and nothing more is shown until a
+  // dismissIAM().
+  if (!root) return;
+  root->present(controller, true, [] { print("Presenting ..."); });
+}
+
+void IAMManager::dismissIAM() {
+  print("dismissIAM ...");
+  std::weak_ptr<IAMManager> weak = weak_from_this();
+  platform::ui::Application::shared()->scheduledTimer(300ms, false, [weak](platform::ui::Timer&) {
+    auto self = weak.lock();
+    if (!self) return;
+    print("-- Finished ...");
+    self->isPresenting_ = false;
+    self->showNext();
+  });
+}
+
+void IAMManager::activeOpenIAM(const IAMData& data) {
+  print("activeOpenIAM");
+  const auto url = platform::normalizedURL(data.actionOpen.value_or(""));
+  std::shared_ptr<platform::HttpSession> session;
+  {
+    std::lock_guard lock(mutex_);
+    session = defaultSession_;
+  }
+  if (!url || !session) return;
+  platform::HttpRequest request;
+  request.method = "GET";
+  request.url = *url;
+  request.timeout = 60s;
+  print(cURL(request, true));
+  auto task = session->dataTask(std::move(request), [](const auto& response, const auto& error) {
+    if (error) {
+      print("Error uploading request " + error->description);
+      return;
+    }
+    const int status = response ? response->status : 0;
+    if (status >= 1 && status <= 299) {
+      print("OK");
+    } else if (status >= 300 && status <= 399) {
+      print("Server responded with unexpected HTTP code " + std::to_string(status));
+    } else if (status == 429) {
+      print("Server limited client with response code " + std::to_string(status));
+    } else {
+      print("Server rejected payload with HTTP code " + std::to_string(status));
+    }
+  });
+  task->resume();
+}
+
+}  // namespace pelora

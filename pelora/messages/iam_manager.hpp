@@ -1,0 +1,95 @@
+// IAMManager: keeps one long-poll pull open against the in-app message service, queues every
+// message it delivers, and presents them one at a time full screen (IAMFullScreenViewController).
+// One shared instance. Pulls run on an HTTP session of its own: each completion starts the next
+// pull from the session's worker, so no thread is made per pull. Showing, its timers and closing
+// run on the main queue. Prints only while debug logs are on.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pelora/delivery/concurrency.hpp"
+#include "pelora/messages/iam_records.hpp"
+#include "pelora/platform/http_session.hpp"
+#include "pelora/platform/ui.hpp"
+
+namespace pelora {
+
+class IAMManager : public std::enable_shared_from_this<IAMManager> {
+ public:
+  // What the client's start-up hands over.
+  struct Setup {
+    std::string hostDomain;    // the service's base URL for the flavor (inAppMessageBaseURL)
+    std::string workSpaceId;   // the write key; empty stops polling at once
+    std::string peloraUserId;  // the device-level user id, or empty
+    // Transport overrides, as for tracking (local services and tests).
+    std::vector<std::string> connectTo;
+    std::string caBundle;
+    // Beyond the phone's behaviour, off (zero) by default: the wait before the next pull after a
+    // pull that failed (a network error or an answer other than 200).
+    std::chrono::milliseconds retryDelay{0};
+  };
+
+  // The single instance, made on first use; never destroyed.
+  static std::shared_ptr<IAMManager> shared();
+
+  // The start-up with in-app messages on: prints "IAM : Init -enableIAM", takes the setup, prints
+  // "--- Start Polling ----" and starts the pull loop (a loop already running is replaced).
+  void start(Setup setup);
+  // One pull; the next follows its completion. Cancels a pull still in flight.
+  void longPoll();
+  // Ends the pull loop: the pull in flight is cancelled and no other starts. Messages already
+  // queued are still shown.
+  void stopPolling();
+  // Whether a pull is in flight.
+  bool isPolling() const;
+
+  // Called by the full-screen view when it shows `data`: requests its actionOpen with GET.
+  void activeOpenIAM(const IAMData& data);
+  // Called by the full-screen view once closed: the next message follows 0.3 s later.
+  void dismissIAM();
+
+  // Main queue only: whether a message is shown or scheduled to be, and the delayed one's count.
+  bool isPresenting() const noexcept { return isPresenting_; }
+  std::int64_t countDown() const noexcept { return countDown_; }
+  // Messages received and not yet shown.
+  std::size_t queuedCount() const;
+
+  IAMManager();
+  IAMManager(const IAMManager&) = delete;
+  IAMManager& operator=(const IAMManager&) = delete;
+
+ private:
+  void startPolling();
+  void pullFinished(const std::shared_ptr<platform::HttpTask>& task,
+                    const std::optional<platform::HttpResponse>& response,
+                    const std::optional<platform::HttpError>& error);
+  void handleBody(const std::string& body);
+  void appendError(const std::string& text);
+  // Main queue.
+  void showNext();
+  void present(const IAMData& data, const std::string& title);
+
+  mutable std::mutex mutex_;  // guards the members down to errorMessage_
+  std::string hostDomain_;
+  std::string workSpaceId_;
+  std::string peloraUserId_;
+  std::chrono::milliseconds retryDelay_{0};
+  Queue<IAMData> mQueue_;
+  std::shared_ptr<platform::HttpTask> dataTask_;
+  std::shared_ptr<platform::HttpSession> defaultSession_;
+  std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
+  std::string errorMessage_;
+
+  // Main queue only.
+  bool isPresenting_ = false;
+  std::int64_t countDown_ = 0;
+};
+
+}  // namespace pelora
