@@ -291,6 +291,21 @@ TEST_F(HttpSessionTest, WorkerThreadsEndWithTheirSessions) {
   // Worker threads end, and closing their connections ends the server's connection threads.
   EXPECT_TRUE(test::eventually([&] { return threadCount() <= baseline; }))
       << threadCount() << " threads, " << baseline << " before";
+
+  // A session dropped right after cancelling its last transfer (over a kept-alive connection):
+  // its worker ends at once, not after its next long wait.
+  server.enqueue("/held", {.delay = 20s});
+  auto session = HttpSession::create(options());
+  await(start(*session, request("/")));
+  auto [held, completion] = sessionCompletion();
+  auto task = session->dataTask(request("/held"), completion);
+  task->resume();
+  ASSERT_TRUE(server.waitForRequests(10));
+  task->cancel();
+  session.reset();
+  EXPECT_EQ(await(held).error->code, HttpError::Code::cancelled);
+  EXPECT_TRUE(test::eventually([&] { return threadCount() <= baseline + 1; }, 5s))
+      << threadCount() << " threads, " << baseline << " before";
 }
 
 // A test server in a child process of its own, so that exit() in this process races with

@@ -62,6 +62,8 @@ void IAMManager::start(Setup setup) {
     workSpaceId_ = std::move(setup.workSpaceId);
     peloraUserId_ = std::move(setup.peloraUserId);
     retryDelay_ = setup.retryDelay;
+    connectTo_ = setup.connectTo;
+    caBundle_ = setup.caBundle;
     defaultSession_ = std::move(session);
     ++generation_;  // a loop of an earlier start ends with its pull
     previous = std::move(dataTask_);
@@ -77,10 +79,12 @@ void IAMManager::longPoll() {
 
 void IAMManager::stopPolling() {
   std::shared_ptr<platform::HttpTask> task;
+  std::shared_ptr<platform::HttpSession> session;
   {
     std::lock_guard lock(mutex_);
     ++generation_;
     task = std::move(dataTask_);
+    session = std::move(defaultSession_);  // its worker thread ends once the pull is cancelled
   }
   if (task) task->cancel();
 }
@@ -298,12 +302,20 @@ void IAMManager::dismissIAM() {
 void IAMManager::activeOpenIAM(const IAMData& data) {
   print("activeOpenIAM");
   const auto url = platform::normalizedURL(data.actionOpen.value_or(""));
+  if (!url) return;
   std::shared_ptr<platform::HttpSession> session;
   {
     std::lock_guard lock(mutex_);
     session = defaultSession_;
+    if (!session) {
+      // Polling stopped (or never started): a session for this request alone, whose thread ends
+      // with it.
+      Setup transport;
+      transport.connectTo = connectTo_;
+      transport.caBundle = caBundle_;
+      session = makeSession(transport);
+    }
   }
-  if (!url || !session) return;
   platform::HttpRequest request;
   request.method = "GET";
   request.url = *url;

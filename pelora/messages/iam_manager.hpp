@@ -44,8 +44,8 @@ class IAMManager : public std::enable_shared_from_this<IAMManager> {
   void start(Setup setup);
   // One pull; the next follows its completion. Cancels a pull still in flight.
   void longPoll();
-  // Ends the pull loop: the pull in flight is cancelled and no other starts. Messages already
-  // queued are still shown.
+  // Ends the pull loop: the pull in flight is cancelled, no other starts, and the session's thread
+  // ends. Messages already queued are still shown.
   void stopPolling();
   // Whether a pull is in flight.
   bool isPolling() const;
@@ -83,7 +83,9 @@ class IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::chrono::milliseconds retryDelay_{0};
   Queue<IAMData> mQueue_;
   std::shared_ptr<platform::HttpTask> dataTask_;
-  std::shared_ptr<platform::HttpSession> defaultSession_;
+  std::shared_ptr<platform::HttpSession> defaultSession_;  // none while stopped
+  std::vector<std::string> connectTo_;
+  std::string caBundle_;
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
   std::string errorMessage_;
 

@@ -444,6 +444,12 @@ void Engine::run(CURLM* multi) {
       attachWaiting(multi);
       continue;  // lets curl start the newly attached transfers before waiting
     }
+    {
+      // The session may have gone while this round ran (its wakeup spent on the round): then
+      // there is nothing to wait for, and the worker must end now rather than after a long poll.
+      std::lock_guard lock(mutex_);
+      if (!sessionAlive_ && inbox_.empty() && transfers_.empty() && waiting_.empty()) continue;
+    }
     curl_multi_poll(multi, nullptr, 0, waitMilliseconds(), nullptr);
   }
   {

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/http_session.hpp"
 
 namespace pelora::platform::ui {
 
@@ -244,8 +245,8 @@ bool HeadlessApplication::canOpenURL(const std::string& url) const {
     canOpen = state_->canOpen;
   }
   if (canOpen) return canOpen(url);
-  const auto colon = url.find(':');
-  return colon != std::string::npos && colon > 0 && url.find_first_of(" \t\n") == std::string::npos;
+  // Like a phone with a browser and nothing else: web links only.
+  return normalizedURL(url).has_value();
 }
 
 void HeadlessApplication::openURL(const std::string& url) {

@@ -253,7 +253,7 @@ class HeadlessApplication : public Application {
                                EdgeInsets safeArea = {47, 0, 34, 0});
 
   std::vector<std::shared_ptr<Window>> windows() const override;
-  // Absolute URLs with a scheme, unless setCanOpen says otherwise.
+  // http and https URLs (a browser and nothing else), unless setCanOpen says otherwise.
   bool canOpenURL(const std::string& url) const override;
   void openURL(const std::string& url) override;
   std::shared_ptr<Timer> scheduledTimer(std::chrono::milliseconds interval, bool repeats,

@@ -1,0 +1,197 @@
+#include "pelora/messages/iam_manager.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "pelora/client/analytics.hpp"
+#include "pelora/log/log.hpp"
+#include "pelora/messages/iam_full_screen_view_controller.hpp"
+#include "tests/support/iam.hpp"
+#include "tests/support/temp_directory.hpp"
+#include "tests/support/waiting.hpp"
+
+namespace pelora {
+namespace {
+
+using namespace std::chrono_literals;
+using collector::Collector;
+using test::eventually;
+
+bool pullsReach(const Collector& collector, std::size_t count, std::chrono::milliseconds within) {
+  return collector.waitFor([&](const Collector::Counts& c) { return c.pulls >= count; }, within);
+}
+
+class IAMManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { collector.holdPulls(20s); }
+  void TearDown() override {
+    log::setDebugEnabled(false);
+    manager->stopPolling();
+    // Whatever is still on screen goes, so that the shared manager is idle for the next test.
+    if (auto shown = std::dynamic_pointer_cast<IAMFullScreenViewController>(screen.top())) {
+      close(shown);
+      screen.application->advance(300ms);
+    }
+  }
+  std::shared_ptr<IAMFullScreenViewController> shown() {
+    std::shared_ptr<IAMFullScreenViewController> controller;
+    eventually([&] {
+      controller = std::dynamic_pointer_cast<IAMFullScreenViewController>(screen.top());
+      return controller != nullptr;
+    });
+    return controller;
+  }
+  // Follows the exit link; returns once the view is gone and the manager has been told.
+  void close(const std::shared_ptr<IAMFullScreenViewController>& controller) {
+    platform::SerialQueue::main()->sync(
+        [&] { controller->webView->navigate(std::string("pelora://exit")); });
+    platform::SerialQueue::main()->sync([] {});  // the dismissal's completion
+    EXPECT_EQ(screen.top(), nullptr);
+  }
+
+  test::ManualHeadless screen;
+  Collector collector;
+  std::shared_ptr<IAMManager> manager = IAMManager::shared();
+};
+
+// The loop pulls again at once after an error answer, one pull at a time, and a stop ends it for
+// good with its thread.
+TEST_F(IAMManagerTest, FailedPullsAreFollowedAtOnceAndStoppingEndsTheLoop) {
+  const int threads = test::threadsNamed("pelora-http");
+  collector.failPulls(500, 5);
+  manager->start(test::setupFor(collector));
+  ASSERT_TRUE(pullsReach(collector, 6, 10s));  // five answered 500, the sixth held
+  EXPECT_FALSE(pullsReach(collector, 7, 300ms));
+  EXPECT_TRUE(manager->isPolling());
+  EXPECT_EQ(collector.pullPaths().front(), "iam-key/DEVICE-1/");
+  EXPECT_EQ(test::threadsNamed("pelora-http"), threads + 1);
+
+  manager->stopPolling();
+  EXPECT_FALSE(manager->isPolling());
+  EXPECT_TRUE(eventually([&] { return test::threadsNamed("pelora-http") == threads; }));
+  EXPECT_FALSE(pullsReach(collector, 7, 300ms));
+}
+
+// Beyond the phone: with a retry delay, a failed pull waits before the next, and a stop during the
+// wait means there is no next.
+TEST_F(IAMManagerTest, RetryDelayWaitsAfterAFailureAndAStopCancelsTheWait) {
+  collector.failPulls(503, 2);
+  auto setup = test::setupFor(collector);
+  setup.retryDelay = 400ms;
+  const auto begin = std::chrono::steady_clock::now();
+  manager->start(setup);
+  ASSERT_TRUE(pullsReach(collector, 2, 10s));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 400ms);
+  manager->stopPolling();  // during the wait after the second failure
+  EXPECT_FALSE(pullsReach(collector, 3, 800ms));
+}
+
+TEST_F(IAMManagerTest, WithoutAWriteKeyNothingIsRequested) {
+  log::setDebugEnabled(true);
+  ::testing::internal::CaptureStdout();
+  manager->start(test::setupFor(collector, ""));
+  const std::string printed = ::testing::internal::GetCapturedStdout();
+  EXPECT_NE(printed.find("IAM : Init -enableIAM\n--- Start Polling ----\n"
+                         "--- Error : Pelora SDK isn't initialized ---\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_FALSE(pullsReach(collector, 1, 300ms));
+}
+
+// Messages queue up while one is shown and follow one another, each 0.3 s after the previous
+// one closed; each sends its open notification.
+TEST_F(IAMManagerTest, QueuedMessagesFollowEachCloseAfterAHandOver) {
+  const std::string opened = "\"actionOpen\":\"https://" + test::iamHost() + "/iam/opened/";
+  collector.queueInAppMessage(test::iamData(opened + "first\"", "<p>first</p>"));
+  collector.queueInAppMessage(test::iamData(opened + "second\"", "<p>second</p>"));
+  manager->start(test::setupFor(collector));
+
+  auto first = shown();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->title, "IAM Ads Immediately");
+  EXPECT_EQ(first->webView->loadedHTML(), "<p>first</p>");
+  EXPECT_EQ(first->modalPresentationStyle,
+            platform::ui::ModalPresentationStyle::overCurrentContext);
+  EXPECT_EQ(first->modalTransitionStyle, platform::ui::ModalTransitionStyle::crossDissolve);
+  ASSERT_TRUE(eventually([&] { return manager->queuedCount() == 1; }));  // waiting its turn
+
+  close(first);
+  screen.application->advance(299ms);
+  EXPECT_EQ(screen.top(), nullptr);
+  screen.application->advance(1ms);
+  auto second = shown();
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->webView->loadedHTML(), "<p>second</p>");
+  EXPECT_TRUE(collector.waitFor([](const auto& c) { return c.opened == 2; }, 10s));
+  EXPECT_EQ(collector.openNotifications(),
+            (std::vector<std::string>{"/iam/opened/first", "/iam/opened/second"}));
+}
+
+// "time" (any letter case) with a positive activeValue waits that many seconds; otherwise a
+// message shows at once.
+TEST_F(IAMManagerTest, TimeMessagesWaitTheirSeconds) {
+  log::setDebugEnabled(true);
+  collector.queueInAppMessage(test::iamData(R"("activeType":"TIME","activeValue":3)"));
+  ::testing::internal::CaptureStdout();
+  manager->start(test::setupFor(collector));
+  ASSERT_TRUE(eventually([&] {
+    return platform::SerialQueue::main()->sync([&] { return manager->isPresenting(); });
+  }));
+  EXPECT_EQ(manager->countDown(), 3);
+  screen.application->advance(2999ms);
+  EXPECT_EQ(screen.top(), nullptr);
+  screen.application->advance(1ms);
+  auto delayed = shown();
+  const std::string printed = ::testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(delayed);
+  EXPECT_EQ(delayed->title, "IAM Ads Timer");
+  EXPECT_NE(printed.find("Type: TIME\nValue: 3\n"), std::string::npos) << printed;
+  // The last tick and the showing come due together; either may go first.
+  EXPECT_NE(printed.find("Waiting 2 second\nWaiting 1 second\n"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("Stop 0 second\nWaiting 0 second\n"), std::string::npos) << printed;
+  close(delayed);
+  screen.application->advance(300ms);
+
+  collector.queueInAppMessage(test::iamData(R"("activeType":"time","activeValue":0)"));
+  auto immediate = shown();
+  ASSERT_TRUE(immediate);
+  EXPECT_EQ(immediate->title, "IAM Ads Immediately");
+}
+
+// Answers that carry no message are dropped and the loop goes on.
+TEST_F(IAMManagerTest, AnswersWithoutAMessageKeepTheLoopGoing) {
+  collector.holdPulls(0ms);
+  manager->start(test::setupFor(collector));
+  ASSERT_TRUE(pullsReach(collector, 20, 10s));
+  EXPECT_EQ(manager->queuedCount(), 0u);
+  EXPECT_EQ(screen.top(), nullptr);
+}
+
+// The client starts polling only when enableIAM is on; any flavor but "dev" and "stg", in any
+// letter case, reaches the production service.
+TEST(AnalyticsIAM, EnableIAMStartsPollingTheFlavorsService) {
+  test::ManualHeadless screen;
+  test::TempDirectory dir;
+  Collector collector;
+  collector.holdPulls(20s);
+  auto configure = [&](bool enableIAM) {
+    auto configuration =
+        std::make_shared<Configuration>("client-key", std::optional<std::string>("DEV"), enableIAM);
+    configuration->paths({dir.path() / "docs", dir.path() / "prefs"})
+        .autoAddPeloraDestination(false)
+        .connectTo({collector.connectTo(test::iamHost())})
+        .caBundle(collector.certificates().caFile);
+    return configuration;
+  };
+  PeloraAnalytics::setPeloraUserId("DEVICE-9");
+  auto off = PeloraAnalytics::create(configure(false));
+  EXPECT_FALSE(pullsReach(collector, 1, 300ms));
+  auto on = PeloraAnalytics::create(configure(true));
+  ASSERT_TRUE(pullsReach(collector, 1, 10s));
+  EXPECT_EQ(collector.pullPaths().front(), "client-key/DEVICE-9/");
+  IAMManager::shared()->stopPolling();
+}
+
+}  // namespace
+}  // namespace pelora
