@@ -100,7 +100,10 @@ void ViewController::present(std::shared_ptr<ViewController> controller, bool an
   controller->presenting_ = weak_from_this();
   presented_ = controller;
   application->show(*this, *controller, animated);
-  controller->viewSafeAreaInsetsDidChange();
+  // On screen its root view takes the screen's insets: a change only when there are bars.
+  if (controller->view()->safeAreaInsets() != EdgeInsets{}) {
+    controller->viewSafeAreaInsetsDidChange();
+  }
   if (completion) SerialQueue::main()->async(std::move(completion));
 }
 

@@ -249,8 +249,8 @@ class Application {
 // run its timers on a manual clock.
 class HeadlessApplication : public Application {
  public:
-  explicit HeadlessApplication(Rect screen = {0, 0, 390, 844},
-                               EdgeInsets safeArea = {47, 0, 34, 0});
+  // A screen without bars by default (a server host has none).
+  explicit HeadlessApplication(Rect screen = {0, 0, 390, 844}, EdgeInsets safeArea = {});
 
   std::vector<std::shared_ptr<Window>> windows() const override;
   // http and https URLs (a browser and nothing else), unless setCanOpen says otherwise.
