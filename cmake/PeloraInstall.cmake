@@ -29,8 +29,22 @@ endforeach()
 install(FILES ${PROJECT_BINARY_DIR}/include/pelora/core/service_hosts.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelora/core)
 
+# The WebKitGTK toolkit, when built: its libraries, its header, and an export set of its own that
+# the package loads only for find_package(pelora COMPONENTS gtk).
+if(PELORA_HAS_GTK)
+  install(TARGETS pelora_gtk_static pelora_gtk_shared EXPORT peloraGtkTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/pelora/platform/gtk/gtk_toolkit.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelora/platform/gtk)
+  install(EXPORT peloraGtkTargets NAMESPACE pelora:: FILE peloraGtkTargets.cmake
+    DESTINATION ${PELORA_INSTALL_CMAKEDIR})
+endif()
+
 # CMake package: find_package(pelora) gives pelora::pelora_shared, pelora::pelora_static and
-# pelora::pelora (the shared one, or the static one when pelora_USE_STATIC_LIBS is ON).
+# pelora::pelora (the shared one, or the static one when pelora_USE_STATIC_LIBS is ON); with
+# COMPONENTS gtk also pelora::gtk (likewise) from pelora::gtk_shared and pelora::gtk_static.
 install(EXPORT peloraTargets NAMESPACE pelora:: FILE peloraTargets.cmake
   DESTINATION ${PELORA_INSTALL_CMAKEDIR})
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/peloraConfig.cmake.in

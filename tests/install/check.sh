@@ -59,7 +59,7 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work
 [ -f "$prefix/include/pelora/core/service_hosts.hpp" ] \
   || { echo "install check: include/pelora/core/service_hosts.hpp is missing" >&2; exit 1; }
 private=$(cd "$prefix/include" && find pelora \( -name '*_test*' -o -name '*_internal.hpp' \
-  -o -path '*/detail/*' -o -path 'pelora/platform/gtk/*' \) -print)
+  -o -path '*/detail/*' \) -print)
 [ -z "$private" ] || { echo "install check: private headers installed:" >&2; echo "$private" >&2; exit 1; }
 
 for variant in shared static; do
@@ -86,5 +86,15 @@ libdir=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --variable=libdir pelora)
 needs_libpelora pkg-config yes "$work/pkgconfig_consumer"
 expect_42 pkg-config env LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
   "$work/pkgconfig_consumer"
+
+# The WebKitGTK toolkit, when this build has it.
+if [ -n "$(find "$prefix" -name peloraGtkTargets.cmake -print -quit)" ]; then
+  step "find_package(pelora COMPONENTS gtk)"
+  cmake -S "$here/gtk" -B "$work/gtk" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_BUILD_TYPE="$CMAKE_BUILD_TYPE" \
+    -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/gtk.log" || { cat "$work/gtk.log"; exit 1; }
+  cmake --build "$work/gtk"
+  expect_42 cmake-gtk "$work/gtk/pelora_gtk_consumer"
+fi
 
 step "passed"

@@ -1,0 +1,42 @@
+// The WebKitGTK toolkit (library pelora::gtk): in-app messages in real windows on a GTK desktop.
+// Each presented controller gets a top-level window, transient for the host's window, holding a
+// WebKitWebView under its labels; WebKit's "decide-policy" is the navigation policy; URLs open
+// with GIO's default handler unless the host sets its own; the library's main queue runs on
+// GLib's default main context. Everything here belongs on the GTK thread.
+//
+//   gtk_init(&argc, &argv);
+//   GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+//   pelora::gtk::install(GTK_WINDOW(window));
+//   auto client = pelora::PeloraAnalytics::create(configuration);
+//   gtk_main();
+#pragma once
+
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "pelora/platform/ui.hpp"
+
+namespace pelora::gtk {
+
+// Makes the WebKitGTK toolkit the shared one, with `hostWindow` as the first window (its size is
+// the screen that messages fill), and hands the main queue to GLib's default main context. Call
+// once, on the GTK thread, after gtk_init and before creating the client.
+std::shared_ptr<platform::ui::Application> install(GtkWindow* hostWindow);
+
+// Opens URLs with `handler` (which says whether it could) instead of GIO's default application.
+void setOpenURLHandler(std::function<bool(const std::string& url)> handler);
+
+// The window that shows `controller`, or null when it is not on screen.
+GtkWindow* windowOf(const platform::ui::ViewController& controller);
+
+// The WebKit view behind a web view of this toolkit, or null for another kind.
+WebKitWebView* webKitViewOf(const platform::ui::WebView& webView);
+
+// Saves what `window` shows as a PNG file; false when it cannot.
+bool saveScreenshot(GtkWindow* window, const std::string& path);
+
+}  // namespace pelora::gtk
