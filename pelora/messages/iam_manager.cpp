@@ -137,6 +137,7 @@ void IAMManager::startPolling() {
     if (generation != generation_) return;  // stopped while this pull was being made
     dataTask_ = task;
   }
+  ++pullsStarted_;
   task->resume();
 }
 
@@ -188,11 +189,15 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
 }
 
 void IAMManager::appendError(const std::string& text) {
+  // The text only ever grows, and is printed whole; an unreachable service adds to it thousands of
+  // times a second, so only its most recent part is kept.
+  constexpr std::size_t kKept = 16 * 1024;
   std::string message;
   {
     std::lock_guard lock(mutex_);
     errorMessage_ += text;
-    message = errorMessage_;
+    if (errorMessage_.size() > 2 * kKept) errorMessage_.erase(0, errorMessage_.size() - kKept);
+    if (log::debugEnabled()) message = errorMessage_;
   }
   print(message);
 }

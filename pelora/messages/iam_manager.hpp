@@ -49,6 +49,8 @@ class IAMManager : public std::enable_shared_from_this<IAMManager> {
   void stopPolling();
   // Whether a pull is in flight.
   bool isPolling() const;
+  // Pulls started since the process began (for measuring the loop).
+  std::uint64_t pullsStarted() const noexcept { return pullsStarted_.load(); }
 
   // Called by the full-screen view when it shows `data`: requests its actionOpen with GET.
   void activeOpenIAM(const IAMData& data);
@@ -88,6 +90,7 @@ class IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::string caBundle_;
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
   std::string errorMessage_;
+  std::atomic<std::uint64_t> pullsStarted_{0};
 
   // Main queue only.
   bool isPresenting_ = false;
