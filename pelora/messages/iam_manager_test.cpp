@@ -169,6 +169,20 @@ TEST_F(IAMManagerTest, TimeMessagesWaitTheirSeconds) {
   EXPECT_EQ(immediate->title, "IAM Ads Immediately");
 }
 
+// A host may end its process while a pull is held open: exit() neither hangs nor crashes.
+TEST(IAMManagerDeathTest, ExitWithAPullHeldOpen) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Collector collector;
+        collector.holdPulls(60s);
+        IAMManager::shared()->start(test::setupFor(collector));
+        if (!pullsReach(collector, 1, 10s)) std::_Exit(3);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 // Answers that carry no message are dropped and the loop goes on.
 TEST_F(IAMManagerTest, AnswersWithoutAMessageKeepTheLoopGoing) {
   collector.holdPulls(0ms);
