@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <string>
 
-#include <pelora/delivery/storage.hpp>
 #include <pelora/pelora.hpp>
+#include <pelora/state/storage.hpp>
 
 #include "bench/bench_support.hpp"
 

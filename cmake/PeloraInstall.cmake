@@ -7,38 +7,55 @@ set(PELORA_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/pelora"
     CACHE STRING "Where peloraConfig.cmake goes, relative to the install prefix")
 mark_as_advanced(PELORA_INSTALL_CMAKEDIR)
 
-install(TARGETS pelora_static pelora_shared EXPORT peloraTargets
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+# Two export sets: the shared library needs nothing of our dependencies at build time, the static
+# one needs their development files, so the package loads it (and looks for them) only on demand.
+install(TARGETS pelora_shared EXPORT peloraTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pelora_static EXPORT peloraStaticTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
-# Public headers keep their folders under include/pelora. Left out: unit tests, detail/ folders,
-# *_internal.hpp and the optional GTK adapter. CONFIGURE_DEPENDS re-globs on every build, so a new
-# header is installed without a manual re-configure.
-file(GLOB_RECURSE PELORA_PUBLIC_HEADERS CONFIGURE_DEPENDS
-  RELATIVE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/pelora/*.hpp)
-list(FILTER PELORA_PUBLIC_HEADERS EXCLUDE REGEX "_test[^/]*$")
-list(FILTER PELORA_PUBLIC_HEADERS EXCLUDE REGEX "(^|/)detail/")
-list(FILTER PELORA_PUBLIC_HEADERS EXCLUDE REGEX "_internal\\.hpp$")
-list(FILTER PELORA_PUBLIC_HEADERS EXCLUDE REGEX "^pelora/platform/gtk/")
+# The public headers: pelora/pelora.hpp and every header of ours it includes, directly or not.
+# Internals (the HTTP client, the user-defaults suite, RapidJSON glue, ...) stay in the tree.
+function(pelora_public_headers out)
+  set(todo pelora/pelora.hpp)
+  set(seen)
+  while(todo)
+    list(POP_FRONT todo header)
+    if(header IN_LIST seen)
+      continue()
+    endif()
+    list(APPEND seen ${header})
+    file(STRINGS ${PROJECT_SOURCE_DIR}/${header} includes REGEX "^#include \"pelora/")
+    foreach(line IN LISTS includes)
+      string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
+      list(APPEND todo ${included})
+    endforeach()
+  endwhile()
+  set(${out} ${seen} PARENT_SCOPE)
+endfunction()
+pelora_public_headers(PELORA_PUBLIC_HEADERS)
+# Re-run the walk when a public header changes its includes.
 foreach(header IN LISTS PELORA_PUBLIC_HEADERS)
+  set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+    ${PROJECT_SOURCE_DIR}/${header})
   get_filename_component(header_dir ${header} DIRECTORY)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${header_dir})
 endforeach()
-# Generated from pelora/core/service_hosts.hpp.in.
-install(FILES ${PROJECT_BINARY_DIR}/include/pelora/core/service_hosts.hpp
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelora/core)
 
 # The WebKitGTK toolkit, when built: its libraries, its header, and an export set of its own that
 # the package loads only for find_package(pelora COMPONENTS gtk).
 if(PELORA_HAS_GTK)
-  install(TARGETS pelora_gtk_static pelora_gtk_shared EXPORT peloraGtkTargets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  install(TARGETS pelora_gtk_shared EXPORT peloraGtkTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS pelora_gtk_static EXPORT peloraGtkStaticTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/pelora/platform/gtk/gtk_toolkit.hpp
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelora/platform/gtk)
   install(EXPORT peloraGtkTargets NAMESPACE pelora:: FILE peloraGtkTargets.cmake
+    DESTINATION ${PELORA_INSTALL_CMAKEDIR})
+  install(EXPORT peloraGtkStaticTargets NAMESPACE pelora:: FILE peloraGtkStaticTargets.cmake
     DESTINATION ${PELORA_INSTALL_CMAKEDIR})
 endif()
 
@@ -46,6 +63,8 @@ endif()
 # pelora::pelora (the shared one, or the static one when pelora_USE_STATIC_LIBS is ON); with
 # COMPONENTS gtk also pelora::gtk (likewise) from pelora::gtk_shared and pelora::gtk_static.
 install(EXPORT peloraTargets NAMESPACE pelora:: FILE peloraTargets.cmake
+  DESTINATION ${PELORA_INSTALL_CMAKEDIR})
+install(EXPORT peloraStaticTargets NAMESPACE pelora:: FILE peloraStaticTargets.cmake
   DESTINATION ${PELORA_INSTALL_CMAKEDIR})
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/peloraConfig.cmake.in
   ${PROJECT_BINARY_DIR}/peloraConfig.cmake INSTALL_DESTINATION ${PELORA_INSTALL_CMAKEDIR})
@@ -55,11 +74,10 @@ install(FILES ${PROJECT_BINARY_DIR}/peloraConfig.cmake ${PROJECT_BINARY_DIR}/pel
   DESTINATION ${PELORA_INSTALL_CMAKEDIR})
 
 # pkg-config. Written at install time so that its paths follow the prefix actually installed to
-# (cmake --install --prefix DIR), not the one configured. A new dependency of the static library
-# goes into PELORA_PC_REQUIRES_PRIVATE (pkg-config module names, e.g. "libcurl openssl") or, if it
-# has no .pc file, into PELORA_PC_LIBS_PRIVATE.
-set(PELORA_PC_REQUIRES_PRIVATE "libcurl libcrypto uuid")
-set(PELORA_PC_LIBS_PRIVATE "-pthread")
+# (cmake --install --prefix DIR), not the one configured. The static library's dependencies are
+# linker flags in Libs.private rather than modules in Requires.private: pkgconf resolves
+# Requires.private even for --cflags, and a shared consumer must not need their .pc files.
+set(PELORA_PC_LIBS_PRIVATE "-lcurl -lcrypto -luuid -pthread")
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
     set(PELORA_PC_${dir} "${CMAKE_INSTALL_${dir}}")
@@ -72,7 +90,6 @@ install(CODE "
   set(PELORA_PC_LIBDIR [==[${PELORA_PC_LIBDIR}]==])
   set(PELORA_PC_INCLUDEDIR [==[${PELORA_PC_INCLUDEDIR}]==])
   set(PELORA_PC_VERSION [==[${PROJECT_VERSION}]==])
-  set(PELORA_PC_REQUIRES_PRIVATE [==[${PELORA_PC_REQUIRES_PRIVATE}]==])
   set(PELORA_PC_LIBS_PRIVATE [==[${PELORA_PC_LIBS_PRIVATE}]==])
   configure_file([==[${CMAKE_CURRENT_LIST_DIR}/pelora.pc.in]==] [==[${PROJECT_BINARY_DIR}/pelora.pc]==] @ONLY)
 ")

@@ -15,9 +15,9 @@
 #include <random>
 #include <thread>
 
-#include "pelora/client/configuration.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/platform/http_session.hpp"
+#include "pelora/state/configuration.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tests/support/waiting.hpp"
@@ -607,13 +607,13 @@ TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
 TEST(HTTPClientCurl, RendersRequestsAsCommandLines) {
   HttpRequest get;
   get.url = "https://example.test/a?b=1";
-  EXPECT_EQ(cURL(get, false), "curl -X GET 'https://example.test/a?b=1' ");
+  EXPECT_EQ(platform::cURL(get, false), "curl -X GET 'https://example.test/a?b=1' ");
 
   HttpRequest post = get;
   post.method = "POST";
   post.headers = {{"X-A", "1"}};
   post.body = R"({"k":"v"})";
-  EXPECT_EQ(cURL(post, true),
+  EXPECT_EQ(platform::cURL(post, true),
             "curl --request POST \\\n--url 'https://example.test/a?b=1' \\\n"
             "--header 'X-A: 1' \\\n--data '{\"k\":\"v\"}'");
 
@@ -621,7 +621,7 @@ TEST(HTTPClientCurl, RendersRequestsAsCommandLines) {
   HttpRequest bare;
   bare.method = "";
   bare.body = "\xff\xfe";
-  EXPECT_EQ(cURL(bare, false), "curl -X POST '' ");
+  EXPECT_EQ(platform::cURL(bare, false), "curl -X POST '' ");
 }
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/delivery/pelora_destination.hpp"
 #include "pelora/delivery/pelora_monitor_event.hpp"
-#include "pelora/delivery/storage.hpp"
 #include "pelora/messages/iam_manager.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/uuid.hpp"
+#include "pelora/state/storage.hpp"
 #include "pelora/state/store.hpp"
 #include "pelora/state/system.hpp"
 

@@ -14,22 +14,22 @@
 #include <string>
 #include <vector>
 
-#include "pelora/client/configuration.hpp"
-#include "pelora/client/plugin.hpp"
-#include "pelora/client/timeline.hpp"
 #include "pelora/core/events.hpp"
-#include "pelora/log/log.hpp"
 #include "pelora/log/pelora_log.hpp"
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/plugin/plugin.hpp"
+#include "pelora/plugin/timeline.hpp"
 #include "pelora/push/push_provider.hpp"
+#include "pelora/state/configuration.hpp"
 
 namespace pelora {
 
 class Store;
 class Storage;
 
-class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<PeloraAnalytics> {
+class PELORA_API PeloraAnalytics : public PluginHost,
+                                   public std::enable_shared_from_this<PeloraAnalytics> {
  public:
   // Builds the client and runs its start-up (storage, states, built-in plugins, settings check,
   // in-app messages, push).
@@ -50,9 +50,11 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   // "1.0.0".
   static std::string version() { return "1.0.0"; }
 
-  const std::shared_ptr<Configuration>& configuration() const noexcept { return configuration_; }
-  const std::shared_ptr<Store>& store() const noexcept { return store_; }
-  const std::shared_ptr<Storage>& storage() const noexcept { return storage_; }
+  const std::shared_ptr<Configuration>& configuration() const noexcept override {
+    return configuration_;
+  }
+  const std::shared_ptr<Store>& store() const noexcept override { return store_; }
+  const std::shared_ptr<Storage>& storage() const noexcept override { return storage_; }
   const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
   const std::optional<LaunchOptions>& launchOptions() const noexcept { return launchOptions_; }
 
@@ -62,7 +64,7 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   std::optional<Dictionary> traits() const;
   template <class T>
   std::optional<T> traits() const;
-  std::optional<Settings> settings() const;
+  std::optional<Settings> settings() const override;
 
   // Records a named event. Properties that cannot become JSON are dropped (the error is printed)
   // and the event is still recorded.
@@ -104,7 +106,7 @@ class PeloraAnalytics : public LogSink, public std::enable_shared_from_this<Pelo
   void log(std::string_view message, std::optional<LogFilterKind> kind, std::string_view function,
            int line) override;
   void add(std::shared_ptr<LogTarget> target, LoggingType type);
-  void logFlush();
+  void logFlush() override;
 
   // Notification-service-extension forwards to the registered push provider.
   static std::optional<NotificationContent> didReceiveNotificationExtensionRequest(

@@ -11,12 +11,12 @@ StartupQueue::StartupQueue()
     : syncQueue_(platform::SerialQueue::create("startupQueue." +
                                                std::string(platform::queueLabelSuffix))) {}
 
-std::shared_ptr<PeloraAnalytics> StartupQueue::analytics() const {
+std::shared_ptr<PluginHost> StartupQueue::analytics() const {
   std::lock_guard lock(mutex_);
   return analytics_;
 }
 
-void StartupQueue::setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+void StartupQueue::setAnalytics(std::shared_ptr<PluginHost> analytics) {
   {
     std::lock_guard lock(mutex_);
     analytics_ = analytics;
@@ -36,7 +36,8 @@ void StartupQueue::runningUpdate(const System& state) {
 }
 
 void StartupQueue::replay() {
-  auto client = analytics();
+  // The startup queue is the client's own plugin: it replays through the client's timeline.
+  auto client = std::dynamic_pointer_cast<PeloraAnalytics>(analytics());
   std::deque<HeldEvent> events;
   events.swap(queuedEvents_);
   if (!client) return;  // nobody to hand them to: they are lost

@@ -10,18 +10,19 @@
 #include <optional>
 #include <variant>
 
-#include "pelora/client/plugin.hpp"
-#include "pelora/delivery/concurrency.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/plugin/plugin.hpp"
 #include "pelora/state/store.hpp"
 
 namespace pelora {
 
 struct System;
 
-class StartupQueue : public Plugin,
-                     public Subscriber,
-                     public std::enable_shared_from_this<StartupQueue> {
+class PELORA_API StartupQueue : public Plugin,
+                                public Subscriber,
+                                public std::enable_shared_from_this<StartupQueue> {
  public:
   // Only the newest this many held events survive.
   static constexpr std::size_t maxSize = 1000;
@@ -32,9 +33,9 @@ class StartupQueue : public Plugin,
   bool running() const { return running_.get(); }
   void setRunning(bool running) { running_.set(running); }
 
-  std::shared_ptr<PeloraAnalytics> analytics() const override;
+  std::shared_ptr<PluginHost> analytics() const override;
   // A client subscribes this plugin to later System changes (not to the current state).
-  void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) override;
+  void setAnalytics(std::shared_ptr<PluginHost> analytics) override;
 
   // While running: the event unchanged. Otherwise the event is held and nothing is returned.
   std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
@@ -56,7 +57,7 @@ class StartupQueue : public Plugin,
   const std::shared_ptr<platform::SerialQueue> syncQueue_;
   std::deque<HeldEvent> queuedEvents_;  // touched only on syncQueue_
   mutable std::mutex mutex_;            // guards analytics_
-  std::shared_ptr<PeloraAnalytics> analytics_;
+  std::shared_ptr<PluginHost> analytics_;
 };
 
 }  // namespace pelora

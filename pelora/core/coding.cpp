@@ -330,8 +330,6 @@ bool isValidUTF8(std::string_view text) noexcept {
   return true;
 }
 
-namespace detail {
-
 void appendText(std::string& out, bool pretty, EncodeFunction encodeValue, const void* value,
                 int maxDepth) {
   EncoderLease lease(maxDepth);
@@ -359,8 +357,6 @@ void throwTypeMismatch(std::string_view expected, const JSON& found) {
                                                "an array", "an object", "null"};
   throw DecodingError::typeMismatch(expected, names[static_cast<int>(found.kind())]);
 }
-
-}  // namespace detail
 
 JSON JSON::parse(std::string_view text) {
   Builder builder;

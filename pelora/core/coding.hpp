@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "pelora/core/decimal.hpp"
+#include "pelora/core/export.hpp"
 
 namespace pelora {
 
@@ -27,7 +28,7 @@ class JSON;
 
 // A decoding failure: a required key is missing, a value has the wrong type, or the text is not
 // JSON. The message names the key path or the byte offset.
-class DecodingError : public std::runtime_error {
+class PELORA_API DecodingError : public std::runtime_error {
  public:
   enum class Kind { keyNotFound, typeMismatch, dataCorrupted };
 
@@ -60,7 +61,7 @@ class DecodingError : public std::runtime_error {
 
 // Writes one JSON value as a stream of tokens. Implementations: the text writer behind
 // toString(), and anything else a caller needs. Records call the templates below.
-class Encoder {
+class PELORA_API Encoder {
  public:
   virtual ~Encoder() = default;
 
@@ -99,10 +100,10 @@ class Encoder {
 
 // Whether `text` is well-formed UTF-8, as JSON text must be (strings that are not are written with
 // U+FFFD in place of each bad byte).
-bool isValidUTF8(std::string_view text) noexcept;
+PELORA_API bool isValidUTF8(std::string_view text) noexcept;
 
 // Writes a loosely typed value (see JSON::fromAny); an unconvertible one fails the encoder.
-void encodeAny(Encoder& encoder, const std::any& value);
+PELORA_API void encodeAny(Encoder& encoder, const std::any& value);
 
 namespace detail {
 template <class T>

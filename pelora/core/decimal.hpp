@@ -4,6 +4,8 @@
 // value. Parsing never rounds: text that no mantissa and exponent in range hold is rejected.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +16,7 @@
 
 namespace pelora {
 
-class Decimal {
+class PELORA_API Decimal {
  public:
   static constexpr int maxDigits = 38;
   static constexpr int minExponent = -128;
@@ -64,7 +66,7 @@ class Decimal {
   int exponent() const noexcept { return exponent_; }
 
   friend bool operator==(const Decimal&, const Decimal&) = default;
-  friend std::strong_ordering operator<=>(const Decimal& a, const Decimal& b) noexcept;
+  friend PELORA_API std::strong_ordering operator<=>(const Decimal& a, const Decimal& b) noexcept;
 
  private:
   // value = (negative ? -1 : 1) * (hi_ * 2^64 + lo_) * 10^exponent_; digits without trailing zeros

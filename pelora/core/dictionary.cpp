@@ -2,8 +2,8 @@
 
 #include <string_view>
 
+#include "pelora/core/fatal_error.hpp"
 #include "pelora/core/json.hpp"
-#include "pelora/platform/console.hpp"
 
 namespace pelora {
 namespace {
@@ -86,7 +86,7 @@ class Walk {
   std::any find(std::string_view path) {
     const Ref found = read(root_, path);
     if (exhausted_ || !found) return {};
-    return found.any ? *found.any : detail::looselyTyped(*found.json);
+    return found.any ? *found.any : looselyTyped(*found.json);
   }
 
  private:
@@ -222,11 +222,9 @@ std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath) {
   return Walk({&dictionary, nullptr}).find(keyPath.text());
 }
 
-namespace detail {
 std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath) {
   return Walk({nullptr, object.mapPointer()}).find(keyPath.text());
 }
-}  // namespace detail
 
 void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath) {
   writePath(dictionary, std::move(value), keyPath.text());
@@ -247,7 +245,7 @@ Dictionary mapTransform(const Dictionary& dictionary,
       if (valueTransform) newValue = valueTransform(key, newValue);
     }
     if (!out.emplace(key, std::move(newValue)).second) {
-      platform::fatalError("Duplicate values for key: '" + key + "'");
+      fatalError("Duplicate values for key: '" + key + "'");
     }
   }
   return out;

@@ -16,12 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "pelora/core/export.hpp"
 #include "pelora/core/key_path.hpp"
 
 namespace pelora {
 
 // The loosely typed null (what a host puts in a Dictionary for "no value").
-struct Null {
+struct PELORA_API Null {
   friend bool operator==(Null, Null) = default;
 };
 
@@ -35,23 +36,21 @@ using ValueTransform = std::function<std::any(const std::string& key, const std:
 
 // The value at `keyPath`, or an empty std::any when there is none. A lookup takes at most a fixed
 // number of steps: "@path" and "@if" values that refer to themselves find nothing.
-std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath);
+PELORA_API std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath);
 
 // Stores `value` at `keyPath`, creating dictionaries for missing levels and replacing
 // non-dictionary values on the way; an empty `value` removes the entry.
-void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath);
+PELORA_API void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath);
 
 class JSON;
-namespace detail {
 // valueForKeyPath on a JSON object, walked in place; JSON values found come back loosely typed.
-std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath);
-}  // namespace detail
+PELORA_API std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath);
 
 // A copy with keys renamed through `keys` (one step, at every depth, inside arrays too) and leaf
 // values (including whole arrays, after their elements) passed through `valueTransform` with the
 // renamed key. Two entries that end up under one key are a fatal programming error.
-Dictionary mapTransform(const Dictionary& dictionary,
-                        const std::map<std::string, std::string>& keys,
-                        const ValueTransform& valueTransform = nullptr);
+PELORA_API Dictionary mapTransform(const Dictionary& dictionary,
+                                   const std::map<std::string, std::string>& keys,
+                                   const ValueTransform& valueTransform = nullptr);
 
 }  // namespace pelora

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
 
 namespace pelora {
@@ -18,7 +19,7 @@ inline constexpr int maxEventValueDepth = JSON::maxNestingDepth - 3;
 inline constexpr int maxEventTextDepth = JSON::maxNestingDepth - 2;
 
 // Which bundles of destinations an event went through; all three lists are always encoded.
-struct DestinationMetadata {
+struct PELORA_API DestinationMetadata {
   std::vector<std::string> bundled;
   std::vector<std::string> unbundled;
   std::vector<std::string> bundledIds;
@@ -27,7 +28,7 @@ struct DestinationMetadata {
 };
 
 // The fields every event carries. Not an event by itself: TrackEvent and MonitorEvent are.
-struct RawEvent {
+struct PELORA_API RawEvent {
   std::optional<std::string> type;
   std::optional<std::string> anonymousId;
   std::optional<std::string> messageId;
@@ -49,7 +50,7 @@ struct RawEvent {
 };
 
 // A named analytics event ("track").
-struct TrackEvent : RawEvent {
+struct PELORA_API TrackEvent : RawEvent {
   std::string event;
   std::optional<JSON> properties;
 
@@ -64,7 +65,7 @@ struct TrackEvent : RawEvent {
 };
 
 // An identity-tracking event ("monitor_event"), posted at once rather than batched.
-struct MonitorEvent : RawEvent {
+struct PELORA_API MonitorEvent : RawEvent {
   JSON identityId;
   std::string eventName;
   JSON eventData;
@@ -80,14 +81,14 @@ struct MonitorEvent : RawEvent {
   friend bool operator==(const MonitorEvent&, const MonitorEvent&) = default;
 };
 
-void encode(Encoder& encoder, const DestinationMetadata& metadata);
-void encode(Encoder& encoder, const TrackEvent& event);
-void encode(Encoder& encoder, const MonitorEvent& event);
+PELORA_API void encode(Encoder& encoder, const DestinationMetadata& metadata);
+PELORA_API void encode(Encoder& encoder, const TrackEvent& event);
+PELORA_API void encode(Encoder& encoder, const MonitorEvent& event);
 // Required keys: "event" (TrackEvent); "identityId", "eventName", "eventData" (MonitorEvent); all
 // three of DestinationMetadata. Missing ones throw DecodingError::keyNotFound. "type" is kept as
 // found; unknown keys are ignored.
-void decode(const JSON& json, DestinationMetadata& metadata);
-void decode(const JSON& json, TrackEvent& event);
-void decode(const JSON& json, MonitorEvent& event);
+PELORA_API void decode(const JSON& json, DestinationMetadata& metadata);
+PELORA_API void decode(const JSON& json, TrackEvent& event);
+PELORA_API void decode(const JSON& json, MonitorEvent& event);
 
 }  // namespace pelora

@@ -2,13 +2,13 @@
 
 #include <cxxabi.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <typeinfo>
 
-#include "pelora/log/log.hpp"
-#include "pelora/platform/console.hpp"
+#include "pelora/core/fatal_error.hpp"
 
 namespace pelora {
 
@@ -161,7 +161,6 @@ JSON JSON::fromAny(const std::any& value) {
   return convert(value, maxNestingDepth);
 }
 
-namespace detail {
 std::any looselyTyped(const JSON& json) {
   switch (json.kind()) {
     case JSON::Kind::boolean:
@@ -179,7 +178,6 @@ std::any looselyTyped(const JSON& json) {
   }
   return Null{};
 }
-}  // namespace detail
 
 // ---- Conversions back ---------------------------------------------------------------------------
 
@@ -233,7 +231,7 @@ std::optional<Array> JSON::arrayValue() const {
   if (!list) return std::nullopt;
   Array array;
   array.reserve(list->size());
-  for (const JSON& element : *list) array.push_back(detail::looselyTyped(element));
+  for (const JSON& element : *list) array.push_back(looselyTyped(element));
   return array;
 }
 
@@ -242,7 +240,7 @@ std::optional<Dictionary> JSON::dictionaryValue() const {
   if (!map) return std::nullopt;
   Dictionary dictionary;
   for (const auto& [key, member] : *map)
-    dictionary.emplace_hint(dictionary.end(), key, detail::looselyTyped(member));
+    dictionary.emplace_hint(dictionary.end(), key, looselyTyped(member));
   return dictionary;
 }
 
@@ -291,7 +289,7 @@ std::optional<JSON> JSON::remove(std::string_view key) const {
 std::optional<JSON> JSON::operator[](std::int64_t index) const {
   const List* list = listPointer();
   if (!list) return std::nullopt;
-  if (index < 0) platform::fatalError("JSON array index out of range: " + std::to_string(index));
+  if (index < 0) fatalError("JSON array index out of range: " + std::to_string(index));
   if (static_cast<std::uint64_t>(index) >= list->size()) return std::nullopt;
   return (*list)[static_cast<std::size_t>(index)];
 }
@@ -306,7 +304,7 @@ std::optional<JSON> JSON::operator[](std::string_view key) const {
 
 std::any JSON::anyForKeyPath(const KeyPath& keyPath) const {
   if (kind() != Kind::object) return {};
-  return detail::valueForKeyPath(*this, keyPath);
+  return valueForKeyPath(*this, keyPath);
 }
 
 void JSON::setAnyForKeyPath(std::any value, const KeyPath& keyPath) {
@@ -320,9 +318,19 @@ void JSON::setAnyForKeyPath(std::any value, const KeyPath& keyPath) {
   }
 }
 
+namespace {
+constinit std::atomic<KeyPathFailureReporter> keyPathFailureReporter{nullptr};
+}  // namespace
+
+void setKeyPathFailureReporter(KeyPathFailureReporter reporter) noexcept {
+  keyPathFailureReporter.store(reporter, std::memory_order_release);
+}
+
 void JSON::logKeyPathDecodeFailure(const KeyPath& keyPath, const std::exception& error) {
-  log::message("Unable to decode object (" + keyPath.text() + ") to a Codable: " + error.what(),
-               LogFilterKind::error, "subscript(keyPath:)", __LINE__);
+  auto report = keyPathFailureReporter.load(std::memory_order_acquire);
+  if (!report) return;
+  report("Unable to decode object (" + keyPath.text() + ") to a Codable: " + error.what(),
+         "subscript(keyPath:)", __LINE__);
 }
 
 JSON JSON::mapTransform(const std::map<std::string, std::string>& keys,

@@ -21,12 +21,13 @@
 #include "pelora/core/coding.hpp"
 #include "pelora/core/decimal.hpp"
 #include "pelora/core/dictionary.hpp"
+#include "pelora/core/export.hpp"
 #include "pelora/core/key_path.hpp"
 
 namespace pelora {
 
 // Failure to build or edit a JSON value.
-class JSONError : public std::exception {
+class PELORA_API JSONError : public std::exception {
  public:
   enum class Kind { nonJSONType, unknown, incorrectType };
 
@@ -47,7 +48,7 @@ class JSONError : public std::exception {
   std::string message_;
 };
 
-class JSON {
+class PELORA_API JSON {
  public:
   // The six cases, in decoding order (bool is `boolean` here).
   enum class Kind { boolean, number, string, array, object, null };
@@ -140,7 +141,7 @@ class JSON {
   std::string toString(bool pretty = false) const;
   std::string prettyPrint() const { return toString(true); }
 
-  friend bool operator==(const JSON& a, const JSON& b) noexcept;
+  friend PELORA_API bool operator==(const JSON& a, const JSON& b) noexcept;
 
  private:
   using Storage = std::variant<bool, Decimal, std::string, std::shared_ptr<const List>,
@@ -152,9 +153,15 @@ class JSON {
   static void logKeyPathDecodeFailure(const KeyPath& keyPath, const std::exception& error);
 };
 
-void encode(Encoder& encoder, const JSON& json);
-void encode(Encoder& encoder, Null);
-void decode(const JSON& json, JSON& out);
+// Where a key-path lookup that found a value it could not decode is reported. JSON knows no log:
+// the library's logging installs the reporter; until then such failures are silent.
+using KeyPathFailureReporter = void (*)(std::string_view message, std::string_view function,
+                                        int line);
+PELORA_API void setKeyPathFailureReporter(KeyPathFailureReporter reporter) noexcept;
+
+PELORA_API void encode(Encoder& encoder, const JSON& json);
+PELORA_API void encode(Encoder& encoder, Null);
+PELORA_API void decode(const JSON& json, JSON& out);
 
 // ---- Decoding records from JSON -------------------------------------------------------------
 
@@ -173,23 +180,23 @@ void decodeOptional(const JSON& object, std::string_view key, std::optional<T>& 
 
 // ---- Text ---------------------------------------------------------------------------------------
 
-namespace detail {
+// What the templates below call into the library for (text encoding, loosely typed values and
+// the decoding error).
 // The loosely typed form of a value (what dictionaryValue() holds for it).
-std::any looselyTyped(const JSON& json);
+PELORA_API std::any looselyTyped(const JSON& json);
 using EncodeFunction = void (*)(Encoder&, const void*);
 // Appends the text of one value to `out`; on failure leaves `out` as it was and throws JSONError.
 // A value nesting deeper than `maxDepth` levels fails.
-void appendText(std::string& out, bool pretty, EncodeFunction encode, const void* value,
-                int maxDepth);
-[[noreturn]] void throwTypeMismatch(std::string_view expected, const JSON& found);
-}  // namespace detail
+PELORA_API void appendText(std::string& out, bool pretty, EncodeFunction encode, const void* value,
+                           int maxDepth);
+[[noreturn]] PELORA_API void throwTypeMismatch(std::string_view expected, const JSON& found);
 
 // Compact JSON text of any encodable value, or "" when it cannot be encoded.
 template <class T>
 std::string toString(const T& value, bool pretty = false) {
   std::string out;
   try {
-    detail::appendText(
+    appendText(
         out, pretty, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value,
         JSON::maxNestingDepth);
   } catch (const std::exception&) {
@@ -205,7 +212,7 @@ std::string prettyPrint(const T& value) {
 // nests deeper than `maxDepth` levels (text that is to be embedded deeper needs less).
 template <class T>
 void appendJSONText(std::string& out, const T& value, int maxDepth = JSON::maxNestingDepth) {
-  detail::appendText(
+  appendText(
       out, false, [](Encoder& e, const void* v) { e.value(*static_cast<const T*>(v)); }, &value,
       maxDepth);
 }
@@ -275,10 +282,10 @@ T decodeValue(const JSON& json) {
     return json;
   } else if constexpr (std::is_same_v<T, bool>) {
     if (auto b = json.boolValue()) return *b;
-    detail::throwTypeMismatch("a bool", json);
+    throwTypeMismatch("a bool", json);
   } else if constexpr (std::is_integral_v<T>) {
     auto d = json.decimalValue();
-    if (!d || !d->isInteger()) detail::throwTypeMismatch("an integer", json);
+    if (!d || !d->isInteger()) throwTypeMismatch("an integer", json);
     if constexpr (std::is_signed_v<T>) {
       auto v = d->int64Value();
       if (Decimal(v) == *d && v >= std::numeric_limits<T>::min() &&
@@ -288,25 +295,25 @@ T decodeValue(const JSON& json) {
       auto v = d->uint64Value();
       if (Decimal(v) == *d && v <= std::numeric_limits<T>::max()) return static_cast<T>(v);
     }
-    detail::throwTypeMismatch("an integer in range", json);
+    throwTypeMismatch("an integer in range", json);
   } else if constexpr (std::is_same_v<T, float>) {
     if (auto d = json.decimalValue()) return d->floatValue();
-    detail::throwTypeMismatch("a number", json);
+    throwTypeMismatch("a number", json);
   } else if constexpr (std::is_floating_point_v<T>) {
     if (auto d = json.decimalValue()) return static_cast<T>(d->doubleValue());
-    detail::throwTypeMismatch("a number", json);
+    throwTypeMismatch("a number", json);
   } else if constexpr (std::is_same_v<T, Decimal>) {
     if (auto d = json.decimalValue()) return *d;
-    detail::throwTypeMismatch("a number", json);
+    throwTypeMismatch("a number", json);
   } else if constexpr (std::is_same_v<T, std::string>) {
     if (auto s = json.stringPointer()) return *s;
-    detail::throwTypeMismatch("a string", json);
+    throwTypeMismatch("a string", json);
   } else if constexpr (detail::IsOptional<T>::value) {
     if (json.isNull()) return T();
     return T(decodeValue<typename T::value_type>(json));
   } else if constexpr (detail::IsVector<T>::value) {
     const auto* list = json.listPointer();
-    if (!list) detail::throwTypeMismatch("an array", json);
+    if (!list) throwTypeMismatch("an array", json);
     T out;
     out.reserve(list->size());
     for (std::size_t i = 0; i < list->size(); ++i) {
@@ -319,7 +326,7 @@ T decodeValue(const JSON& json) {
     return out;
   } else if constexpr (detail::IsStringMap<T>::value) {
     const auto* map = json.mapPointer();
-    if (!map) detail::throwTypeMismatch("an object", json);
+    if (!map) throwTypeMismatch("an object", json);
     T out;
     for (const auto& [key, member] : *map) {
       try {
@@ -330,7 +337,7 @@ T decodeValue(const JSON& json) {
     }
     return out;
   } else {
-    if (json.kind() != JSON::Kind::object) detail::throwTypeMismatch("an object", json);
+    if (json.kind() != JSON::Kind::object) throwTypeMismatch("an object", json);
     T out{};
     decode(json, out);  // found by argument-dependent lookup
     return out;

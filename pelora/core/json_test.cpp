@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cmath>
 
-#include "pelora/log/log.hpp"
+#include "pelora/platform/logging.hpp"
 #include "tests/support/small_stack.hpp"
 
 namespace pelora {

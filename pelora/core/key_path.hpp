@@ -2,13 +2,15 @@
 // its first component (`current`) and the rest (`remaining`).
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace pelora {
 
-class KeyPath {
+class PELORA_API KeyPath {
  public:
   KeyPath(std::string text) : text_(std::move(text)) {}  // NOLINT(google-explicit-constructor)
   KeyPath(std::string_view text) : text_(text) {}        // NOLINT(google-explicit-constructor)

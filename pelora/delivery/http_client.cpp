@@ -2,10 +2,9 @@
 
 #include <chrono>
 
-#include "pelora/client/configuration.hpp"
-#include "pelora/core/rapidjson_internal.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/state/configuration.hpp"
 
 namespace pelora {
 namespace {
@@ -28,17 +27,6 @@ platform::HttpSessionOptions sessionOptions(const Configuration* configuration) 
     options.caBundle = configuration->values.caBundle;
   }
   return options;
-}
-
-bool isUTF8(const std::string& text) {
-  struct Discard {
-    void Put(char) {}
-  } sink;
-  rapidjson::MemoryStream stream(text.data(), text.size());
-  while (stream.Tell() < text.size()) {
-    if (!rapidjson::UTF8<>::Validate(stream, sink)) return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -178,23 +166,6 @@ void HTTPClient::handleResponse(const std::optional<platform::HttpResponse>& res
     report("Server rejected payload with HTTP code " + code + ".", LogFilterKind::error);
   }
   finish(HTTPResult{HTTPClientErrors::statusCode(status)});
-}
-
-std::string cURL(const platform::HttpRequest& request, bool pretty) {
-  const std::string_view next = pretty ? "\\\n" : "";
-  std::string out = "curl ";
-  out.append(pretty ? "--request " : "-X ");
-  out.append(request.method.empty() ? "POST" : request.method).append(" ").append(next);
-  if (pretty) out.append("--url ");
-  out.append("'").append(request.url).append("' ").append(next);
-  for (const auto& [name, value] : request.headers) {
-    out.append(pretty ? "--header " : "-H ");
-    out.append("'").append(name).append(": ").append(value).append("' ").append(next);
-  }
-  if (!request.body.empty() && isUTF8(request.body)) {
-    out.append("--data '").append(request.body).append("'");
-  }
-  return out;
 }
 
 }  // namespace pelora

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "pelora/core/json.hpp"
-#include "pelora/log/log.hpp"
 #include "pelora/platform/http_session.hpp"
+#include "pelora/platform/logging.hpp"
 
 namespace pelora {
 
@@ -103,8 +103,5 @@ class HTTPClient {
   std::string apiKey_;
   std::weak_ptr<LogSink> log_;
 };
-
-// `request` as a curl command line: pretty puts one option per line, compact keeps one line.
-std::string cURL(const platform::HttpRequest& request, bool pretty);
 
 }  // namespace pelora

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 
-#include "pelora/client/analytics.hpp"
 #include "pelora/delivery/http_client.hpp"
-#include "pelora/delivery/storage.hpp"
+#include "pelora/state/configuration.hpp"
+#include "pelora/state/storage.hpp"
+#include "pelora/state/store.hpp"
 
 namespace pelora {
 namespace {
@@ -38,7 +39,7 @@ PeloraDestination::PeloraDestination()
 
 PeloraDestination::~PeloraDestination() = default;
 
-void PeloraDestination::configure(std::shared_ptr<PeloraAnalytics> analytics) {
+void PeloraDestination::configure(std::shared_ptr<PluginHost> analytics) {
   DestinationPlugin::configure(analytics);
   if (!analytics) return;
   auto configuration = analytics->configuration();

@@ -14,19 +14,20 @@
 #include <string>
 #include <vector>
 
-#include "pelora/client/plugin.hpp"
-#include "pelora/delivery/concurrency.hpp"
-#include "pelora/delivery/storage.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/http_session.hpp"
+#include "pelora/plugin/plugin.hpp"
+#include "pelora/state/storage.hpp"
 
 namespace pelora {
 
 class HTTPClient;
 
-class PeloraDestination : public DestinationPlugin,
-                          public VersionedPlugin,
-                          public std::enable_shared_from_this<PeloraDestination> {
+class PELORA_API PeloraDestination : public DestinationPlugin,
+                                     public VersionedPlugin,
+                                     public std::enable_shared_from_this<PeloraDestination> {
  public:
   // One started upload: the batch file, its task, and what to run when the entry is dropped.
   struct UploadTaskInfo {
@@ -48,7 +49,7 @@ class PeloraDestination : public DestinationPlugin,
 
   // Takes the client's storage, makes an HTTP client with default key and host and starts the
   // flush timer (every flushInterval seconds, on the main queue).
-  void configure(std::shared_ptr<PeloraAnalytics> analytics) override;
+  void configure(std::shared_ptr<PluginHost> analytics) override;
   // Uses "apiKey" and "apiHost" under "Pelora.io"; only both together replace the HTTP client.
   void update(const Settings& settings, UpdateType type) override;
   // Appends the event to the current batch file; flushes here once flushAt events are stored.

@@ -12,8 +12,8 @@
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/delivery/http_client.hpp"
-#include "pelora/delivery/storage.hpp"
 #include "pelora/log/pelora_log.hpp"
+#include "pelora/state/storage.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
 

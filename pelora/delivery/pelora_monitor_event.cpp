@@ -1,7 +1,9 @@
 #include "pelora/delivery/pelora_monitor_event.hpp"
 
-#include "pelora/client/analytics.hpp"
 #include "pelora/delivery/http_client.hpp"
+#include "pelora/state/configuration.hpp"
+#include "pelora/state/storage.hpp"
+#include "pelora/state/store.hpp"
 
 namespace pelora {
 namespace {
@@ -36,12 +38,12 @@ PeloraMonitorEvent::PeloraMonitorEvent()
     : timeline_(std::make_shared<Timeline>()),
       postsInFlight_(std::make_shared<std::atomic<std::size_t>>(0)) {}
 
-std::shared_ptr<PeloraAnalytics> PeloraMonitorEvent::analytics() const {
+std::shared_ptr<PluginHost> PeloraMonitorEvent::analytics() const {
   std::lock_guard lock(mutex_);
   return analytics_;
 }
 
-void PeloraMonitorEvent::setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+void PeloraMonitorEvent::setAnalytics(std::shared_ptr<PluginHost> analytics) {
   std::shared_ptr<HTTPClient> client;
   if (analytics) {
     client = std::make_shared<HTTPClient>(

@@ -10,14 +10,15 @@
 #include <optional>
 #include <string>
 
-#include "pelora/client/plugin.hpp"
-#include "pelora/client/timeline.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/plugin/plugin.hpp"
+#include "pelora/plugin/timeline.hpp"
 
 namespace pelora {
 
 class HTTPClient;
 
-class PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
+class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
  public:
   PeloraMonitorEvent();
 
@@ -26,9 +27,9 @@ class PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
   PluginType type() const override { return PluginType::before; }
   const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
 
-  std::shared_ptr<PeloraAnalytics> analytics() const override;
+  std::shared_ptr<PluginHost> analytics() const override;
   // A client (not an empty one) also brings a fresh HTTP client with default key and host.
-  void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) override;
+  void setAnalytics(std::shared_ptr<PluginHost> analytics) override;
   // Fills apiKey and apiHost from "Pelora.io" like the upload destination; sending ignores them.
   void update(const Settings& settings, UpdateType type) override;
   // Posts the event when there is an HTTP client; returns it unchanged either way.
@@ -45,7 +46,7 @@ class PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
   // Shared with the completions, which may outlive this plugin.
   const std::shared_ptr<std::atomic<std::size_t>> postsInFlight_;
   mutable std::mutex mutex_;
-  std::shared_ptr<PeloraAnalytics> analytics_;
+  std::shared_ptr<PluginHost> analytics_;
   std::shared_ptr<HTTPClient> httpClient_;
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;

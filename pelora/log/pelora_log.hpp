@@ -10,8 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "pelora/client/plugin.hpp"
-#include "pelora/log/log.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/platform/logging.hpp"
+#include "pelora/plugin/plugin.hpp"
 
 namespace pelora {
 
@@ -20,7 +21,7 @@ enum class LoggingType { log, metric, history };
 enum class MetricType { counter, gauge };
 
 // One message as handed to a target.
-struct LogMessage {
+struct PELORA_API LogMessage {
   LogFilterKind kind = LogFilterKind::debug;
   std::string message;
   std::string function;
@@ -30,7 +31,7 @@ struct LogMessage {
 };
 
 // Where messages end up.
-class LogTarget {
+class PELORA_API LogTarget {
  public:
   virtual ~LogTarget() = default;
   virtual void parseLog(const LogMessage& message) = 0;
@@ -39,12 +40,12 @@ class LogTarget {
 };
 
 // Prints one line per message to standard output.
-class ConsoleTarget : public LogTarget {
+class PELORA_API ConsoleTarget : public LogTarget {
  public:
   void parseLog(const LogMessage& message) override;
 };
 
-class PeloraLog : public Plugin, public UtilityPlugin {
+class PELORA_API PeloraLog : public Plugin, public UtilityPlugin {
  public:
   using TargetTable = std::map<LoggingType, std::vector<std::shared_ptr<LogTarget>>>;
 

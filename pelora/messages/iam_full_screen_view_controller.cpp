@@ -2,10 +2,10 @@
 
 #include <chrono>
 
-#include "pelora/log/log.hpp"
 #include "pelora/messages/iam_manager.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/http_session.hpp"
+#include "pelora/platform/logging.hpp"
 
 namespace pelora {
 namespace {
@@ -15,7 +15,7 @@ using platform::ui::NavigationActionPolicy;
 using platform::ui::Rect;
 
 void print(std::string_view line) {
-  if (log::debugEnabled()) platform::printLine(line);
+  log::debugPrint(line);
 }
 
 std::string format(double value) {

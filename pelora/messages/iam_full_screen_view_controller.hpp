@@ -9,13 +9,14 @@
 #include <optional>
 #include <string>
 
+#include "pelora/core/export.hpp"
 #include "pelora/messages/iam_records.hpp"
 #include "pelora/platform/ui.hpp"
 
 namespace pelora {
 
-class IAMFullScreenViewController : public platform::ui::ViewController,
-                                    public platform::ui::NavigationDelegate {
+class PELORA_API IAMFullScreenViewController : public platform::ui::ViewController,
+                                               public platform::ui::NavigationDelegate {
  public:
   // "Tự động đóng sau " + seconds + "s".
   static std::string countdownText(std::int64_t seconds);

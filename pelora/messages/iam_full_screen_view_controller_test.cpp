@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "pelora/log/log.hpp"
 #include "pelora/messages/iam_manager.hpp"
+#include "pelora/platform/logging.hpp"
 #include "tests/support/iam.hpp"
 
 namespace pelora {

@@ -1,14 +1,14 @@
 #include "pelora/messages/iam_manager.hpp"
+#include "pelora/core/fatal_error.hpp"
 
 #include <algorithm>
 #include <cctype>
 
 #include "pelora/core/service_hosts.hpp"
-#include "pelora/delivery/http_client.hpp"
-#include "pelora/log/log.hpp"
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/logging.hpp"
 
 namespace pelora {
 namespace {
@@ -16,7 +16,7 @@ namespace {
 using namespace std::chrono_literals;
 
 void print(std::string_view line) {
-  if (log::debugEnabled()) platform::printLine(line);
+  log::debugPrint(line);
 }
 
 std::string lowercased(std::string text) {
@@ -283,7 +283,7 @@ void IAMManager::present(const IAMData& data, const std::string& title) {
   controller->iamData = data;
   const auto windows = platform::ui::Application::shared()->windows();
   if (windows.empty()) {
-    platform::fatalError("IAMManager: the application has no window to present a message in");
+    fatalError("IAMManager: the application has no window to present a message in");
   }
   const auto root = windows.front()->rootViewController;
   // Without a root view controller the message is lost, and nothing more is shown until a
@@ -325,7 +325,7 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   request.method = "GET";
   request.url = *url;
   request.timeout = 60s;
-  print(cURL(request, true));
+  print(platform::cURL(request, true));
   auto task = session->dataTask(std::move(request), [](const auto& response, const auto& error) {
     if (error) {
       print("Error uploading request " + error->description);

@@ -14,14 +14,15 @@
 #include <string>
 #include <vector>
 
-#include "pelora/delivery/concurrency.hpp"
+#include "pelora/core/export.hpp"
 #include "pelora/messages/iam_records.hpp"
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/http_session.hpp"
 #include "pelora/platform/ui.hpp"
 
 namespace pelora {
 
-class IAMManager : public std::enable_shared_from_this<IAMManager> {
+class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
  public:
   // What the client's start-up hands over.
   struct Setup {

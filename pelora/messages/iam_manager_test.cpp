@@ -5,8 +5,8 @@
 #include <fstream>
 
 #include "pelora/client/analytics.hpp"
-#include "pelora/log/log.hpp"
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
+#include "pelora/platform/logging.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tests/support/waiting.hpp"

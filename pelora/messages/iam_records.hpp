@@ -8,12 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
 
 namespace pelora {
 
 // The message body.
-struct IAMMessage {
+struct PELORA_API IAMMessage {
   std::optional<std::string> htmlContent;  // the HTML document the full-screen view loads
   JSON jsonContent;                        // free-form content; required
 
@@ -21,7 +22,7 @@ struct IAMMessage {
 };
 
 // One message and how it is activated and closed.
-struct IAMData {
+struct PELORA_API IAMData {
   std::optional<std::string> activeType;     // "time" (any letter case) delays it by activeValue s
   std::optional<std::int64_t> closingAfter;  // seconds until the view closes itself
   std::optional<std::int64_t> activeValue;
@@ -37,7 +38,7 @@ struct IAMData {
 };
 
 // The answer to a pull.
-struct IAMResponse {
+struct PELORA_API IAMResponse {
   std::optional<std::string> data;     // JSON text of an IAMData
   std::optional<std::string> message;  // the service's own text; not interpreted
   std::optional<std::string> code;     // "OK" when a message was delivered
@@ -50,14 +51,14 @@ struct IAMResponse {
 
 // Each key may be missing or null (absent); a value of another type fails the whole record
 // (DecodingError). The integer keys take only integers. Unknown keys are ignored.
-void decode(const JSON& json, IAMMessage& message);
-void decode(const JSON& json, IAMData& data);
-void decode(const JSON& json, IAMResponse& response);
+PELORA_API void decode(const JSON& json, IAMMessage& message);
+PELORA_API void decode(const JSON& json, IAMData& data);
+PELORA_API void decode(const JSON& json, IAMResponse& response);
 
 // How the manager prints them: `IAMResponse(data: "...", message: nil, code: "OK")`.
-std::string description(const IAMResponse& response);
+PELORA_API std::string description(const IAMResponse& response);
 // An optional as it prints in a debug line: the value, or "nil".
-std::string description(const std::optional<std::string>& value);
-std::string description(const std::optional<std::int64_t>& value);
+PELORA_API std::string description(const std::optional<std::string>& value);
+PELORA_API std::string description(const std::optional<std::int64_t>& value);
 
 }  // namespace pelora

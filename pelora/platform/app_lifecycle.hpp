@@ -3,13 +3,15 @@
 // the did/will functions from any thread; observers run later on the main queue.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 namespace pelora::platform {
 
-class AppLifecycle {
+class PELORA_API AppLifecycle {
  public:
   enum class State { active, inactive, background };
   using ObserverToken = std::uint64_t;

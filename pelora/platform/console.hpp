@@ -1,15 +1,30 @@
-// The console: whole lines to standard output under one lock, so lines printed from several
-// threads never interleave; and the fatal-error exit for programming errors.
+// The console: where every line the library prints goes. By default whole lines to standard output
+// under one lock, so lines printed from several threads never interleave; a host may take the
+// lines instead with setLogHandler.
 #pragma once
 
+#include <functional>
 #include <string_view>
 
-namespace pelora::platform {
+#include "pelora/core/export.hpp"
 
-// Writes `line` and a newline to standard output as one unit.
-void printLine(std::string_view line);
+namespace pelora {
 
-// Prints `message` to standard error and aborts: for programming errors only.
-[[noreturn]] void fatalError(std::string_view message);
+// How serious a line of the library's output is.
+enum class LogLevel { error, warning, info, debug };
 
-}  // namespace pelora::platform
+// Receives each line the library prints or logs, without the newline. It runs on the thread that
+// wrote the line (any of the library's threads), so it must be thread-safe and must not block.
+using LogHandler = std::function<void(LogLevel level, std::string_view message)>;
+
+namespace platform {
+
+// From now on every line goes to `handler` and nothing of the library's to standard output; an
+// empty handler restores the console. Lines already being written finish where they started.
+PELORA_API void setLogHandler(LogHandler handler);
+
+// Writes `line` to the host's handler, or with a newline to standard output as one unit.
+PELORA_API void printLine(std::string_view line, LogLevel level = LogLevel::info);
+
+}  // namespace platform
+}  // namespace pelora

@@ -3,6 +3,7 @@
 // Every scheduler object here is created on first use and leaked, so exit() never waits on or
 // destroys anything a worker still touches.
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/core/fatal_error.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -187,7 +188,7 @@ class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<
   }
 
  protected:
-  void runSync(const std::function<void()>& block) override {
+  void runSync(BlockRef block) override {
     if (threadRuns(this)) {
       fatalError("SerialQueue::sync on queue '" + label() +
                  "' from a task already running on it: that would deadlock");
@@ -253,7 +254,7 @@ class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<
     return true;
   }
 
-  void runOwned(const std::function<void()>& block) {
+  void runOwned(BlockRef block) {
     struct Release {
       QueueImpl* queue;
       ~Release() { queue->release(); }

@@ -7,6 +7,8 @@
 // host may call exit() while tasks run.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -23,7 +25,7 @@ using Task = std::function<void()>;
 // Follows the subsystem prefix in the library's queue labels ("state.update." + suffix).
 inline constexpr std::string_view queueLabelSuffix = "com.pelora.analytics";
 
-class SerialQueue {
+class PELORA_API SerialQueue {
  public:
   static std::shared_ptr<SerialQueue> create(std::string label);
   // The process-wide main queue: run by a library thread unless a host executor is set.
@@ -45,10 +47,11 @@ class SerialQueue {
   template <class F>
   std::invoke_result_t<F&> sync(F&& block) {
     if constexpr (std::is_void_v<std::invoke_result_t<F&>>) {
-      runSync([&] { block(); });
+      runSync(BlockRef(block));
     } else {
       std::optional<std::invoke_result_t<F&>> result;
-      runSync([&] { result.emplace(block()); });
+      auto store = [&] { result.emplace(block()); };
+      runSync(BlockRef(store));
       return std::move(*result);
     }
   }
@@ -57,22 +60,35 @@ class SerialQueue {
 
  protected:
   explicit SerialQueue(std::string label) : label_(std::move(label)) {}
-  virtual void runSync(const std::function<void()>& block) = 0;
+  // The caller's block, borrowed for the duration of runSync: no copy, no allocation.
+  class __attribute__((visibility("hidden"))) BlockRef {
+   public:
+    template <class F>
+    explicit BlockRef(F& block) noexcept
+        : invoke_([](const void* context) { (*static_cast<F*>(const_cast<void*>(context)))(); }),
+          context_(std::addressof(block)) {}
+    void operator()() const { invoke_(context_); }
+
+   private:
+    void (*invoke_)(const void* context);
+    const void* context_;
+  };
+  virtual void runSync(BlockRef block) = 0;
 
  private:
   std::string label_;
 };
 
 // Runs `task` on `queue` once `delay` has passed.
-void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseconds delay,
-                Task task);
+PELORA_API void asyncAfter(const std::shared_ptr<SerialQueue>& queue,
+                           std::chrono::nanoseconds delay, Task task);
 
 // A repeating (or one-shot) timer that runs its handler on a queue, like a dispatch timer source:
 // created suspended; `resume` starts it; `cancel` stops it for good (a handler already running
 // finishes; one submitted but not yet started is skipped). Releasing the last reference cancels
 // it. A firing is not submitted while the previous one has not started yet, so slow handlers
 // never pile up. Deadlines are kept by one process-wide timer thread.
-class TimerSource {
+class PELORA_API TimerSource {
  public:
   static std::shared_ptr<TimerSource> create(std::shared_ptr<SerialQueue> queue);
   virtual ~TimerSource() = default;

@@ -21,6 +21,7 @@
 #include <set>
 #include <thread>
 
+#include "pelora/core/coding.hpp"
 #include "pelora/platform/console.hpp"
 
 namespace pelora::platform {
@@ -800,6 +801,23 @@ std::string percentEncoded(std::string_view text) {
   CurlString escaped{curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()))};
   if (!escaped.text) throw std::bad_alloc();
   return escaped.text;
+}
+
+std::string cURL(const HttpRequest& request, bool pretty) {
+  const std::string_view next = pretty ? "\\\n" : "";
+  std::string out = "curl ";
+  out.append(pretty ? "--request " : "-X ");
+  out.append(request.method.empty() ? "POST" : request.method).append(" ").append(next);
+  if (pretty) out.append("--url ");
+  out.append("'").append(request.url).append("' ").append(next);
+  for (const auto& [name, value] : request.headers) {
+    out.append(pretty ? "--header " : "-H ");
+    out.append("'").append(name).append(": ").append(value).append("' ").append(next);
+  }
+  if (!request.body.empty() && isValidUTF8(request.body)) {
+    out.append("--data '").append(request.body).append("'");
+  }
+  return out;
 }
 
 }  // namespace pelora::platform

@@ -3,6 +3,8 @@
 // The session owns its connections; in-flight tasks finish even after the last session handle goes.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -17,7 +19,7 @@ namespace pelora::platform {
 // Header fields in order; names compare case-insensitively.
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-struct HttpSessionOptions {
+struct PELORA_API HttpSessionOptions {
   // Idle limit: a transfer fails when no byte moves for this long (also bounds connecting).
   std::chrono::milliseconds requestTimeout{std::chrono::seconds(60)};
   // Limit on a whole transfer, queueing for a connection included.
@@ -35,7 +37,7 @@ struct HttpSessionOptions {
   bool ephemeral = true;
 };
 
-struct HttpRequest {
+struct PELORA_API HttpRequest {
   std::string method = "GET";
   std::string url;  // absolute
   HttpHeaders headers;
@@ -44,7 +46,7 @@ struct HttpRequest {
   std::optional<std::chrono::milliseconds> timeout;
 };
 
-struct HttpResponse {
+struct PELORA_API HttpResponse {
   int status = 0;
   HttpHeaders headers;  // of the final response, in arrival order
   std::string body;
@@ -53,7 +55,7 @@ struct HttpResponse {
   std::optional<std::string> header(std::string_view name) const;
 };
 
-struct HttpError {
+struct PELORA_API HttpError {
   enum class Code {
     cancelled,
     timedOut,
@@ -75,7 +77,7 @@ struct HttpError {
 using HttpCompletion =
     std::function<void(const std::optional<HttpResponse>&, const std::optional<HttpError>&)>;
 
-class HttpTask {
+class PELORA_API HttpTask {
  public:
   enum class State { running, suspended, canceling, completed };
 
@@ -94,7 +96,7 @@ class HttpTask {
   HttpTask() = default;
 };
 
-class HttpSession {
+class PELORA_API HttpSession {
  public:
   static std::shared_ptr<HttpSession> create(HttpSessionOptions options = {});
 
@@ -114,13 +116,16 @@ class HttpSession {
 };
 
 // Parses and normalises an absolute http(s) URL; nothing when it is not one.
-std::optional<std::string> normalizedURL(std::string_view text);
+PELORA_API std::optional<std::string> normalizedURL(std::string_view text);
 // Whether `text` is an absolute URL of any scheme ("pelora://exit", "mailto:a@b").
-bool isAbsoluteURL(std::string_view text);
+PELORA_API bool isAbsoluteURL(std::string_view text);
 // "https://" + host (may carry ":port") + path, normalised; nothing when the host or path is
 // malformed or the host is empty.
-std::optional<std::string> httpsURL(std::string_view host, std::string_view path);
+PELORA_API std::optional<std::string> httpsURL(std::string_view host, std::string_view path);
 // Percent-encodes every byte except unreserved ones (A-Z a-z 0-9 - . _ ~), for one URL component.
-std::string percentEncoded(std::string_view text);
+PELORA_API std::string percentEncoded(std::string_view text);
+
+// `request` as a curl command line: pretty puts one option per line, compact keeps one line.
+PELORA_API std::string cURL(const HttpRequest& request, bool pretty);
 
 }  // namespace pelora::platform

@@ -2,11 +2,13 @@
 // directory (user-defaults suites). Defaults follow the user's home; a host or a test may set both.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <filesystem>
 
 namespace pelora::platform {
 
-struct Paths {
+struct PELORA_API Paths {
   std::filesystem::path documents;    // default: $HOME/Documents
   std::filesystem::path preferences;  // default: $XDG_CONFIG_HOME, else $HOME/.config
 

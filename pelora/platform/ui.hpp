@@ -8,6 +8,8 @@
 // subclasses them and mirrors each change onto real widgets through the protected hooks.
 #pragma once
 
+#include "pelora/core/export.hpp"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -17,13 +19,13 @@
 
 namespace pelora::platform::ui {
 
-struct Point {
+struct PELORA_API Point {
   double x = 0;
   double y = 0;
   friend bool operator==(const Point&, const Point&) = default;
 };
 
-struct Rect {
+struct PELORA_API Rect {
   double x = 0;
   double y = 0;
   double width = 0;
@@ -32,7 +34,7 @@ struct Rect {
   friend bool operator==(const Rect&, const Rect&) = default;
 };
 
-struct EdgeInsets {
+struct PELORA_API EdgeInsets {
   double top = 0;
   double left = 0;
   double bottom = 0;
@@ -41,7 +43,7 @@ struct EdgeInsets {
 };
 
 // Components from 0 to 1.
-struct Color {
+struct PELORA_API Color {
   double red = 0;
   double green = 0;
   double blue = 0;
@@ -58,7 +60,7 @@ enum class ModalPresentationStyle { fullScreen, overCurrentContext };
 enum class ModalTransitionStyle { coverVertical, crossDissolve };
 enum class NavigationActionPolicy { cancel, allow };
 
-class View {
+class PELORA_API View {
  public:
   explicit View(Rect frame = {}) : frame_(frame) {}
   virtual ~View() = default;
@@ -95,7 +97,7 @@ class View {
   std::vector<std::shared_ptr<View>> subviews_;
 };
 
-class Label : public View {
+class PELORA_API Label : public View {
  public:
   using View::View;
 
@@ -122,7 +124,7 @@ class Label : public View {
 class WebView;
 
 // Decides every navigation of a web view, its first load included.
-class NavigationDelegate {
+class PELORA_API NavigationDelegate {
  public:
   virtual ~NavigationDelegate() = default;
   // `url` is the navigation's target (nothing when it has none); `decide` must be called once.
@@ -130,7 +132,7 @@ class NavigationDelegate {
                             std::function<void(NavigationActionPolicy)> decide) = 0;
 };
 
-class WebView : public View {
+class PELORA_API WebView : public View {
  public:
   using View::View;
 
@@ -159,7 +161,7 @@ class WebView : public View {
 
 class Application;
 
-class ViewController : public std::enable_shared_from_this<ViewController> {
+class PELORA_API ViewController : public std::enable_shared_from_this<ViewController> {
  public:
   ViewController() = default;
   virtual ~ViewController() = default;
@@ -197,12 +199,12 @@ class ViewController : public std::enable_shared_from_this<ViewController> {
   std::weak_ptr<ViewController> presenting_;
 };
 
-struct Window {
+struct PELORA_API Window {
   std::shared_ptr<ViewController> rootViewController;
 };
 
 // A timer on the main queue, scheduled through the application.
-class Timer {
+class PELORA_API Timer {
  public:
   virtual ~Timer() = default;
   // Stops it for good; a firing that has not started yet does not run.
@@ -211,7 +213,7 @@ class Timer {
 };
 
 // The toolkit: what a phone's application object and its run loop offer. One per process.
-class Application {
+class PELORA_API Application {
  public:
   virtual ~Application() = default;
 
@@ -247,7 +249,7 @@ class Application {
 // The default toolkit: one window of the given screen size with a root view controller, nothing
 // drawn, everything kept for reading. URLs that can be opened are recorded as opened. Tests may
 // run its timers on a manual clock.
-class HeadlessApplication : public Application {
+class PELORA_API HeadlessApplication : public Application {
  public:
   // A screen without bars by default (a server host has none).
   explicit HeadlessApplication(Rect screen = {0, 0, 390, 844}, EdgeInsets safeArea = {});

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "pelora/core/dictionary.hpp"
+#include "pelora/core/export.hpp"
 
 namespace pelora {
 
@@ -18,13 +19,13 @@ namespace pelora {
 using LaunchOptions = std::map<std::string, std::any>;
 
 // A notification as it arrives at a service extension.
-struct NotificationRequest {
+struct PELORA_API NotificationRequest {
   std::string identifier;
   Dictionary userInfo;
 };
 
 // What a notification shows; a service extension may change it before delivery.
-struct NotificationContent {
+struct PELORA_API NotificationContent {
   std::string title;
   std::string body;
   Dictionary userInfo;
@@ -33,7 +34,7 @@ struct NotificationContent {
 // Receives the content to deliver once an extension is done with it.
 using ContentHandler = std::function<void(const NotificationContent&)>;
 
-class PushProvider {
+class PELORA_API PushProvider {
  public:
   virtual ~PushProvider() = default;
 
@@ -57,7 +58,7 @@ class PushProvider {
 };
 
 // The provider in place until a host registers one: no push, no user id, permission refused.
-class NullPushProvider : public PushProvider {
+class PELORA_API NullPushProvider : public PushProvider {
  public:
   void setLogLevel(int, int) override {}
   void initWithLaunchOptions(const std::optional<LaunchOptions>&) override {}
@@ -75,7 +76,7 @@ class NullPushProvider : public PushProvider {
   std::optional<std::string> deviceUserId() override { return std::nullopt; }
 };
 
-class AppPushManager {
+class PELORA_API AppPushManager {
  public:
   // Registers the process-wide provider; an empty pointer puts the NullPushProvider back.
   static void setProvider(std::shared_ptr<PushProvider> provider);

@@ -1,4 +1,5 @@
 #include "pelora/state/store.hpp"
+#include "pelora/core/fatal_error.hpp"
 
 #include <atomic>
 #include <limits>
@@ -17,7 +18,7 @@ std::int64_t takeSubscriptionID() {
   std::int64_t id = nextSubscriptionID.load();
   do {
     if (id == std::numeric_limits<std::int64_t>::max()) {
-      platform::fatalError("Store: subscription identifiers overflowed");
+      fatalError("Store: subscription identifiers overflowed");
     }
   } while (!nextSubscriptionID.compare_exchange_weak(id, id + 1));
   return id;
@@ -169,8 +170,8 @@ std::function<void(std::any)> Store::stateReplacer(std::type_index type) const {
 std::int64_t Store::subscribeErased(const std::shared_ptr<Subscriber>& owner, bool initialState,
                                     std::shared_ptr<platform::SerialQueue> queue,
                                     std::type_index type, ErasedHandler handler) {
-  if (!owner) platform::fatalError("Store::subscribe needs an owner");
-  if (!queue) platform::fatalError("Store::subscribe needs a queue for the handler");
+  if (!owner) fatalError("Store::subscribe needs an owner");
+  if (!queue) fatalError("Store::subscribe needs a queue for the handler");
   return core_->subscribe(owner, initialState, std::move(queue), type, std::move(handler));
 }
 

@@ -15,6 +15,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "pelora/core/export.hpp"
 #include "pelora/platform/dispatch.hpp"
 
 namespace pelora {
@@ -23,7 +24,7 @@ namespace pelora {
 struct IState {};
 
 // Owns store subscriptions; the store holds owners weakly, so a dead owner's handlers stop.
-class Subscriber {
+class PELORA_API Subscriber {
  public:
   virtual ~Subscriber() = default;
 };
@@ -75,7 +76,7 @@ concept DeducibleHandler = requires {
 &&std::derived_from<typename HandlerParameter<std::remove_cvref_t<F>>::type, IState>;
 }  // namespace detail
 
-class Store {
+class PELORA_API Store {
  public:
   Store();
   ~Store();

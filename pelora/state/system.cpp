@@ -1,8 +1,8 @@
 #include "pelora/state/system.hpp"
 
 #include "pelora/core/service_hosts.hpp"
-#include "pelora/delivery/storage.hpp"
 #include "pelora/platform/uuid.hpp"
+#include "pelora/state/storage.hpp"
 
 namespace pelora {
 

@@ -7,16 +7,17 @@
 #include <optional>
 #include <string>
 
-#include "pelora/client/configuration.hpp"
+#include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
-#include "pelora/delivery/settings.hpp"
+#include "pelora/state/configuration.hpp"
+#include "pelora/state/settings.hpp"
 #include "pelora/state/store.hpp"
 
 namespace pelora {
 
 class Storage;
 
-struct System : IState {
+struct PELORA_API System : IState {
   std::shared_ptr<Configuration> configuration;
   std::optional<Settings> settings;
   bool running = false;
@@ -44,7 +45,7 @@ struct System : IState {
   };
 };
 
-struct UserInfo : IState {
+struct PELORA_API UserInfo : IState {
   std::string anonymousId;
   std::optional<std::string> userId;
   std::optional<JSON> traits;
@@ -63,7 +64,7 @@ struct UserInfo : IState {
   }
 };
 
-void encode(Encoder& encoder, const UserInfo& userInfo);
-void decode(const JSON& json, UserInfo& userInfo);
+PELORA_API void encode(Encoder& encoder, const UserInfo& userInfo);
+PELORA_API void decode(const JSON& json, UserInfo& userInfo);
 
 }  // namespace pelora

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "pelora/core/service_hosts.hpp"
-#include "pelora/delivery/storage.hpp"
+#include "pelora/state/storage.hpp"
 #include "tests/support/temp_directory.hpp"
 
 namespace pelora {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "pelora/core/events.hpp"
-#include "pelora/delivery/settings.hpp"
+#include "pelora/state/settings.hpp"
 #include "tests/fuzz/fuzz_support.hpp"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <set>
 #include <string>
 
-#include "pelora/delivery/storage.hpp"
+#include "pelora/state/storage.hpp"
 #include "tests/fuzz/fuzz_support.hpp"
 
 namespace {

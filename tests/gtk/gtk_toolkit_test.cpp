@@ -14,9 +14,9 @@
 #include <string>
 #include <thread>
 
-#include "pelora/log/log.hpp"
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
 #include "pelora/platform/gtk/gtk_toolkit.hpp"
+#include "pelora/platform/logging.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 

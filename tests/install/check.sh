@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Installs a built tree into a temporary prefix and builds this folder's consumer against it three
 # ways: find_package with the shared library (the default), find_package with
-# pelora_USE_STATIC_LIBS=ON, and plain g++ with pkg-config. Each one must run and print 42.
+# pelora_USE_STATIC_LIBS=ON, and plain g++ with pkg-config. Each one must run and print 42. The
+# shared ones are built as on a machine without our dependencies' development files (CMake may not
+# find libcurl or OpenSSL, pkg-config sees only our pelora.pc). Also checks the installed header
+# set: each header compiles on its own, none of ours is private, and <pelora/pelora.hpp> pulls in
+# no third-party header.
 #
 # usage: tests/install/check.sh BUILD_DIR
 # Environment (each unset one is read from BUILD_DIR/CMakeCache.txt):
@@ -55,21 +59,32 @@ needs_libpelora() {
 step "cmake --install $build --prefix $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; exit 1; }
 
-# The header set: the generated one is there, the private ones are not.
-[ -f "$prefix/include/pelora/core/service_hosts.hpp" ] \
-  || { echo "install check: include/pelora/core/service_hosts.hpp is missing" >&2; exit 1; }
+# The header set: no private ones; each compiles alone; no third-party header behind pelora.hpp.
 private=$(cd "$prefix/include" && find pelora \( -name '*_test*' -o -name '*_internal.hpp' \
-  -o -path '*/detail/*' \) -print)
+  -o -path '*/detail/*' -o -name http_client.hpp -o -name user_defaults.hpp \) -print)
 [ -z "$private" ] || { echo "install check: private headers installed:" >&2; echo "$private" >&2; exit 1; }
+step "each installed header on its own"
+while IFS= read -r header; do
+  case $header in pelora/platform/gtk/*) continue ;; esac
+  echo "#include <$header>" | "$CXX" -std=c++20 -fsyntax-only -Wall -Wextra -Werror \
+    -I"$prefix/include" -x c++ - || { echo "install check: $header does not compile alone" >&2; exit 1; }
+done < <(cd "$prefix/include" && find pelora -name '*.hpp' | sort)
+third_party=$(echo '#include <pelora/pelora.hpp>' | "$CXX" -std=c++20 -M -I"$prefix/include" -x c++ - \
+  | tr ' \\' '\n\n' | grep -E '/(rapidjson|curl|openssl|uuid|glib-2.0|gtk-3.0|webkitgtk[^/]*)/' || true)
+[ -z "$third_party" ] || { echo "install check: pelora.hpp includes:" >&2; echo "$third_party" >&2; exit 1; }
 
 for variant in shared static; do
   static=OFF
   [ "$variant" = static ] && static=ON
   step "find_package(pelora), pelora_USE_STATIC_LIBS=$static"
+  # The shared consumer as if libcurl's, OpenSSL's and libuuid's development files were missing.
+  hide=()
+  [ "$variant" = shared ] && hide=(-DCMAKE_DISABLE_FIND_PACKAGE_CURL=ON
+    -DCMAKE_DISABLE_FIND_PACKAGE_OpenSSL=ON -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON)
   cmake -S "$here" -B "$work/$variant" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_BUILD_TYPE="$CMAKE_BUILD_TYPE" \
-    -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -Dpelora_USE_STATIC_LIBS=$static >"$work/$variant.log" \
-    || { cat "$work/$variant.log"; exit 1; }
+    -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -Dpelora_USE_STATIC_LIBS=$static "${hide[@]}" \
+    >"$work/$variant.log" || { cat "$work/$variant.log"; exit 1; }
   cmake --build "$work/$variant"
   if [ "$variant" = shared ]; then needs_libpelora cmake-shared yes "$work/shared/pelora_consumer"
   else needs_libpelora cmake-static no "$work/static/pelora_consumer"; fi
@@ -79,10 +94,14 @@ done
 step "pkg-config"
 pc=$(find "$prefix" -name pelora.pc -path '*/pkgconfig/*' -print -quit)
 [ -n "$pc" ] || { echo "install check: pelora.pc was not installed" >&2; exit 1; }
-libdir=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --variable=libdir pelora)
+# Only our .pc file is visible, as on a machine without the dependencies' development files.
+export PKG_CONFIG_LIBDIR
+PKG_CONFIG_LIBDIR=$(dirname "$pc")
+libdir=$(pkg-config --variable=libdir pelora)
 # shellcheck disable=SC2046,SC2086  # flags are word lists
-"$CXX" -std=c++20 $CXXFLAGS "$here/main.cpp" \
-  $(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --cflags --libs pelora) -o "$work/pkgconfig_consumer"
+"$CXX" -std=c++20 $CXXFLAGS "$here/main.cpp" $(pkg-config --cflags --libs pelora) \
+  -o "$work/pkgconfig_consumer"
+unset PKG_CONFIG_LIBDIR
 needs_libpelora pkg-config yes "$work/pkgconfig_consumer"
 expect_42 pkg-config env LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
   "$work/pkgconfig_consumer"

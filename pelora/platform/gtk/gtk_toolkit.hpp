@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "pelora/core/export.hpp"
 #include "pelora/platform/ui.hpp"
 
 namespace pelora::gtk {
@@ -25,18 +26,18 @@ namespace pelora::gtk {
 // Makes the WebKitGTK toolkit the shared one, with `hostWindow` as the first window (its size is
 // the screen that messages fill), and hands the main queue to GLib's default main context. Call
 // once, on the GTK thread, after gtk_init and before creating the client.
-std::shared_ptr<platform::ui::Application> install(GtkWindow* hostWindow);
+PELORA_API std::shared_ptr<platform::ui::Application> install(GtkWindow* hostWindow);
 
 // Opens URLs with `handler` (which says whether it could) instead of GIO's default application.
-void setOpenURLHandler(std::function<bool(const std::string& url)> handler);
+PELORA_API void setOpenURLHandler(std::function<bool(const std::string& url)> handler);
 
 // The window that shows `controller`, or null when it is not on screen.
-GtkWindow* windowOf(const platform::ui::ViewController& controller);
+PELORA_API GtkWindow* windowOf(const platform::ui::ViewController& controller);
 
 // The WebKit view behind a web view of this toolkit, or null for another kind.
-WebKitWebView* webKitViewOf(const platform::ui::WebView& webView);
+PELORA_API WebKitWebView* webKitViewOf(const platform::ui::WebView& webView);
 
 // Saves what `window` shows as a PNG file; false when it cannot.
-bool saveScreenshot(GtkWindow* window, const std::string& path);
+PELORA_API bool saveScreenshot(GtkWindow* window, const std::string& path);
 
 }  // namespace pelora::gtk

@@ -1,4 +1,5 @@
-#include "pelora/delivery/settings.hpp"
+#include "pelora/state/settings.hpp"
+#include "pelora/core/fatal_error.hpp"
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/platform/console.hpp"
@@ -11,7 +12,7 @@ Settings::Settings(const std::string& writeKey, const std::string& apiHost) {
         {"Pelora.io", Dictionary{{"apiKey", writeKey}, {"apiHost", apiHost}}},
     });
   } catch (const std::exception& error) {
-    platform::fatalError(std::string("Settings: ") + error.what());
+    fatalError(std::string("Settings: ") + error.what());
   }
 }
 

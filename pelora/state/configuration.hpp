@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "pelora/delivery/settings.hpp"
+#include "pelora/core/export.hpp"
 #include "pelora/platform/paths.hpp"
+#include "pelora/state/settings.hpp"
 
 namespace pelora {
 
-class Configuration {
+class PELORA_API Configuration {
  public:
   struct Values {
     std::string writeKey;

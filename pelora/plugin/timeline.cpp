@@ -1,8 +1,10 @@
-#include "pelora/client/timeline.hpp"
+#include "pelora/plugin/timeline.hpp"
 
 #include <algorithm>
 
-#include "pelora/client/analytics.hpp"
+#include "pelora/state/configuration.hpp"
+#include "pelora/state/storage.hpp"
+#include "pelora/state/store.hpp"
 
 namespace pelora {
 
@@ -40,7 +42,7 @@ void DestinationPlugin::remove(const std::shared_ptr<Plugin>& plugin) {
   timeline_->remove(plugin);
 }
 
-void DestinationPlugin::configure(std::shared_ptr<PeloraAnalytics> analytics) {
+void DestinationPlugin::configure(std::shared_ptr<PluginHost> analytics) {
   setAnalytics(analytics);
   apply([&](const std::shared_ptr<Plugin>& plugin) { plugin->configure(analytics); });
 }

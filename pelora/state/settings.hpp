@@ -6,11 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
 
 namespace pelora {
 
-struct Settings {
+struct PELORA_API Settings {
   std::optional<JSON> integrations;
   std::optional<JSON> plan;
   std::optional<JSON> edgeFunction;
@@ -44,9 +45,9 @@ struct Settings {
 };
 
 // Writes only the fields that are present.
-void encode(Encoder& encoder, const Settings& settings);
+PELORA_API void encode(Encoder& encoder, const Settings& settings);
 // Each key is read on its own; a missing or unreadable one leaves that field absent. Never throws
 // for an object.
-void decode(const JSON& json, Settings& settings);
+PELORA_API void decode(const JSON& json, Settings& settings);
 
 }  // namespace pelora

@@ -1,9 +1,9 @@
-#include "pelora/log/log.hpp"
+#include "pelora/platform/logging.hpp"
 
 #include <atomic>
 #include <string>
 
-#include "pelora/platform/console.hpp"
+#include "pelora/core/json.hpp"
 
 namespace pelora {
 
@@ -20,15 +20,34 @@ std::string_view name(std::optional<LogFilterKind> kind) noexcept {
   return "log";
 }
 
+LogLevel logLevel(std::optional<LogFilterKind> kind) noexcept {
+  if (!kind) return LogLevel::info;
+  switch (*kind) {
+    case LogFilterKind::error:
+      return LogLevel::error;
+    case LogFilterKind::warning:
+      return LogLevel::warning;
+    case LogFilterKind::debug:
+      return LogLevel::debug;
+  }
+  return LogLevel::info;
+}
+
 }  // namespace pelora
 
 namespace pelora::log {
 namespace {
 std::atomic<bool> debugFlag{false};
 
+void reportKeyPathFailure(std::string_view text, std::string_view function, int line) {
+  message(text, LogFilterKind::error, function, line);
+}
+
 }  // namespace
 
 void setDebugEnabled(bool enabled) noexcept {
+  // JSON lives below the log and cannot call it; its failures matter only while lines print.
+  if (enabled) setKeyPathFailureReporter(&reportKeyPathFailure);
   debugFlag.store(enabled, std::memory_order_relaxed);
 }
 
@@ -42,7 +61,11 @@ void message(std::string_view message, std::optional<LogFilterKind> kind, std::s
   std::string text = "[pelora ";
   text.append(pelora::name(kind)).append("] ").append(function).append(":");
   text.append(std::to_string(line)).append(" ").append(message);
-  platform::printLine(text);
+  platform::printLine(text, logLevel(kind));
+}
+
+void debugPrint(std::string_view line) {
+  if (debugEnabled()) platform::printLine(line, LogLevel::debug);
 }
 
 }  // namespace pelora::log

@@ -1,4 +1,4 @@
-#include "pelora/delivery/storage.hpp"
+#include "pelora/state/storage.hpp"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -14,9 +14,9 @@
 #include <system_error>
 
 #include "pelora/core/rapidjson_internal.hpp"
-#include "pelora/log/log.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/logging.hpp"
 #include "pelora/platform/user_defaults.hpp"
 
 namespace pelora {

@@ -18,18 +18,19 @@
 #include <utility>
 #include <vector>
 
+#include "pelora/core/export.hpp"
 #include "pelora/platform/dispatch.hpp"
 
 namespace pelora {
 
-namespace detail {
 // Prints "**** Queue Size : <count>" while debug logs are on.
-void reportQueueSize(std::size_t count);
+PELORA_API void reportQueueSize(std::size_t count);
 // "[a, b]" from already described elements.
-std::string describeList(const std::vector<std::string>& elements);
+PELORA_API std::string describeList(const std::vector<std::string>& elements);
 // The readable name of a type, for elements that cannot print themselves.
-std::string typeName(const std::type_info& type);
+PELORA_API std::string typeName(const std::type_info& type);
 
+namespace detail {
 template <class T>
 concept Streamable = requires(std::ostream& out, const T& value) {
   out << value;
@@ -56,14 +57,14 @@ class Queue {
   // Appends `element` at the end.
   void enqueue(T element) {
     list_.push_back(std::move(element));
-    detail::reportQueueSize(list_.size());
+    reportQueueSize(list_.size());
   }
   // Removes and returns the oldest element; nothing when empty.
   std::optional<T> dequeue() {
     if (list_.empty()) return std::nullopt;
     std::optional<T> first(std::move(list_.front()));
     list_.pop_front();
-    detail::reportQueueSize(list_.size());
+    reportQueueSize(list_.size());
     return first;
   }
   // The oldest element, left in place; nothing when empty.
@@ -78,7 +79,7 @@ class Queue {
     std::vector<std::string> elements;
     elements.reserve(list_.size());
     for (const T& element : list_) elements.push_back(detail::describeElement(element));
-    return detail::describeList(elements);
+    return describeList(elements);
   }
 
  private:
@@ -118,7 +119,7 @@ class Atomic {
 
 // A repeating timer on a queue: first fires `interval` seconds after construction, then every
 // `interval` seconds, until destroyed. Once destroyed, the handler is never called again.
-class QueueTimer {
+class PELORA_API QueueTimer {
  public:
   enum class State { suspended, resumed };
 

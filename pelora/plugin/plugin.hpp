@@ -10,11 +10,12 @@
 #include <string>
 
 #include "pelora/core/events.hpp"
-#include "pelora/delivery/settings.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/plugin/plugin_host.hpp"
+#include "pelora/state/settings.hpp"
 
 namespace pelora {
 
-class PeloraAnalytics;
 class Timeline;
 
 enum class PluginType : int { before = 0, enrichment = 1, destination = 2, after = 3, utility = 4 };
@@ -23,23 +24,24 @@ inline constexpr std::array<PluginType, 5> allPluginTypes{
     PluginType::before, PluginType::enrichment, PluginType::destination, PluginType::after,
     PluginType::utility};
 // The stage with that raw value; nothing outside 0...4.
-std::optional<PluginType> pluginType(int rawValue) noexcept;
+PELORA_API std::optional<PluginType> pluginType(int rawValue) noexcept;
 
 // Whether settings handed to a plugin are the first it sees or a later change.
 enum class UpdateType { initial, refresh };
 
-class Plugin {
+class PELORA_API Plugin {
  public:
   virtual ~Plugin() = default;
 
   virtual PluginType type() const = 0;
-  // The client this plugin works for (held strongly: the client graph lives as long as the app).
-  virtual std::shared_ptr<PeloraAnalytics> analytics() const { return analytics_; }
-  virtual void setAnalytics(std::shared_ptr<PeloraAnalytics> analytics) {
+  // The client this plugin works for, as far as a plugin may see it (held strongly: the client
+  // and its plugins keep each other alive until the client shuts down).
+  virtual std::shared_ptr<PluginHost> analytics() const { return analytics_; }
+  virtual void setAnalytics(std::shared_ptr<PluginHost> analytics) {
     analytics_ = std::move(analytics);
   }
   // Called when the plugin is added to a client; by default keeps the client.
-  virtual void configure(std::shared_ptr<PeloraAnalytics> analytics) {
+  virtual void configure(std::shared_ptr<PluginHost> analytics) {
     setAnalytics(std::move(analytics));
   }
   // New settings; does nothing by default.
@@ -51,11 +53,11 @@ class Plugin {
   virtual void shutdown() {}
 
  private:
-  std::shared_ptr<PeloraAnalytics> analytics_;
+  std::shared_ptr<PluginHost> analytics_;
 };
 
 // A plugin that handles the two event kinds separately and can be flushed and reset.
-class EventPlugin : public Plugin {
+class PELORA_API EventPlugin : public Plugin {
  public:
   virtual std::optional<TrackEvent> track(TrackEvent event) { return event; }
   virtual std::optional<MonitorEvent> trackNow(MonitorEvent event) { return event; }
@@ -69,7 +71,7 @@ class EventPlugin : public Plugin {
 
 // A plugin that delivers events somewhere, enabled per event and by settings, with a timeline of
 // its own for plugins that concern it alone.
-class DestinationPlugin : public EventPlugin {
+class PELORA_API DestinationPlugin : public EventPlugin {
  public:
   DestinationPlugin();
 
@@ -84,7 +86,7 @@ class DestinationPlugin : public EventPlugin {
   void remove(const std::shared_ptr<Plugin>& plugin);
 
   // Keeps the client and configures the plugins of its own timeline with it.
-  void configure(std::shared_ptr<PeloraAnalytics> analytics) override;
+  void configure(std::shared_ptr<PluginHost> analytics) override;
   // Runs the destination when it is enabled for the event: its timeline's before stage, then
   // track() for track events, then its after stage.
   std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
@@ -102,19 +104,19 @@ class DestinationPlugin : public EventPlugin {
 };
 
 // Marker for plugins that serve the client rather than events.
-class UtilityPlugin {
+class PELORA_API UtilityPlugin {
  public:
   virtual ~UtilityPlugin() = default;
 };
 
 // Marker for plugins that the client adds for the platform.
-class PlatformPlugin {
+class PELORA_API PlatformPlugin {
  public:
   virtual ~PlatformPlugin() = default;
 };
 
 // A plugin that names its version (its type also offers a static version()).
-class VersionedPlugin {
+class PELORA_API VersionedPlugin {
  public:
   virtual ~VersionedPlugin() = default;
   virtual std::string pluginVersion() const = 0;

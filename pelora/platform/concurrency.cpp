@@ -1,15 +1,13 @@
-#include "pelora/delivery/concurrency.hpp"
+#include "pelora/platform/concurrency.hpp"
 
 #include <cxxabi.h>
 #include <chrono>
 #include <cstdlib>
 
-#include "pelora/log/log.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/logging.hpp"
 
 namespace pelora {
-
-namespace detail {
 
 void reportQueueSize(std::size_t count) {
   if (!log::debugEnabled()) return;
@@ -32,8 +30,6 @@ std::string typeName(const std::type_info& type) {
   std::free(demangled);
   return name;
 }
-
-}  // namespace detail
 
 namespace {
 std::chrono::nanoseconds toNanoseconds(double seconds) {

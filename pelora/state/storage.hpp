@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "pelora/core/events.hpp"
+#include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/paths.hpp"
@@ -28,7 +29,7 @@ class Store;
 // process or of another) holds it, no other one sends any, so no batch goes out twice at once.
 // Hold it from before checking which listed files still exist until every upload it started has
 // deleted its sent file. Releasing it (or destroying it) lets others upload.
-class UploadClaim {
+class PELORA_API UploadClaim {
  public:
   UploadClaim() noexcept = default;
   ~UploadClaim() { release(); }
@@ -52,7 +53,7 @@ class UploadClaim {
   int fd_ = -1;
 };
 
-class Storage {
+class PELORA_API Storage {
  public:
   // The stored items; rawValue() gives each one's suite key.
   enum class Constants { userId, traits, anonymousId, settings, events };
@@ -115,7 +116,7 @@ class Storage {
 
 // The suite key of `key`: "pelora.userId", "pelora.traits", "pelora.anonymousId",
 // "pelora.settings", "pelora.events".
-std::string_view rawValue(Storage::Constants key) noexcept;
+PELORA_API std::string_view rawValue(Storage::Constants key) noexcept;
 
 namespace detail {
 // The write key as one safe file name: percent-encoded (curl_easy_escape) with "." encoded too,

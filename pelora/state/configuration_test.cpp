@@ -1,4 +1,4 @@
-#include "pelora/client/configuration.hpp"
+#include "pelora/state/configuration.hpp"
 
 #include <gtest/gtest.h>
 

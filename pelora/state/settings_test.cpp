@@ -1,4 +1,4 @@
-#include "pelora/delivery/settings.hpp"
+#include "pelora/state/settings.hpp"
 
 #include <gtest/gtest.h>
 

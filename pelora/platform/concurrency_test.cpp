@@ -1,4 +1,4 @@
-#include "pelora/delivery/concurrency.hpp"
+#include "pelora/platform/concurrency.hpp"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "pelora/log/log.hpp"
+#include "pelora/platform/logging.hpp"
 
 #include "tests/support/waiting.hpp"
 

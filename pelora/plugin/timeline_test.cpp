@@ -1,4 +1,4 @@
-#include "pelora/client/timeline.hpp"
+#include "pelora/plugin/timeline.hpp"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "pelora/client/plugin.hpp"
+#include "pelora/core/export.hpp"
+#include "pelora/plugin/plugin.hpp"
 
 namespace pelora {
 
@@ -18,7 +19,7 @@ namespace pelora {
 // meanwhile. Iterate it where it is returned, `for (const auto& p : mediator.plugins())`, which
 // keeps it alive for the whole loop. It has no operator* and no begin() on a temporary, so that a
 // loop can never run over a list that its own snapshot has already released.
-class PluginSnapshot {
+class PELORA_API PluginSnapshot {
  public:
   using List = std::vector<std::shared_ptr<Plugin>>;
   using const_iterator = List::const_iterator;
@@ -37,7 +38,7 @@ class PluginSnapshot {
 };
 
 // The plugins of one stage, run in the order they were added.
-class Mediator {
+class PELORA_API Mediator {
  public:
   using PluginList = PluginSnapshot::List;
 
@@ -67,7 +68,7 @@ class Mediator {
   std::shared_ptr<const PluginList> plugins_ = std::make_shared<const PluginList>();
 };
 
-class Timeline {
+class PELORA_API Timeline {
  public:
   // Mediators for before, destination and after only: enrichment and utility plugins are not kept.
   Timeline();

@@ -1,4 +1,4 @@
-#include "pelora/delivery/storage.hpp"
+#include "pelora/state/storage.hpp"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -13,7 +13,7 @@
 #include <set>
 #include <thread>
 
-#include "pelora/log/log.hpp"
+#include "pelora/platform/logging.hpp"
 #include "pelora/platform/user_defaults.hpp"
 #include "tests/support/temp_directory.hpp"
 

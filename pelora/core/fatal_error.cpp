@@ -1,0 +1,14 @@
+#include "pelora/core/fatal_error.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace pelora {
+
+void fatalError(std::string_view message) {
+  std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(message.size()), message.data());
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace pelora
