@@ -9,7 +9,6 @@
 #include <iostream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include <pelora/pelora.hpp>
@@ -67,7 +66,7 @@ int main(int argc, char** argv) {
       std::make_shared<pelora::Configuration>("quickstart-write-key", "production", false);
   configuration->flushAt(10).flushInterval(1.0).connectTo(connectTo).caBundle(caFile);
   if (!dataDirectory.empty()) {
-    configuration->paths({dataDirectory + "/Documents", dataDirectory + "/config"});
+    configuration->paths({dataDirectory + "/data", dataDirectory + "/config"});
   }
   if (verbose) pelora::PeloraAnalytics::setDebugLogsEnabled(true);
 
@@ -95,23 +94,19 @@ int main(int argc, char** argv) {
                         pelora::Dictionary{{"method", std::string("password")}},
                         std::vector<pelora::Dictionary>{{{"name", std::string("Ada")}}});
   std::cout << "quickstart: recorded " << productViews + 2
-            << " events and 1 identity-tracking event; flushing\n";
-  analytics->flush();
+            << " events and 1 identity-tracking event; shutting down\n";
 
-  // Batches the service turned away stay on disk; the timer sends them again every second.
-  auto monitor = analytics->find<pelora::PeloraMonitorEvent>();
+  // Uploads every batch (again, when the service turned one away) and waits for the identity
+  // post; then shutdown stops the client's timers and threads before the process ends.
   const auto start = steady_clock::now();
-  const auto deadline = start + seconds(timeoutSeconds);
-  while (analytics->hasUnsentEvents() || (monitor && monitor->postsInFlight() > 0)) {
-    if (steady_clock::now() > deadline) {
-      auto waiting = analytics->pendingUploads();
-      std::cout << "quickstart: gave up after " << timeoutSeconds << " s with "
-                << (waiting ? waiting->size() : 0) << " batch files still waiting\n";
-      return 1;
-    }
-    std::this_thread::sleep_for(milliseconds(50));
+  if (!analytics->flush(start + seconds(timeoutSeconds))) {
+    auto waiting = analytics->pendingUploads();
+    std::cout << "quickstart: gave up after " << timeoutSeconds << " s with "
+              << (waiting ? waiting->size() : 0) << " batch files still waiting\n";
+    return 1;
   }
   std::cout << "quickstart: everything delivered in "
             << duration_cast<milliseconds>(steady_clock::now() - start).count() << " ms\n";
+  analytics->shutdown(seconds(5));
   return 0;
 }

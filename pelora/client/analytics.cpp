@@ -1,7 +1,9 @@
 #include "pelora/client/analytics.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "pelora/client/startup_queue.hpp"
@@ -12,6 +14,8 @@
 #include "pelora/platform/app_lifecycle.hpp"
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/http_session.hpp"
 #include "pelora/platform/uuid.hpp"
 #include "pelora/state/storage.hpp"
 #include "pelora/state/store.hpp"
@@ -76,6 +80,10 @@ bool PeloraAnalytics::debugLogsEnabled() noexcept {
 void PeloraAnalytics::setDebugLogsEnabled(bool enabled) noexcept {
   debugLogsFlag.store(enabled);
   log::setDebugEnabled(enabled);
+}
+
+void PeloraAnalytics::setLogHandler(LogHandler handler) {
+  platform::setLogHandler(std::move(handler));
 }
 
 std::optional<std::string> PeloraAnalytics::peloraUserId() {
@@ -162,13 +170,15 @@ void PeloraAnalytics::start() {
       setup.retryDelay = std::chrono::milliseconds(static_cast<std::int64_t>(delay * 1000));
     }
     IAMManager::shared()->start(std::move(setup));
+    startedIAM_ = true;
   }
 
   if (!values.peloraAppPushID.empty()) {
     AppPushManager::setUpPush(values.peloraAppPushID, launchOptions_);
   } else {
     platform::printLine(
-        "Warning: Pelora SDK need peloraAppPushID to enable feature Pelora Notification");
+        "Warning: Pelora SDK need peloraAppPushID to enable feature Pelora Notification",
+        LogLevel::warning);
   }
 }
 
@@ -221,20 +231,30 @@ std::optional<Settings> PeloraAnalytics::settings() const {
 
 // ---- Recording ----------------------------------------------------------------------------------
 
+bool PeloraAnalytics::accepting(std::string_view what) const {
+  if (!shutDown_.load(std::memory_order_relaxed)) return true;
+  platform::printLine("Pelora: " + std::string(what) + " after shutdown(); the event is dropped",
+                      LogLevel::warning);
+  return false;
+}
+
 void PeloraAnalytics::trackBash(const std::string& name,
                                 const std::optional<Dictionary>& properties) {
+  if (!accepting("trackBash")) return;
   std::optional<JSON> converted;
   if (properties) converted = convertOrReport(*properties);
   process(TrackEvent(name, std::move(converted)));
 }
 
 void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {
+  if (!accepting("trackBash")) return;
   process(TrackEvent(name, reportIfTooDeep(std::move(properties))));
 }
 
 void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string& eventName,
                                  const Dictionary& eventData,
                                  const std::optional<std::vector<Dictionary>>& profile) {
+  if (!accepting("trackEvent")) return;
   const auto userIdValue = peloraUserId();
   const std::string playerId = AppPushManager::playerId();
   auto stamp = [&](Dictionary dictionary) {
@@ -260,6 +280,7 @@ void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string
 }
 
 void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
+  if (!accepting("trackEvent")) return;
   try {
     if (!reportIfTooDeep(value)) return;
     process(decodeValue<MonitorEvent>(value));
@@ -325,6 +346,16 @@ void PeloraAnalytics::flush() {
   forEachEventPlugin([](EventPlugin& plugin) { plugin.flush(); });
 }
 
+void PeloraAnalytics::identify(const std::string& userId, const std::optional<Dictionary>& traits) {
+  if (userId.empty()) throw std::invalid_argument("Pelora: identify needs a non-empty user id");
+  std::optional<JSON> traitsJSON;
+  if (traits) traitsJSON = convertOrReport(*traits);
+  store_->dispatch(UserInfo::IdentifyAction{userId, traitsJSON});
+  // The suite follows at once, so the identity survives a restart.
+  storage_->write(Storage::Constants::userId, std::optional<std::string>(userId));
+  if (traitsJSON) storage_->write(Storage::Constants::traits, traitsJSON);
+}
+
 void PeloraAnalytics::reset() {
   store_->dispatch(UserInfo::ResetAction{});
   // The suite follows at once, so a reset survives a restart.
@@ -344,6 +375,83 @@ bool PeloraAnalytics::hasUnsentEvents() const {
   }
   auto files = pendingUploads();
   return files && !files->empty();
+}
+
+// ---- Lifecycle ----------------------------------------------------------------------------------
+
+bool PeloraAnalytics::deliveredAll() const {
+  // Events held until start-up finishes are not even stored yet.
+  if (auto startup = find<StartupQueue>()) {
+    if (!startup->running() || startup->heldCount() > 0) return false;
+  }
+  if (auto monitor = find<PeloraMonitorEvent>()) {
+    if (monitor->postsInFlight() > 0) return false;
+  }
+  return !hasUnsentEvents();
+}
+
+bool PeloraAnalytics::flushUntil(Clock::time_point deadline) {
+  using namespace std::chrono_literals;
+  flush();
+  auto lastFlush = Clock::now();
+  auto retryAfter = 250ms;  // after a failed upload; doubles up to 2 s
+  auto poll = 2ms;          // the caller's thread sleeps; nothing of ours spins
+  for (;;) {
+    if (deliveredAll()) return true;
+    const auto now = Clock::now();
+    if (now >= deadline) return false;
+    // A failed upload keeps its file: send it again once nothing is in flight.
+    auto destination = find<PeloraDestination>();
+    if (destination && destination->pendingUploads() == 0 && now - lastFlush >= retryAfter) {
+      flush();
+      lastFlush = now;
+      retryAfter = std::min<std::chrono::milliseconds>(retryAfter * 2, 2s);
+    }
+    std::this_thread::sleep_for(std::min<Clock::duration>(poll, deadline - now));
+    poll = std::min<std::chrono::milliseconds>(poll * 2, 50ms);
+  }
+}
+
+bool PeloraAnalytics::flush(Clock::time_point deadline) {
+  if (shutDown_.load()) return deliveredAll();
+  return flushUntil(deadline);
+}
+
+void PeloraAnalytics::releasePlugins() {
+  std::vector<std::shared_ptr<Plugin>> all;
+  timeline_->apply([&](const std::shared_ptr<Plugin>& plugin) { all.push_back(plugin); });
+  for (const auto& plugin : all) {
+    if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
+      std::vector<std::shared_ptr<Plugin>> inner;
+      destination->apply([&](const std::shared_ptr<Plugin>& p) { inner.push_back(p); });
+      for (const auto& p : inner) {
+        destination->remove(p);  // shuts it down
+        p->setAnalytics(nullptr);
+      }
+    }
+    timeline_->remove(plugin);  // shuts it down
+    // The plugin and the client kept each other alive; a host may still hold the plugin.
+    plugin->setAnalytics(nullptr);
+  }
+}
+
+bool PeloraAnalytics::shutdown(Clock::time_point deadline) {
+  std::lock_guard lock(shutdownMutex_);
+  if (shutdownResult_) return *shutdownResult_;
+  shutDown_.store(true);  // from here on nothing new is recorded
+  const bool delivered = flushUntil(deadline);
+  if (foregroundObserver_) {
+    platform::AppLifecycle::shared().removeObserver(*foregroundObserver_);
+    foregroundObserver_.reset();
+  }
+  if (startedIAM_) IAMManager::shared()->stopPolling();
+  releasePlugins();
+  // Threads that only need to exit get a moment even when the flush used up the deadline.
+  const auto threadsDeadline = std::max(deadline, Clock::now() + std::chrono::seconds(2));
+  const bool sessionsEnded = platform::waitForEndedSessions(threadsDeadline);
+  const bool threadsEnded = platform::stopIdleThreads(threadsDeadline);
+  shutdownResult_ = delivered && sessionsEnded && threadsEnded;
+  return *shutdownResult_;
 }
 
 std::optional<std::vector<std::filesystem::path>> PeloraAnalytics::pendingUploads() const {

@@ -5,11 +5,13 @@
 
 #include <any>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +42,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // Prints start-up progress and lets log plugins and destinations print; off by default.
   static bool debugLogsEnabled() noexcept;
   static void setDebugLogsEnabled(bool enabled) noexcept;
+  // Every line the library prints or logs goes to `handler` (level and text, on whichever thread
+  // wrote it) and nothing to standard output; an empty handler restores the console.
+  static void setLogHandler(LogHandler handler);
   // The device-level user id sent with monitor events: on first read the device id (stable per
   // machine and application), unless set.
   static std::optional<std::string> peloraUserId();
@@ -88,8 +93,28 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   }
   std::shared_ptr<DestinationPlugin> find(std::string_view key) const;
 
-  // Flushes every event plugin, destinations' own plugins included.
+  using Clock = std::chrono::steady_clock;
+
+  // Flushes every event plugin, destinations' own plugins included; returns at once.
   void flush();
+  // Finishes the open batch, uploads every stored batch (again after a failed upload) and waits
+  // for identity-tracking posts, until nothing is left unsent or `deadline`. True when everything
+  // was delivered in time. Blocks the calling thread (not a main-queue task: that would stall it).
+  bool flush(Clock::time_point deadline);
+  bool flush(Clock::duration timeout) { return flush(Clock::now() + timeout); }
+  // flush(deadline); then stops the flush timer, the lifecycle observer and the in-app message
+  // polling this client started, shuts every plugin down and releases it (so the client can be
+  // destroyed), and waits until no library thread is left with nothing to do (a short grace past
+  // `deadline` for threads that only need to exit). Afterwards the client records nothing:
+  // trackBash and trackEvent drop the event and print a warning line. True when everything was
+  // delivered and the threads ended. Later calls return the first call's result.
+  bool shutdown(Clock::time_point deadline);
+  bool shutdown(Clock::duration timeout) { return shutdown(Clock::now() + timeout); }
+  bool isShutDown() const noexcept { return shutDown_.load(); }
+  // Sets who the user is: later events carry `userId`, and it survives a restart along with the
+  // traits (when given; else the traits stay). Traits that cannot become JSON are reported and
+  // left as they were. Throws std::invalid_argument for an empty user id.
+  void identify(const std::string& userId, const std::optional<Dictionary>& traits = {});
   // Forgets the user (new anonymous id, no userId or traits) and resets every event plugin.
   void reset();
   // Marks the destination's key as enabled in the settings.
@@ -127,6 +152,10 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void trackBashJSON(const std::string& name, std::optional<JSON> properties);
   void trackMonitorEventJSON(const JSON& value);
   void forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const;
+  bool accepting(std::string_view what) const;
+  bool deliveredAll() const;
+  bool flushUntil(Clock::time_point deadline);
+  void releasePlugins();
 
   std::shared_ptr<Configuration> configuration_;
   std::shared_ptr<Store> store_;
@@ -134,6 +163,10 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   std::optional<LaunchOptions> launchOptions_;
   std::shared_ptr<Timeline> timeline_;
   std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
+  bool startedIAM_ = false;
+  std::atomic<bool> shutDown_{false};
+  std::mutex shutdownMutex_;  // one shutdown at a time; guards the result
+  std::optional<bool> shutdownResult_;
 };
 
 template <class T>

@@ -61,6 +61,17 @@ void PeloraDestination::configure(std::shared_ptr<PluginHost> analytics) {
   }
 }
 
+void PeloraDestination::shutdown() {
+  std::unique_ptr<QueueTimer> timer;
+  std::shared_ptr<HTTPClient> client;
+  {
+    std::lock_guard lock(mutex_);
+    timer = std::move(flushTimer_);
+    client = std::move(httpClient_);
+  }
+  // Released unlocked: stopping the timer may wait for a firing that takes mutex_.
+}
+
 void PeloraDestination::update(const Settings& settings, UpdateType /*type*/) {
   std::optional<std::string> key;
   std::optional<std::string> host;

@@ -56,6 +56,8 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   std::optional<TrackEvent> track(TrackEvent event) override;
   // Finishes the current batch file and uploads every finished file, unless uploads are running.
   void flush() override;
+  // Stops the flush timer and lets the HTTP client go (uploads in flight still finish).
+  void shutdown() override;
 
   // Upload entries not yet cleaned up.
   std::size_t pendingUploads() const;

@@ -72,6 +72,14 @@ std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
   return event;
 }
 
+void PeloraMonitorEvent::shutdown() {
+  std::shared_ptr<HTTPClient> client;
+  {
+    std::lock_guard lock(mutex_);
+    client = std::move(httpClient_);
+  }
+}
+
 std::shared_ptr<HTTPClient> PeloraMonitorEvent::httpClient() const {
   std::lock_guard lock(mutex_);
   return httpClient_;

@@ -34,6 +34,8 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   void update(const Settings& settings, UpdateType type) override;
   // Posts the event when there is an HTTP client; returns it unchanged either way.
   std::optional<MonitorEvent> trackNow(MonitorEvent event) override;
+  // Lets the HTTP client go (posts in flight still finish).
+  void shutdown() override;
 
   std::shared_ptr<HTTPClient> httpClient() const;
   // Posts started and not yet answered: a host about to exit can wait for zero.

@@ -11,7 +11,7 @@ namespace pelora {
 
 void reportQueueSize(std::size_t count) {
   if (!log::debugEnabled()) return;
-  platform::printLine("**** Queue Size : " + std::to_string(count));
+  platform::printLine("**** Queue Size : " + std::to_string(count), LogLevel::debug);
 }
 
 std::string describeList(const std::vector<std::string>& elements) {

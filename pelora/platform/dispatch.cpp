@@ -1,8 +1,11 @@
-// Serial queues run on a small shared pool of detached worker threads; the main queue runs on one
-// library thread or on a host executor; timers live on one timer thread with a deadline heap.
+// Serial queues run on a small shared pool of worker threads; the main queue runs on one library
+// thread or on a host executor; timers live on one timer thread with a deadline heap. Threads
+// start on demand and end after a while with nothing to do, or at once when stopIdleThreads asks.
 // Every scheduler object here is created on first use and leaked, so exit() never waits on or
 // destroys anything a worker still touches.
 #include "pelora/platform/dispatch.hpp"
+
+#include <pthread.h>
 #include "pelora/core/fatal_error.hpp"
 
 #include <algorithm>
@@ -64,6 +67,56 @@ void runGuarded(const Task& task, const std::string& label) noexcept {
 
 // Runs drain jobs of serial queues. A fixed base of threads, plus one extra thread while a worker
 // is blocked in `sync` and work waits, so queues that wait on each other cannot starve the pool.
+// The threads of one scheduler: started under the scheduler's lock, and when one ends it leaves
+// its handle behind for whoever joins next, so a caller can wait until a thread is really gone.
+class ThreadSet {
+ public:
+  // With the owner's lock held: the new thread waits for that lock before it looks itself up.
+  template <class F>
+  void start(F body) {
+    // Threads that ended gave up the lock for good before we could take it: joining is quick.
+    for (auto& ended : finished_) ended.join();
+    finished_.clear();
+    std::thread thread(std::move(body));
+    const auto id = thread.get_id();
+    running_.emplace_back(id, std::move(thread));
+  }
+  // With the owner's lock held, as the calling thread's last act under it.
+  void finishCurrent() {
+    const auto id = std::this_thread::get_id();
+    auto it = std::find_if(running_.begin(), running_.end(),
+                           [&](const auto& entry) { return entry.first == id; });
+    if (it == running_.end()) return;
+    finished_.push_back(std::move(it->second));
+    running_.erase(it);
+    ended_.notify_all();
+  }
+  std::size_t running() const noexcept { return running_.size(); }
+
+  // Waits (the owner's lock held in `lock`) until no thread runs or `deadline`, joining the ones
+  // that ended. True when none runs.
+  bool waitUntilNoneRuns(std::unique_lock<std::mutex>& lock,
+                         std::chrono::steady_clock::time_point deadline) {
+    ended_.wait_until(lock, deadline, [&] { return running_.empty(); });
+    joinFinished(lock);
+    return running_.empty();
+  }
+  // Joins the threads that ended, with the owner's lock released meanwhile.
+  void joinFinished(std::unique_lock<std::mutex>& lock) {
+    if (finished_.empty()) return;
+    std::vector<std::thread> ended;
+    ended.swap(finished_);
+    lock.unlock();
+    for (auto& thread : ended) thread.join();
+    lock.lock();
+  }
+
+ private:
+  std::vector<std::pair<std::thread::id, std::thread>> running_;
+  std::vector<std::thread> finished_;
+  std::condition_variable ended_;
+};
+
 class WorkerPool {
  public:
   static WorkerPool& shared() {
@@ -93,24 +146,28 @@ class WorkerPool {
     --blocked_;
   }
 
+  // Ends the idle workers and waits until no worker runs, or `deadline`.
+  bool stopIdle(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    ++stopping_;
+    wake_.notify_all();
+    const bool none = threads_.waitUntilNoneRuns(lock, deadline);
+    --stopping_;
+    return none;
+  }
+
  private:
   static constexpr unsigned kMaxThreads = 64;
-  static constexpr auto kExtraIdleTime = std::chrono::seconds(10);
+  static constexpr auto kIdleTime = std::chrono::seconds(10);
 
-  WorkerPool() : base_(std::clamp(std::thread::hardware_concurrency(), 4u, 8u)) {
-    std::unique_lock lock(mutex_);
-    for (unsigned i = 0; i < base_; ++i) spawn(lock);
-  }
+  WorkerPool() : base_(std::clamp(std::thread::hardware_concurrency(), 4u, 8u)) {}
 
-  void growIfStarved(std::unique_lock<std::mutex>& lock) {
-    if (!jobs_.empty() && idle_ == 0 && threads_ - blocked_ < base_ && threads_ < kMaxThreads) {
-      spawn(lock);
+  // Workers start on demand: up to base_ that are not blocked in `sync`, at most kMaxThreads.
+  void growIfStarved(std::unique_lock<std::mutex>& /*held*/) {
+    const unsigned threads = static_cast<unsigned>(threads_.running());
+    if (!jobs_.empty() && idle_ == 0 && threads - blocked_ < base_ && threads < kMaxThreads) {
+      threads_.start([this] { work(); });
     }
-  }
-
-  void spawn(std::unique_lock<std::mutex>&) {
-    ++threads_;
-    std::thread([this] { work(); }).detach();
   }
 
   void work();
@@ -119,9 +176,10 @@ class WorkerPool {
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::shared_ptr<QueueImpl>> jobs_;
-  unsigned threads_ = 0;
+  ThreadSet threads_;
   unsigned idle_ = 0;
   unsigned blocked_ = 0;
+  unsigned stopping_ = 0;  // callers of stopIdle waiting
 };
 
 // Where a queue's drains run: the pool, or the main queue's runner.
@@ -142,14 +200,26 @@ class MainRunner {
 
   void submit(std::shared_ptr<QueueImpl> queue);
 
+  // Ends the runner thread if it is idle and waits until it has, or `deadline`.
+  bool stopIdle(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    ++stopping_;
+    wake_.notify_all();
+    const bool none = thread_.waitUntilNoneRuns(lock, deadline);
+    --stopping_;
+    return none;
+  }
+
  private:
+  static constexpr auto kIdleTime = std::chrono::seconds(10);
   void work();
 
   std::mutex mutex_;
   std::condition_variable wake_;
   std::function<void(Task)> executor_;
   std::shared_ptr<QueueImpl> pending_;
-  bool threadStarted_ = false;
+  ThreadSet thread_;  // at most one
+  unsigned stopping_ = 0;
 };
 
 class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<QueueImpl> {
@@ -297,21 +367,18 @@ class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<
 };
 
 void WorkerPool::work() {
+  pthread_setname_np(pthread_self(), "pelora-queue");
   onPoolWorker = true;
   std::unique_lock lock(mutex_);
   for (;;) {
     if (jobs_.empty()) {
       ++idle_;
-      if (threads_ > base_) {
-        const bool woke = wake_.wait_for(lock, kExtraIdleTime, [&] { return !jobs_.empty(); });
-        --idle_;
-        if (!woke && threads_ > base_) {
-          --threads_;
-          return;
-        }
-      } else {
-        wake_.wait(lock, [&] { return !jobs_.empty(); });
-        --idle_;
+      const bool woke =
+          wake_.wait_for(lock, kIdleTime, [&] { return !jobs_.empty() || stopping_ > 0; });
+      --idle_;
+      if (jobs_.empty() && (!woke || stopping_ > 0)) {
+        threads_.finishCurrent();
+        return;
       }
       continue;
     }
@@ -333,18 +400,24 @@ void MainRunner::submit(std::shared_ptr<QueueImpl> queue) {
     return;
   }
   pending_ = std::move(queue);
-  if (!threadStarted_) {
-    threadStarted_ = true;
-    std::thread([this] { work(); }).detach();
-  }
+  if (thread_.running() == 0) thread_.start([this] { work(); });
   lock.unlock();
   wake_.notify_one();
 }
 
 void MainRunner::work() {
+  pthread_setname_np(pthread_self(), "pelora-main");
   std::unique_lock lock(mutex_);
   for (;;) {
-    wake_.wait(lock, [&] { return pending_ != nullptr; });
+    const bool woke =
+        wake_.wait_for(lock, kIdleTime, [&] { return pending_ != nullptr || stopping_ > 0; });
+    if (pending_ == nullptr) {
+      if (!woke || stopping_ > 0) {
+        thread_.finishCurrent();
+        return;
+      }
+      continue;
+    }
     std::shared_ptr<QueueImpl> queue = std::move(pending_);
     pending_.reset();
     lock.unlock();
@@ -385,11 +458,28 @@ class TimerThread {
     entry.order = nextOrder_++;
     heap_.push_back(std::move(entry));
     std::push_heap(heap_.begin(), heap_.end(), later);
-    if (!threadStarted_) {
-      threadStarted_ = true;
-      std::thread([this] { work(); }).detach();
-    }
+    if (thread_.running() == 0) thread_.start([this] { work(); });
     wake_.notify_one();
+  }
+
+  // Ends the timer thread if no timer is pending and waits until it has, or `deadline`. With
+  // timers pending (another client's) it keeps running: false at once.
+  bool stopIdle(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(mutex);
+    std::vector<std::shared_ptr<TimerSourceImpl>> seen;
+    purgeStaleLocked(seen);
+    if (!heap_.empty()) {
+      lock.unlock();
+      return false;
+    }
+    lock.unlock();
+    seen.clear();  // a last reference may go here: not under the lock
+    lock.lock();
+    ++stopping_;
+    wake_.notify_all();
+    const bool none = thread_.waitUntilNoneRuns(lock, deadline);
+    --stopping_;
+    return none;
   }
 
  private:
@@ -398,11 +488,18 @@ class TimerThread {
   }
 
   void work();
+  // With `mutex` held: drops the firings of sources that are gone, cancelled, suspended or
+  // re-armed since, so that they do not keep the thread alive until their deadline. The sources
+  // looked at go into `seen`, to be released unlocked (a last reference may go there).
+  void purgeStaleLocked(std::vector<std::shared_ptr<TimerSourceImpl>>& seen);
 
   std::condition_variable wake_;
+  static constexpr auto kIdleTime = std::chrono::seconds(10);
+
   std::vector<Entry> heap_;
   std::uint64_t nextOrder_ = 0;
-  bool threadStarted_ = false;
+  ThreadSet thread_;  // at most one
+  unsigned stopping_ = 0;
 };
 
 class TimerSourceImpl final : public TimerSource,
@@ -466,6 +563,11 @@ class TimerSourceImpl final : public TimerSource,
 
   // On the timer thread, with the mutex held: a deadline of this source came due. Returns the
   // work to submit, if any, and re-arms a repeating source.
+  // Whether a firing armed with `generation` would still run.
+  bool liveLocked(std::uint64_t generation) const {
+    return generation == generation_ && !cancelled_ && suspendCount_ == 0;
+  }
+
   Task fireLocked(TimerThread& timers, std::uint64_t generation, Clock::time_point now) {
     // A suspended source keeps its due deadline; resume fires it.
     if (generation != generation_ || cancelled_ || suspendCount_ > 0) return {};
@@ -534,11 +636,35 @@ class TimerSourceImpl final : public TimerSource,
   std::uint64_t generation_ = 0;
 };
 
+void TimerThread::purgeStaleLocked(std::vector<std::shared_ptr<TimerSourceImpl>>& seen) {
+  const auto removed = std::erase_if(heap_, [&](const Entry& entry) {
+    if (entry.queue) return false;  // one-shot work is never stale
+    auto source = entry.source.lock();
+    if (!source) return true;
+    seen.push_back(source);
+    return !source->liveLocked(entry.generation);
+  });
+  if (removed > 0) std::make_heap(heap_.begin(), heap_.end(), later);
+}
+
 void TimerThread::work() {
+  pthread_setname_np(pthread_self(), "pelora-timer");
   std::unique_lock lock(mutex);
   for (;;) {
+    if (stopping_ > 0) {
+      std::vector<std::shared_ptr<TimerSourceImpl>> seen;
+      purgeStaleLocked(seen);
+      lock.unlock();
+      seen.clear();
+      lock.lock();
+    }
     if (heap_.empty()) {
-      wake_.wait(lock);
+      const bool woke =
+          wake_.wait_for(lock, kIdleTime, [&] { return !heap_.empty() || stopping_ > 0; });
+      if (heap_.empty() && (!woke || stopping_ > 0)) {
+        thread_.finishCurrent();
+        return;
+      }
       continue;
     }
     const auto now = Clock::now();
@@ -593,6 +719,14 @@ void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseco
   auto& timers = TimerThread::shared();
   std::lock_guard lock(timers.mutex);
   timers.add(std::move(entry));
+}
+
+bool stopIdleThreads(std::chrono::steady_clock::time_point deadline) {
+  // Timers first: a firing would hand the pool new work.
+  const bool timers = TimerThread::shared().stopIdle(deadline);
+  const bool main = MainRunner::shared().stopIdle(deadline);
+  const bool pool = WorkerPool::shared().stopIdle(deadline);
+  return timers && main && pool;
 }
 
 std::shared_ptr<TimerSource> TimerSource::create(std::shared_ptr<SerialQueue> queue) {

@@ -49,6 +49,38 @@ ExitFence& exitFence() {
   return *fence;
 }
 
+// Every worker thread, so that a host shutting down can wait until the workers of the sessions it
+// dropped have really ended. A worker leaves its handle in `finished` for the next waiter to join.
+struct WorkerThreads {
+  struct Entry {
+    std::thread::id id;
+    std::thread thread;
+    std::shared_ptr<const std::atomic<bool>> sessionAlive;
+  };
+  std::mutex mutex;
+  std::condition_variable ended;
+  std::vector<Entry> running;
+  std::vector<std::thread> finished;
+};
+
+WorkerThreads& workerThreads() {
+  static auto* threads = new WorkerThreads;  // leaked: workers may end during exit()
+  return *threads;
+}
+
+// The last act of a worker thread, after it let go of its engine.
+void workerEnded() {
+  auto& threads = workerThreads();
+  std::lock_guard lock(threads.mutex);
+  const auto id = std::this_thread::get_id();
+  auto it = std::find_if(threads.running.begin(), threads.running.end(),
+                         [&](const auto& entry) { return entry.id == id; });
+  if (it == threads.running.end()) return;
+  threads.finished.push_back(std::move(it->thread));
+  threads.running.erase(it);
+  threads.ended.notify_all();
+}
+
 // The multi handle of the worker running on this thread, if any.
 thread_local CURLM* currentWorkerMulti = nullptr;
 
@@ -345,7 +377,18 @@ class Engine : public std::enable_shared_from_this<Engine> {
       exitFence().active.insert(multi);
     }
     try {
-      std::thread([self = shared_from_this(), multi] { self->run(multi); }).detach();
+      auto& threads = workerThreads();
+      std::lock_guard registry(threads.mutex);  // the worker's end waits for its entry
+      // Workers that ended are past their last lock: joining them here is quick.
+      for (auto& ended : threads.finished) ended.join();
+      threads.finished.clear();
+      std::thread worker([self = shared_from_this(), multi]() mutable {
+        self->run(multi);
+        self.reset();
+        workerEnded();
+      });
+      const auto id = worker.get_id();
+      threads.running.push_back({id, std::move(worker), sessionAliveFlag_});
     } catch (...) {
       {
         std::lock_guard fence(exitFence().mutex);
@@ -362,6 +405,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void sessionGone() {
     std::lock_guard lock(mutex_);
     sessionAlive_ = false;
+    sessionAliveFlag_->store(false);
     if (multi_) curl_multi_wakeup(multi_);
   }
 
@@ -385,7 +429,10 @@ class Engine : public std::enable_shared_from_this<Engine> {
   std::mutex mutex_;
   std::vector<Message> inbox_;  // guarded by mutex_
   bool sessionAlive_ = true;    // guarded by mutex_
-  CURLM* multi_ = nullptr;      // guarded by mutex_; set while a worker runs
+  // The same, for the worker registry, which may outlive this engine.
+  const std::shared_ptr<std::atomic<bool>> sessionAliveFlag_ =
+      std::make_shared<std::atomic<bool>>(true);
+  CURLM* multi_ = nullptr;  // guarded by mutex_; set while a worker runs
 
   std::map<CURL*, std::unique_ptr<Transfer>> transfers_;  // worker only
   std::deque<std::shared_ptr<Task>> waiting_;             // worker only, in start order
@@ -741,6 +788,26 @@ class Session final : public HttpSession {
 };
 
 }  // namespace
+
+bool waitForEndedSessions(std::chrono::steady_clock::time_point deadline) {
+  auto& threads = workerThreads();
+  std::unique_lock lock(threads.mutex);
+  auto ending = [&] {
+    return std::any_of(threads.running.begin(), threads.running.end(),
+                       [](const auto& entry) { return !entry.sessionAlive->load(); });
+  };
+  // A session may go while we wait: look again now and then, not only when a worker ends.
+  while (ending() && std::chrono::steady_clock::now() < deadline) {
+    threads.ended.wait_until(
+        lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)));
+  }
+  std::vector<std::thread> ended;
+  ended.swap(threads.finished);
+  const bool none = !ending();
+  lock.unlock();
+  for (auto& thread : ended) thread.join();
+  return none;
+}
 
 std::optional<std::string> HttpResponse::header(std::string_view name) const {
   for (const auto& [field, value] : headers) {

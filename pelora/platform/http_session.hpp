@@ -125,6 +125,10 @@ PELORA_API std::optional<std::string> httpsURL(std::string_view host, std::strin
 // Percent-encodes every byte except unreserved ones (A-Z a-z 0-9 - . _ ~), for one URL component.
 PELORA_API std::string percentEncoded(std::string_view text);
 
+// Waits until the worker threads of every dropped session have ended (their transfers done), or
+// `deadline`; true when none is left. Workers of sessions still held keep running.
+PELORA_API bool waitForEndedSessions(std::chrono::steady_clock::time_point deadline);
+
 // `request` as a curl command line: pretty puts one option per line, compact keeps one line.
 PELORA_API std::string cURL(const HttpRequest& request, bool pretty);
 

@@ -42,7 +42,9 @@ std::filesystem::path homeDirectory() {
 Paths Paths::defaults() {
   const auto home = homeDirectory();
   Paths paths;
-  paths.documents = home / "Documents";
+  // The phone's documents directory is the application's data: the XDG data directory here.
+  paths.documents = absoluteFromEnvironment("XDG_DATA_HOME");
+  if (paths.documents.empty()) paths.documents = home / ".local" / "share";
   paths.preferences = absoluteFromEnvironment("XDG_CONFIG_HOME");
   if (paths.preferences.empty()) paths.preferences = home / ".config";
   return paths;

@@ -27,18 +27,22 @@ class ScopedEnv {
 TEST(PathsTest, DefaultsFollowHomeAndXDG) {
   ScopedEnv home("HOME", "/home/someone");
   {
-    ScopedEnv xdg("XDG_CONFIG_HOME", "/xdg/config");
-    EXPECT_EQ(Paths::defaults().documents, "/home/someone/Documents");
+    ScopedEnv data("XDG_DATA_HOME", "/xdg/data");
+    ScopedEnv config("XDG_CONFIG_HOME", "/xdg/config");
+    EXPECT_EQ(Paths::defaults().documents, "/xdg/data");
     EXPECT_EQ(Paths::defaults().preferences, "/xdg/config");
   }
   {
-    ScopedEnv xdg("XDG_CONFIG_HOME", "relative/ignored");
+    ScopedEnv data("XDG_DATA_HOME", "relative/ignored");
+    ScopedEnv config("XDG_CONFIG_HOME", "relative/ignored");
+    EXPECT_EQ(Paths::defaults().documents, "/home/someone/.local/share");
     EXPECT_EQ(Paths::defaults().preferences, "/home/someone/.config");
   }
+  ScopedEnv noData("XDG_DATA_HOME", nullptr);
   ScopedEnv noHome("HOME", nullptr);
   const Paths fallback = Paths::defaults();
   EXPECT_TRUE(fallback.documents.is_absolute());
-  EXPECT_EQ(fallback.documents.filename(), "Documents");
+  EXPECT_EQ(fallback.documents.filename(), "share");
 }
 
 }  // namespace

@@ -63,6 +63,13 @@ UserInfo UserInfo::ResetAction::reduce(const UserInfo&) const {
   return next;
 }
 
+UserInfo UserInfo::IdentifyAction::reduce(const UserInfo& state) const {
+  UserInfo next = state;
+  next.userId = userId;
+  if (traits) next.traits = traits;
+  return next;
+}
+
 void encode(Encoder& encoder, const UserInfo& userInfo) {
   encoder.beginObject();
   encoder.field("anonymousId", userInfo.anonymousId);

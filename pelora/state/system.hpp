@@ -58,6 +58,13 @@ struct PELORA_API UserInfo : IState {
     using StateType = UserInfo;
     UserInfo reduce(const UserInfo& state) const;
   };
+  // The host says who the user is: the user id, and the traits when given (else they stay).
+  struct IdentifyAction {
+    using StateType = UserInfo;
+    std::string userId;
+    std::optional<JSON> traits;
+    UserInfo reduce(const UserInfo& state) const;
+  };
 
   friend bool operator==(const UserInfo& a, const UserInfo& b) {
     return a.anonymousId == b.anonymousId && a.userId == b.userId && a.traits == b.traits;
