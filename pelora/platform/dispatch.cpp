@@ -67,16 +67,14 @@ void runGuarded(const Task& task, const std::string& label) noexcept {
 
 // Runs drain jobs of serial queues. A fixed base of threads, plus one extra thread while a worker
 // is blocked in `sync` and work waits, so queues that wait on each other cannot starve the pool.
-// The threads of one scheduler: started under the scheduler's lock, and when one ends it leaves
-// its handle behind for whoever joins next, so a caller can wait until a thread is really gone.
+// The threads of one scheduler, started under the scheduler's lock. A thread that ends while a
+// caller waits for the threads leaves its handle for that caller to join, so the caller knows it
+// is really gone; one that ends with nobody waiting detaches itself.
 class ThreadSet {
  public:
   // With the owner's lock held: the new thread waits for that lock before it looks itself up.
   template <class F>
   void start(F body) {
-    // Threads that ended gave up the lock for good before we could take it: joining is quick.
-    for (auto& ended : finished_) ended.join();
-    finished_.clear();
     std::thread thread(std::move(body));
     const auto id = thread.get_id();
     running_.emplace_back(id, std::move(thread));
@@ -87,34 +85,37 @@ class ThreadSet {
     auto it = std::find_if(running_.begin(), running_.end(),
                            [&](const auto& entry) { return entry.first == id; });
     if (it == running_.end()) return;
-    finished_.push_back(std::move(it->second));
+    if (waiters_ > 0) {
+      finished_.push_back(std::move(it->second));
+    } else {
+      it->second.detach();
+    }
     running_.erase(it);
     ended_.notify_all();
   }
   std::size_t running() const noexcept { return running_.size(); }
 
-  // Waits (the owner's lock held in `lock`) until no thread runs or `deadline`, joining the ones
-  // that ended. True when none runs.
+  // Waits (the owner's lock held in `lock`) until no thread runs or `deadline`, and joins the
+  // threads that ended meanwhile. True when none runs.
   bool waitUntilNoneRuns(std::unique_lock<std::mutex>& lock,
                          std::chrono::steady_clock::time_point deadline) {
+    ++waiters_;
     ended_.wait_until(lock, deadline, [&] { return running_.empty(); });
-    joinFinished(lock);
-    return running_.empty();
-  }
-  // Joins the threads that ended, with the owner's lock released meanwhile.
-  void joinFinished(std::unique_lock<std::mutex>& lock) {
-    if (finished_.empty()) return;
+    --waiters_;  // threads ending from now on detach themselves
+    const bool none = running_.empty();
     std::vector<std::thread> ended;
     ended.swap(finished_);
     lock.unlock();
     for (auto& thread : ended) thread.join();
     lock.lock();
+    return none;
   }
 
  private:
   std::vector<std::pair<std::thread::id, std::thread>> running_;
   std::vector<std::thread> finished_;
   std::condition_variable ended_;
+  unsigned waiters_ = 0;
 };
 
 class WorkerPool {

@@ -50,7 +50,8 @@ ExitFence& exitFence() {
 }
 
 // Every worker thread, so that a host shutting down can wait until the workers of the sessions it
-// dropped have really ended. A worker leaves its handle in `finished` for the next waiter to join.
+// dropped have really ended. A worker that ends while someone waits leaves its handle for the
+// waiter to join; with nobody waiting it detaches itself.
 struct WorkerThreads {
   struct Entry {
     std::thread::id id;
@@ -61,6 +62,7 @@ struct WorkerThreads {
   std::condition_variable ended;
   std::vector<Entry> running;
   std::vector<std::thread> finished;
+  unsigned waiters = 0;
 };
 
 WorkerThreads& workerThreads() {
@@ -76,7 +78,11 @@ void workerEnded() {
   auto it = std::find_if(threads.running.begin(), threads.running.end(),
                          [&](const auto& entry) { return entry.id == id; });
   if (it == threads.running.end()) return;
-  threads.finished.push_back(std::move(it->thread));
+  if (threads.waiters > 0) {
+    threads.finished.push_back(std::move(it->thread));
+  } else {
+    it->thread.detach();
+  }
   threads.running.erase(it);
   threads.ended.notify_all();
 }
@@ -379,9 +385,6 @@ class Engine : public std::enable_shared_from_this<Engine> {
     try {
       auto& threads = workerThreads();
       std::lock_guard registry(threads.mutex);  // the worker's end waits for its entry
-      // Workers that ended are past their last lock: joining them here is quick.
-      for (auto& ended : threads.finished) ended.join();
-      threads.finished.clear();
       std::thread worker([self = shared_from_this(), multi]() mutable {
         self->run(multi);
         self.reset();
@@ -792,6 +795,7 @@ class Session final : public HttpSession {
 bool waitForEndedSessions(std::chrono::steady_clock::time_point deadline) {
   auto& threads = workerThreads();
   std::unique_lock lock(threads.mutex);
+  ++threads.waiters;
   auto ending = [&] {
     return std::any_of(threads.running.begin(), threads.running.end(),
                        [](const auto& entry) { return !entry.sessionAlive->load(); });
@@ -801,6 +805,7 @@ bool waitForEndedSessions(std::chrono::steady_clock::time_point deadline) {
     threads.ended.wait_until(
         lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)));
   }
+  --threads.waiters;  // workers ending from now on detach themselves
   std::vector<std::thread> ended;
   ended.swap(threads.finished);
   const bool none = !ending();
