@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
                         pelora::Dictionary{{"method", std::string("password")}},
                         std::vector<pelora::Dictionary>{{{"name", std::string("Ada")}}});
   std::cout << "quickstart: recorded " << productViews + 2
-            << " events and 1 identity-tracking event; shutting down\n";
+            << " events and 1 identity-tracking event; flushing\n";
 
   // Uploads every batch (again, when the service turned one away) and waits for the identity
   // post; then shutdown stops the client's timers and threads before the process ends.
