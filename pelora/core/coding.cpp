@@ -2,6 +2,7 @@
 // JSON::parse, which takes every number as its exact text.
 #include "pelora/core/coding.hpp"
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -101,7 +102,46 @@ std::string repairUTF8(std::string_view text) {
 
 // ---- Text encoder -------------------------------------------------------------------------------
 
-using CompactWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+// Whether `text` is ASCII without a byte that JSON text escapes (below 0x20, '"', '\\'): then
+// its JSON form is the text between quotes. Eight bytes at a time, as keys and most values are.
+bool isPlainText(std::string_view text) noexcept {
+  constexpr std::uint64_t ones = 0x0101010101010101ull;
+  constexpr std::uint64_t highs = 0x8080808080808080ull;
+  // A byte below n (n <= 128) in w, for words without high bits: exact as to whether any is.
+  auto hasLess = [](std::uint64_t w, std::uint64_t n) { return (w - ones * n) & ~w & highs; };
+  auto hasByte = [&](std::uint64_t w, std::uint64_t b) { return hasLess(w ^ (ones * b), 1); };
+  const char* p = text.data();
+  std::size_t n = text.size();
+  for (; n >= 8; p += 8, n -= 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, 8);
+    if ((word & highs) || hasLess(word, 0x20) || hasByte(word, '"') || hasByte(word, '\\')) {
+      return false;
+    }
+  }
+  for (; n > 0; ++p, --n) {
+    const auto c = static_cast<unsigned char>(*p);
+    if (c >= 0x80 || c < 0x20 || c == '"' || c == '\\') return false;
+  }
+  return true;
+}
+
+// RapidJSON's compact writer, with one shortcut: plain text (isPlainText) is copied into the
+// buffer at once instead of byte by byte through the escape table. Same bytes either way.
+class CompactWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
+ public:
+  using Writer::Writer;
+
+  // A key or string value whose text is plain.
+  void PlainString(std::string_view text) {
+    Prefix(rapidjson::kStringType);
+    char* out = os_->Push(text.size() + 2);
+    out[0] = '"';
+    std::memcpy(out + 1, text.data(), text.size());
+    out[text.size() + 1] = '"';
+    EndValue(true);
+  }
+};
 
 class TextEncoder final : public Encoder {
  public:
@@ -124,7 +164,9 @@ class TextEncoder final : public Encoder {
     }
   }
   void writeString(std::string_view value) override {
-    if (isValidUTF8(value)) {
+    if (isPlainText(value)) {
+      writer_.PlainString(value);
+    } else if (isValidUTF8(value)) {
       writer_.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
     } else {
       std::string repaired = repairUTF8(value);
@@ -136,7 +178,9 @@ class TextEncoder final : public Encoder {
     writer_.StartObject();
   }
   void writeKey(std::string_view key) override {
-    if (isValidUTF8(key)) {
+    if (isPlainText(key)) {
+      writer_.PlainString(key);
+    } else if (isValidUTF8(key)) {
       writer_.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
     } else {
       std::string repaired = repairUTF8(key);

@@ -1,9 +1,12 @@
 #include "pelora/core/json.hpp"
 
 #include <gtest/gtest.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <chrono>
 #include <cmath>
+#include <random>
 
 #include "pelora/platform/logging.hpp"
 #include "tests/support/small_stack.hpp"
@@ -144,6 +147,30 @@ TEST(JSONText, WritesValidTextForAnyBytes) {
     const std::string written = value.toString();
     EXPECT_EQ(written.find_first_of(controls.substr(0, 31)), std::string::npos) << shift;
     EXPECT_EQ(JSON::parse(written), value) << shift;
+  }
+}
+
+// Plain keys and strings skip RapidJSON's byte-by-byte escaping: the bytes must be the ones its
+// writer produces, for every byte class at every offset within an eight-byte word.
+TEST(JSONText, ShortcutForPlainTextWritesWhatRapidJSONWrites) {
+  const std::vector<std::string> pieces = {"a",    "Z",  " ",    "~", "\"",       "\\",
+                                           "\x1F", "\n", "\x7F", "/", "\xC3\xA9", "\xE2\x82\xAC"};
+  std::mt19937 random(20261124);
+  for (int round = 0; round < 4000; ++round) {
+    std::string text;
+    const int length = static_cast<int>(random() % 24);
+    for (int i = 0; i < length; ++i) {
+      // Mostly plain letters, so that words without any special byte occur too.
+      text += random() % 4 != 0 ? std::string(1, static_cast<char>('a' + random() % 26))
+                                : pieces[random() % pieces.size()];
+    }
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    writer.Key(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    writer.EndObject();
+    ASSERT_EQ(JSON(JSON::Map{{text, JSON(text)}}).toString(), buffer.GetString()) << text;
   }
 }
 

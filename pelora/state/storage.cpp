@@ -366,8 +366,6 @@ struct Storage::State {
   int fd = -1;
   bool hasEvents = false;
 
-  std::string buffer;  // "," + event text; reused so that appending rarely allocates
-
   ~State() { closeCurrent(); }
 
   void createDirectory() const noexcept {
@@ -620,14 +618,9 @@ struct Storage::State {
     if (next != index) storeIndex(next);
   }
 
-  void append(AppendText appendText, const void* event) {
+  // Appends `text` ("," + one event's text) to the current batch and syncs it.
+  void append(std::string_view text) {
     recover();
-    buffer.assign(1, ',');
-    try {
-      appendText(buffer, event);
-    } catch (const std::exception&) {
-      return;  // not encodable: nothing is written
-    }
 
     struct stat info;
     // The open file's own status: cheaper than a path lookup, and a link count of 0 shows that
@@ -640,7 +633,7 @@ struct Storage::State {
       if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return;
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
-    if (!writeAll(fd, buffer.data() + skip, buffer.size() - skip) || ::fdatasync(fd) != 0) {
+    if (!writeAll(fd, text.data() + skip, text.size() - skip) || ::fdatasync(fd) != 0) {
       // A torn event would spoil the whole batch: cut the file back to where it was.
       if (!cutBack(fd, info.st_size)) closeCurrent();
       return;
@@ -717,13 +710,24 @@ std::filesystem::path Storage::eventsDirectory() const {
 // Each block catches its own failures so that nothing unwinds through the queue.
 
 void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
+  // Encoded on the caller's thread, so that recording threads encode side by side and hold the
+  // queue only for the write; the buffer is the thread's own and keeps its memory.
+  thread_local std::string text;
+  try {
+    text.assign(1, ',');
+    appendText(text, event);
+  } catch (const std::exception&) {
+    return;  // not encodable (or out of memory): nothing is written
+  }
   queue_->sync([&]() noexcept {
     try {
-      state_->append(appendText, event);
+      state_->append(text);
     } catch (const std::exception&) {
       // Out of memory on the way: the event is lost, the host never hears of it.
     }
   });
+  // One huge event must not pin its buffer for the life of the thread.
+  if (text.capacity() > (1u << 20)) std::string().swap(text);
 }
 
 void Storage::writeValue(Constants key, std::optional<JSON> value) noexcept {
