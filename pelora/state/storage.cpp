@@ -9,8 +9,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
 #include <system_error>
 
 #include "pelora/core/rapidjson_internal.hpp"
@@ -352,6 +356,67 @@ std::string safeFileName(std::string_view writeKey) {
 // until it is finished and renamed, so a file has one writer at a time and a crashed writer's lock
 // goes with it. A writer that finds its next file locked moves on to the next number; unlocked
 // unfinished files are a crashed writer's, and are repaired and finished by whoever comes next.
+// An open batch file, shared by the storage (while it is the current batch) and a sync in progress,
+// so a sync may still run on it after it was finished and closed. Closing releases the lock.
+struct BatchFile {
+  explicit BatchFile(int descriptor) noexcept : fd(descriptor) {}
+  ~BatchFile() { ::close(fd); }
+  BatchFile(const BatchFile&) = delete;
+  BatchFile& operator=(const BatchFile&) = delete;
+  const int fd;
+};
+
+// Group commit. Events are written under the storage queue in order; each writer then waits,
+// outside the queue, until a sync that began after its write has finished. The first writer to
+// find no sync running syncs the latest batch for everyone written so far; the others wait for it
+// or for the next one. Finishing a batch syncs it (its closing text), which covers every event
+// written before: events of one batch never follow events of a later one.
+struct GroupCommit {
+  std::mutex mutex;
+  std::condition_variable done;
+  std::uint64_t written = 0;  // events written so far
+  std::uint64_t synced = 0;   // events known to be on disk
+  bool syncing = false;
+  std::shared_ptr<const BatchFile> latest;  // the batch the last event went to
+
+  // Under the storage queue, after an event was written to `file`: its ticket.
+  std::uint64_t wrote(const std::shared_ptr<const BatchFile>& file) {
+    std::lock_guard lock(mutex);
+    latest = file;
+    return ++written;
+  }
+  // Under the storage queue, after a batch was synced whole.
+  void allSynced() {
+    std::lock_guard lock(mutex);
+    synced = written;
+    done.notify_all();
+  }
+  // Returns once the event of `ticket` is on disk (as far as fdatasync can tell).
+  void waitFor(std::uint64_t ticket) {
+    std::unique_lock lock(mutex);
+    while (synced < ticket) {
+      if (syncing) {
+        done.wait(lock);
+        continue;
+      }
+      syncing = true;
+      const std::uint64_t target = written;
+      const std::shared_ptr<const BatchFile> file = latest;
+      lock.unlock();
+      const bool ok = file && ::fdatasync(file->fd) == 0;
+      lock.lock();
+      syncing = false;
+      // A failed sync cannot be undone for events of other writers; they stay written.
+      if (!ok) {
+        log::message("Event storage could not sync a batch: " + std::string(std::strerror(errno)),
+                     LogFilterKind::error, "write(_:)", __LINE__);
+      }
+      synced = std::max(synced, target);
+      done.notify_all();
+    }
+  }
+};
+
 struct Storage::State {
   std::string writeKey;
   std::string closingEnd;  // `","writeKey":"<key as a JSON string>"}`
@@ -362,9 +427,12 @@ struct Storage::State {
   std::uint64_t index = 0;
   std::string currentPath;  // directory / "<index>-pelora-events"
 
-  // The open current batch (locked by us), and whether it holds an event yet.
+  // The open current batch (locked by us), and whether it holds an event yet. `fd` is the
+  // descriptor of `file`, which a sync in progress may keep open a little longer.
   int fd = -1;
+  std::shared_ptr<const BatchFile> file;
   bool hasEvents = false;
+  GroupCommit commits;
 
   ~State() { closeCurrent(); }
 
@@ -390,7 +458,7 @@ struct Storage::State {
   void advanceIndex() { storeIndex(index + 1); }
 
   void closeCurrent() noexcept {
-    if (fd >= 0) ::close(fd);  // releases the lock
+    file.reset();  // closes it (and so releases the lock) unless a sync still runs on it
     fd = -1;
     hasEvents = false;
   }
@@ -528,7 +596,8 @@ struct Storage::State {
           continue;
         }
       }
-      fd = file.release();
+      fd = file.get();
+      this->file = std::make_shared<const BatchFile>(file.release());
       hasEvents = holdsEvents;
       return true;
     }
@@ -551,6 +620,7 @@ struct Storage::State {
     }
     switch (appendClosing(fd, currentPath)) {
       case Closing::written:
+        commits.allSynced();  // the closing text was synced, and every event before it
         break;
       case Closing::notWritten:
         return;
@@ -618,27 +688,29 @@ struct Storage::State {
     if (next != index) storeIndex(next);
   }
 
-  // Appends `text` ("," + one event's text) to the current batch and syncs it.
-  void append(std::string_view text) {
+  // Appends `text` ("," + one event's text) to the current batch. Returns the event's ticket
+  // for GroupCommit::waitFor, or 0 when nothing was written.
+  std::uint64_t append(std::string_view text) {
     recover();
 
     struct stat info;
     // The open file's own status: cheaper than a path lookup, and a link count of 0 shows that
     // the batch was deleted behind our back (then a new one starts).
     if (fd >= 0 && (::fstat(fd, &info) != 0 || info.st_nlink == 0)) closeCurrent();
-    if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return;
+    if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return 0;
     if (info.st_size >= kRollOverSize) {
       finish();
       // When finishing failed the batch stays open and takes the event after all.
-      if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return;
+      if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return 0;
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
-    if (!writeAll(fd, text.data() + skip, text.size() - skip) || ::fdatasync(fd) != 0) {
+    if (!writeAll(fd, text.data() + skip, text.size() - skip)) {
       // A torn event would spoil the whole batch: cut the file back to where it was.
       if (!cutBack(fd, info.st_size)) closeCurrent();
-      return;
+      return 0;
     }
     hasEvents = true;
+    return commits.wrote(file);
   }
 
   std::vector<std::filesystem::path> finishAndList() {
@@ -719,13 +791,15 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
   } catch (const std::exception&) {
     return;  // not encodable (or out of memory): nothing is written
   }
-  queue_->sync([&]() noexcept {
+  const std::uint64_t ticket = queue_->sync([&]() noexcept -> std::uint64_t {
     try {
-      state_->append(text);
+      return state_->append(text);
     } catch (const std::exception&) {
-      // Out of memory on the way: the event is lost, the host never hears of it.
+      return 0;  // out of memory on the way: the event is lost, the host never hears of it
     }
   });
+  // Durable before the call returns; threads recording at once share one sync.
+  if (ticket != 0) state_->commits.waitFor(ticket);
   // One huge event must not pin its buffer for the life of the thread.
   if (text.capacity() > (1u << 20)) std::string().swap(text);
 }
