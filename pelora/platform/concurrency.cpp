@@ -1,5 +1,7 @@
 #include "pelora/platform/concurrency.hpp"
 
+#include "pelora/core/fatal_error.hpp"
+
 #include <cxxabi.h>
 #include <chrono>
 #include <cstdlib>
@@ -8,6 +10,20 @@
 #include "pelora/platform/logging.hpp"
 
 namespace pelora {
+
+ExclusiveRunner::Entered::Entered(ExclusiveRunner& runner) : runner(runner) {
+  if (runner.isCurrent()) {
+    fatalError("sync on '" + runner.label_ +
+               "' from a block already running on it: that would deadlock");
+  }
+  runner.mutex_.lock();
+  runner.owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+}
+
+ExclusiveRunner::Entered::~Entered() {
+  runner.owner_.store(std::thread::id(), std::memory_order_relaxed);
+  runner.mutex_.unlock();
+}
 
 void reportQueueSize(std::size_t count) {
   if (!log::debugEnabled()) return;

@@ -3,6 +3,7 @@
 // only for a copy, a store or an in-place change. QueueTimer owns a timer source firing on a queue.
 #pragma once
 
+#include <atomic>
 #include <concepts>
 #include <cstddef>
 #include <deque>
@@ -14,6 +15,8 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -115,6 +118,48 @@ class Atomic {
  private:
   mutable std::mutex mutex_;
   T value_;
+};
+
+// A hint to the CPU inside a short wait loop (another thread is about to finish something).
+inline void cpuRelax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+// Runs blocks on the calling thread, one at a time: a serial queue that is only ever used with
+// sync, without its hand-off. A thread finishing a block lets the next one in without waiting for
+// a sleeping waiter to be scheduled first, so threads that outnumber the cores do not queue up
+// behind one that is not running. Entering again from the thread inside is a programming error.
+class PELORA_API ExclusiveRunner {
+ public:
+  explicit ExclusiveRunner(std::string label) : label_(std::move(label)) {}
+  ExclusiveRunner(const ExclusiveRunner&) = delete;
+  ExclusiveRunner& operator=(const ExclusiveRunner&) = delete;
+
+  template <class F>
+  std::invoke_result_t<F&> sync(F&& block) {
+    Entered entered(*this);
+    return block();
+  }
+  // True on the thread running a block.
+  bool isCurrent() const noexcept {
+    return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
+  const std::string& label() const noexcept { return label_; }
+
+ private:
+  struct Entered {
+    explicit Entered(ExclusiveRunner& runner);
+    ~Entered();
+    ExclusiveRunner& runner;
+  };
+
+  std::mutex mutex_;
+  std::atomic<std::thread::id> owner_{};
+  const std::string label_;
 };
 
 // A repeating timer on a queue: first fires `interval` seconds after construction, then every

@@ -112,5 +112,37 @@ TEST(ConcurrencyQueueTimerStress, CreateAndDestroyFromManyThreads) {
   EXPECT_EQ(calls.load(), settled) << "a destroyed timer fired";
 }
 
+// One block at a time, on the caller's thread, whoever comes first; entering again from inside
+// is a programming error caught before it deadlocks.
+TEST(ConcurrencyExclusiveRunner, OneBlockAtATimeOnTheCallersThread) {
+  ExclusiveRunner runner("test.runner");
+  std::atomic<int> inside{0};
+  int total = 0;  // guarded by the runner alone
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) {
+        const auto caller = std::this_thread::get_id();
+        runner.sync([&] {
+          EXPECT_EQ(inside.fetch_add(1), 0);
+          EXPECT_EQ(std::this_thread::get_id(), caller);
+          EXPECT_TRUE(runner.isCurrent());
+          ++total;
+          inside.fetch_sub(1);
+        });
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(total, 8000);
+  EXPECT_FALSE(runner.isCurrent());
+  EXPECT_EQ(runner.sync([] { return 7; }), 7);
+}
+
+TEST(ConcurrencyExclusiveRunnerDeathTest, EnteringAgainFromInsideIsFatal) {
+  ExclusiveRunner runner("test.runner");
+  EXPECT_DEATH(runner.sync([&] { runner.sync([] {}); }), "sync on 'test.runner' from a block");
+}
+
 }  // namespace
 }  // namespace pelora

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/console.hpp"
 
 namespace pelora::platform {
@@ -269,6 +270,16 @@ class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<
       runOwned(block);
       return;
     }
+    // Most holders are another sync caller with a short block (a storage write, a state read):
+    // wait a moment for the queue to go idle before sleeping, since a sleep and a wake-up cost
+    // more than the block itself. Idle means every earlier task has run.
+    for (int spin = 0; spin < kSpins; ++spin) {
+      cpuRelax();
+      if (!owned_.load(std::memory_order_relaxed) && !owned_.exchange(true)) {
+        runOwned(block);
+        return;
+      }
+    }
     Waiter waiter;
     bool queued = false;
     {
@@ -293,6 +304,7 @@ class QueueImpl final : public SerialQueue, public std::enable_shared_from_this<
 
  private:
   static constexpr int kBatch = 64;
+  static constexpr int kSpins = 200;  // about a microsecond or two
 
   // A sync caller waiting for its turn; lives on that caller's stack.
   struct Waiter {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <condition_variable>
@@ -19,6 +20,7 @@
 
 #include "pelora/core/rapidjson_internal.hpp"
 #include "pelora/platform/clock.hpp"
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/logging.hpp"
 #include "pelora/platform/user_defaults.hpp"
@@ -375,9 +377,10 @@ struct GroupCommit {
   std::mutex mutex;
   std::condition_variable done;
   std::uint64_t written = 0;  // events written so far
-  std::uint64_t synced = 0;   // events known to be on disk
   bool syncing = false;
   std::shared_ptr<const BatchFile> latest;  // the batch the last event went to
+  // Events known to be on disk; changed under `mutex`, read without it by waiters that spin.
+  std::atomic<std::uint64_t> synced{0};
 
   // Under the storage queue, after an event was written to `file`: its ticket.
   std::uint64_t wrote(const std::shared_ptr<const BatchFile>& file) {
@@ -388,15 +391,23 @@ struct GroupCommit {
   // Under the storage queue, after a batch was synced whole.
   void allSynced() {
     std::lock_guard lock(mutex);
-    synced = written;
+    synced.store(written, std::memory_order_release);
     done.notify_all();
   }
   // Returns once the event of `ticket` is on disk (as far as fdatasync can tell).
   void waitFor(std::uint64_t ticket) {
     std::unique_lock lock(mutex);
-    while (synced < ticket) {
+    while (synced.load(std::memory_order_relaxed) < ticket) {
       if (syncing) {
-        done.wait(lock);
+        // A sync on a fast device ends sooner than a sleep and a wake-up would: look again for
+        // a moment before sleeping.
+        lock.unlock();
+        for (int spin = 0; spin < kSpins; ++spin) {
+          cpuRelax();
+          if (synced.load(std::memory_order_acquire) >= ticket) return;
+        }
+        lock.lock();
+        if (syncing && synced.load(std::memory_order_relaxed) < ticket) done.wait(lock);
         continue;
       }
       syncing = true;
@@ -404,17 +415,23 @@ struct GroupCommit {
       const std::shared_ptr<const BatchFile> file = latest;
       lock.unlock();
       const bool ok = file && ::fdatasync(file->fd) == 0;
+      const int error = errno;
       lock.lock();
       syncing = false;
       // A failed sync cannot be undone for events of other writers; they stay written.
       if (!ok) {
-        log::message("Event storage could not sync a batch: " + std::string(std::strerror(errno)),
+        log::message("Event storage could not sync a batch: " + std::string(std::strerror(error)),
                      LogFilterKind::error, "write(_:)", __LINE__);
       }
-      synced = std::max(synced, target);
+      if (synced.load(std::memory_order_relaxed) < target) {
+        synced.store(target, std::memory_order_release);
+      }
       done.notify_all();
     }
   }
+
+ private:
+  static constexpr int kSpins = 200;
 };
 
 struct Storage::State {
@@ -744,8 +761,7 @@ struct Storage::State {
 Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths)
     : store_(std::move(store)),
       writeKey_(std::move(writeKey)),
-      queue_(platform::SerialQueue::create(
-          std::string("storage.").append(platform::queueLabelSuffix))),
+      queue_(std::string("storage.").append(platform::queueLabelSuffix)),
       state_(std::make_unique<State>()) {
   if (paths.documents.empty() || paths.preferences.empty()) {
     const auto defaults = platform::Paths::defaults();
@@ -791,7 +807,7 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
   } catch (const std::exception&) {
     return;  // not encodable (or out of memory): nothing is written
   }
-  const std::uint64_t ticket = queue_->sync([&]() noexcept -> std::uint64_t {
+  const std::uint64_t ticket = queue_.sync([&]() noexcept -> std::uint64_t {
     try {
       return state_->append(text);
     } catch (const std::exception&) {
@@ -805,7 +821,7 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
 }
 
 void Storage::writeValue(Constants key, std::optional<JSON> value) noexcept {
-  queue_->sync([&]() noexcept {
+  queue_.sync([&]() noexcept {
     auto& suite = state_->suite;
     if (!suite) return;
     try {
@@ -822,7 +838,7 @@ void Storage::writeValue(Constants key, std::optional<JSON> value) noexcept {
 }
 
 std::optional<JSON> Storage::readValue(Constants key) noexcept {
-  return queue_->sync([&]() noexcept -> std::optional<JSON> {
+  return queue_.sync([&]() noexcept -> std::optional<JSON> {
     if (!state_->suite) return std::nullopt;
     try {
       return state_->suite->get(rawValue(key));
@@ -833,7 +849,7 @@ std::optional<JSON> Storage::readValue(Constants key) noexcept {
 }
 
 std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
-  return queue_->sync([&]() noexcept -> std::vector<std::filesystem::path> {
+  return queue_.sync([&]() noexcept -> std::vector<std::filesystem::path> {
     try {
       return state_->finishAndList();
     } catch (const std::exception&) {

@@ -18,6 +18,7 @@
 #include "pelora/core/events.hpp"
 #include "pelora/core/export.hpp"
 #include "pelora/core/json.hpp"
+#include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/paths.hpp"
 
@@ -91,7 +92,7 @@ class PELORA_API Storage {
   // Runs `block` on the storage queue (on the calling thread) and returns its result.
   template <class F>
   auto sync(F&& block) {
-    return queue_->sync(std::forward<F>(block));
+    return queue_.sync(std::forward<F>(block));
   }
 
   // <documents>/pelora/<write key as one file name>, created when missing.
@@ -110,7 +111,8 @@ class PELORA_API Storage {
 
   std::shared_ptr<Store> store_;
   std::string writeKey_;
-  std::shared_ptr<platform::SerialQueue> queue_;
+  // The storage queue: only ever entered with sync, so a lock without a queue's hand-off.
+  ExclusiveRunner queue_;
   std::unique_ptr<State> state_;
 };
 
