@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <csignal>
 #include <fstream>
@@ -463,8 +465,12 @@ TEST_F(StorageTest, ConcurrentWritersLoseNothingAndKeepTheirOrder) {
   }
   for (auto& thread : threads) thread.join();
 
-  const Files files = s->read<Files>(Key::events).value_or(Files{});
+  Files files = s->read<Files>(Key::events).value_or(Files{});
   EXPECT_GE(files.size(), 3u);
+  // In the order they were written: by batch number (the listing is lexical, "10-" before "2-").
+  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
+    return std::stoull(a.filename().string()) < std::stoull(b.filename().string());
+  });
   std::vector<int> next(kThreads, 0);
   for (const auto& finished : files) {
     JSON batch;
