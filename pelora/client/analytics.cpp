@@ -290,7 +290,7 @@ void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
 }
 
 void PeloraAnalytics::completeEvent(RawEvent& event) const {
-  auto user = store_->currentState<UserInfo>();
+  auto user = store_->snapshot<UserInfo>();
   if (!user) return;
   event.anonymousId = user->anonymousId;
   event.messageId = platform::uuidString();

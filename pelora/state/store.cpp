@@ -1,5 +1,7 @@
 #include "pelora/state/store.hpp"
+
 #include "pelora/core/fatal_error.hpp"
+#include "pelora/platform/concurrency.hpp"
 
 #include <atomic>
 #include <limits>
@@ -28,8 +30,9 @@ std::int64_t takeSubscriptionID() {
 
 namespace detail {
 
-// The store's data behind its two queues. Shared with pending async completions, so a completion
-// that arrives after the Store handle is gone still finds it.
+// The store's data behind its two queues (only ever entered with sync, so locks a running thread
+// may take while a waiter wakes: every recorded event reads the state). Shared with pending async
+// completions, so a completion that arrives after the Store handle is gone still finds it.
 class StoreCore {
  public:
   using ErasedHandler = std::function<void(const std::any&)>;
@@ -48,15 +51,13 @@ class StoreCore {
   };
 
   StoreCore()
-      : updateQueue_(platform::SerialQueue::create("state.update." +
-                                                   std::string(platform::queueLabelSuffix))),
-        syncQueue_(platform::SerialQueue::create("state.sync." +
-                                                 std::string(platform::queueLabelSuffix))) {}
+      : updateQueue_("state.update." + std::string(platform::queueLabelSuffix)),
+        syncQueue_("state.sync." + std::string(platform::queueLabelSuffix)) {}
 
   void provide(std::type_index type, std::any state) {
     auto value = std::make_shared<const std::any>(std::move(state));
     // Look-up and append in one turn, so two racing provides cannot both add a container.
-    const bool added = updateQueue_->sync([&] {
+    const bool added = updateQueue_.sync([&] {
       if (find(type) != nullptr) return false;
       states_.push_back(Container{type, value});
       return true;
@@ -65,7 +66,7 @@ class StoreCore {
   }
 
   std::shared_ptr<const std::any> stateOf(std::type_index type) const {
-    return updateQueue_->sync([&]() -> std::shared_ptr<const std::any> {
+    return updateQueue_.sync([&]() -> std::shared_ptr<const std::any> {
       const Container* container = find(type);
       return container != nullptr ? container->state : nullptr;
     });
@@ -73,7 +74,7 @@ class StoreCore {
 
   void replace(std::type_index type, std::any state) {
     auto value = std::make_shared<const std::any>(std::move(state));
-    const bool stored = updateQueue_->sync([&] {
+    const bool stored = updateQueue_.sync([&] {
       Container* container = find(type);
       if (container == nullptr) return false;
       container->state = value;
@@ -88,7 +89,7 @@ class StoreCore {
     Subscription subscription{owner, std::move(queue), type,
                               std::make_shared<const ErasedHandler>(std::move(handler)),
                               takeSubscriptionID()};
-    syncQueue_->sync([&] { subscribers_.push_back(subscription); });
+    syncQueue_.sync([&] { subscribers_.push_back(subscription); });
     if (initialState) {
       if (auto value = stateOf(type)) notify({subscription}, type, value);
     }
@@ -96,7 +97,7 @@ class StoreCore {
   }
 
   void unsubscribe(std::int64_t identifier) {
-    syncQueue_->sync([&] {
+    syncQueue_.sync([&] {
       std::erase_if(subscribers_, [&](const Subscription& subscription) {
         return subscription.subscriptionID == identifier;
       });
@@ -116,7 +117,7 @@ class StoreCore {
   }
 
   std::vector<Subscription> matching(std::type_index type) const {
-    return syncQueue_->sync([&] {
+    return syncQueue_.sync([&] {
       std::vector<Subscription> list;
       for (const Subscription& subscription : subscribers_) {
         if (subscription.type == type) list.push_back(subscription);
@@ -133,14 +134,14 @@ class StoreCore {
       if (subscription.type != type || subscription.owner.expired()) continue;
       subscription.queue->async([handler = subscription.handler, value] { (*handler)(*value); });
     }
-    syncQueue_->sync([&] {
+    syncQueue_.sync([&] {
       std::erase_if(subscribers_,
                     [](const Subscription& subscription) { return subscription.owner.expired(); });
     });
   }
 
-  const std::shared_ptr<platform::SerialQueue> updateQueue_;
-  const std::shared_ptr<platform::SerialQueue> syncQueue_;
+  mutable ExclusiveRunner updateQueue_;
+  mutable ExclusiveRunner syncQueue_;
   std::vector<Container> states_;          // on updateQueue_, in the order provided
   std::vector<Subscription> subscribers_;  // on syncQueue_, in the order subscribed
 };

@@ -139,6 +139,16 @@ class PELORA_API Store {
   // Removes the subscription `identifier`; an unknown identifier changes nothing.
   void unsubscribe(std::int64_t identifier);
 
+  // The held state of type S, if any, without a copy (a later dispatch replaces it and leaves
+  // this one as it was).
+  template <class S>
+  std::shared_ptr<const S> snapshot() const {
+    auto held = stateOf(typeid(S));
+    const S* state = held ? std::any_cast<S>(held.get()) : nullptr;
+    if (state == nullptr) return nullptr;
+    return std::shared_ptr<const S>(std::move(held), state);
+  }
+
   // A copy of the held state of type S, if any.
   template <class S>
   std::optional<S> currentState() const {
