@@ -131,9 +131,22 @@ JSON checked(JSON json, int levels) {
 
 // The loosely typed construction of a value that may nest `levels` deep. The limit is checked
 // before descending, so no host value can take the stack deeper than the limit.
+// The host types most values come as, told apart by the address of their type's name: one
+// pointer comparison each, where type_info's == compares names as strings when they differ. A
+// type whose type_info lives elsewhere (another library's copy) takes the full comparisons below.
+template <class T>
+const T* sameTypeInfo(const std::any& value, const std::type_info& type) {
+  return type.name() == typeid(T).name() ? std::any_cast<T>(&value) : nullptr;
+}
+
 JSON convert(const std::any& value, int levels) {
   if (!value.has_value()) return JSON();
   const std::type_info& type = value.type();
+  if (const auto* s = sameTypeInfo<std::string>(value, type)) return JSON(*s);
+  if (const auto* i = sameTypeInfo<int>(value, type)) return JSON(*i);
+  if (const auto* i = sameTypeInfo<std::int64_t>(value, type)) return JSON(*i);
+  if (const auto* b = sameTypeInfo<bool>(value, type)) return JSON(*b);
+  if (const auto* d = sameTypeInfo<Decimal>(value, type)) return JSON(*d);
   if (const auto* dict = held<Dictionary>(value, type)) {
     if (levels < 1) throw tooDeep();
     return JSON(mapFromDictionary(*dict, levels - 1));
