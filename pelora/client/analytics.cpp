@@ -303,7 +303,7 @@ void PeloraAnalytics::completeEvent(RawEvent& event) const {
 template <class E>
 void PeloraAnalytics::process(E event) {
   completeEvent(event);
-  (void)timeline_->process(std::optional<E>(std::move(event)));
+  timeline_->deliver(std::optional<E>(std::move(event)));
 }
 
 // ---- Plugins ------------------------------------------------------------------------------------

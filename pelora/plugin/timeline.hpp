@@ -48,9 +48,10 @@ class PELORA_API Mediator {
   // The current list.
   PluginSnapshot plugins() const;
   // When every plugin is a destination, hands each a copy of `event` and returns true; otherwise
-  // does nothing and returns false.
+  // does nothing and returns false. With `lastTakesIt`, the last destination gets `event` itself
+  // (moved; nobody after it needs it) instead of a copy.
   template <class E>
-  bool runOnCopies(const E& event) const;
+  bool runOnCopies(E& event, bool lastTakesIt = false) const;
 
   // Each plugin gets the previous one's result; destinations only get copies and cannot change or
   // drop the event for the others. Nothing reaches the rest once a plugin drops the event.
@@ -113,6 +114,24 @@ class PELORA_API Timeline {
     runStage(PluginType::after, event);
     return event;
   }
+  // process() for a caller that has no use for the result: when no after-stage plugin needs the
+  // event either, the last destination takes it instead of a copy.
+  template <class E>
+  void deliver(std::optional<E> event) const {
+    runStage(PluginType::before, event);
+    if (!event) return;
+    auto after = plugins_.find(PluginType::after);
+    const bool nothingAfter = after == plugins_.end() || after->second->plugins().empty();
+    auto destinations = plugins_.find(PluginType::destination);
+    if (destinations != plugins_.end() &&
+        !destinations->second->runOnCopies(*event, nothingAfter)) {
+      auto copy = event;
+      destinations->second->run(copy);
+    } else if (nothingAfter) {
+      return;
+    }
+    runStage(PluginType::after, event);
+  }
 
   // The first plugin (in stage order) that is a T.
   template <class T>
@@ -146,12 +165,19 @@ void Mediator::run(std::optional<E>& event) const {
 }
 
 template <class E>
-bool Mediator::runOnCopies(const E& event) const {
+bool Mediator::runOnCopies(E& event, bool lastTakesIt) const {
   const PluginSnapshot list = plugins();
   for (const auto& plugin : list) {
     if (!dynamic_cast<DestinationPlugin*>(plugin.get())) return false;
   }
-  for (const auto& plugin : list) (void)plugin->execute(std::optional<E>(event));
+  std::size_t left = list.size();
+  for (const auto& plugin : list) {
+    if (--left == 0 && lastTakesIt) {
+      (void)plugin->execute(std::optional<E>(std::move(event)));
+    } else {
+      (void)plugin->execute(std::optional<E>(event));
+    }
+  }
   return true;
 }
 

@@ -104,6 +104,34 @@ TEST_F(TimelineTest, BeforeStageChangesTheEventForAllAndDestinationsForNone) {
   }
 }
 
+// With nothing in the after stage the client hands the last destination the event itself rather
+// than a copy: every destination still gets the whole event.
+TEST_F(TimelineTest, WithNothingAfterEveryDestinationStillGetsTheWholeEvent) {
+  struct Keeper : DestinationPlugin {
+    explicit Keeper(std::string k) : k_(std::move(k)) {}
+    std::string key() const override { return k_; }
+    std::optional<TrackEvent> track(TrackEvent event) override {
+      kept.push_back(std::move(event));
+      return std::nullopt;
+    }
+    std::vector<TrackEvent> kept;
+    std::string k_;
+  };
+  auto first = std::make_shared<Keeper>("A");
+  auto last = std::make_shared<Keeper>("B");
+  for (auto d : {first, last}) {
+    analytics->add(d);
+    analytics->manuallyEnableDestination(d);
+  }
+  analytics->trackBash("x", Dictionary{{"k", 1}});
+  ASSERT_EQ(first->kept.size(), 1u);
+  ASSERT_EQ(last->kept.size(), 1u);
+  EXPECT_EQ(first->kept[0], last->kept[0]);
+  EXPECT_EQ(last->kept[0].event, "x");
+  EXPECT_EQ(last->kept[0].properties, JSON(JSON::Map{{"k", JSON(1)}}));
+  EXPECT_TRUE(last->kept[0].messageId.has_value());
+}
+
 TEST_F(TimelineTest, DestinationNeedsSettingsEntryAndNoFalseInTheEvent) {
   auto unlisted = std::make_shared<RecordingDestination>("Unlisted");
   analytics->add(unlisted);
