@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <mutex>
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
+#include "pelora/platform/console.hpp"
 #include "pelora/platform/logging.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
@@ -100,9 +102,20 @@ TEST_F(IAMManagerTest, RetryDelayWaitsAfterAFailureAndAStopCancelsTheWait) {
 
 TEST_F(IAMManagerTest, WithoutAWriteKeyNothingIsRequested) {
   log::setDebugEnabled(true);
-  ::testing::internal::CaptureStdout();
+  // The pull loop prints from its own thread: collect the lines until its last one arrived.
+  std::mutex mutex;
+  std::string printed;
+  platform::setLogHandler([&](LogLevel, std::string_view line) {
+    std::lock_guard lock(mutex);
+    printed.append(line).append("\n");
+  });
   manager->start(test::setupFor(collector, ""));
-  const std::string printed = ::testing::internal::GetCapturedStdout();
+  const bool ended = test::eventually([&] {
+    std::lock_guard lock(mutex);
+    return printed.find("isn't initialized") != std::string::npos;
+  });
+  platform::setLogHandler(nullptr);
+  ASSERT_TRUE(ended) << printed;
   EXPECT_TRUE(linesInOrder(printed, {"IAM : Init -enableIAM", "--- Start Polling ----",
                                      "--- Error : Pelora SDK isn't initialized ---"}))
       << printed;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -36,6 +37,8 @@ constexpr std::string_view kBatchHeader = "{ \"batch\": [";
 constexpr std::string_view kSentAtKey = "],\"sentAt\":\"";
 constexpr std::string_view kWriteKeyKey = "\",\"writeKey\":";
 constexpr off_t kRollOverSize = 475'000;
+// How often the open batch is checked for having been deleted behind our back.
+constexpr auto kLinkCheckInterval = std::chrono::milliseconds(50);
 constexpr std::string_view kFinishFunction = "finish(file:)";
 // Tries at finding a batch file of our own before giving up on one event.
 constexpr int kOpenAttempts = 64;
@@ -448,7 +451,10 @@ struct Storage::State {
   // descriptor of `file`, which a sync in progress may keep open a little longer.
   int fd = -1;
   std::shared_ptr<const BatchFile> file;
+  off_t size = 0;  // its size: only this writer changes it while it holds the lock
   bool hasEvents = false;
+  // When the open batch was last seen to still have a name (see append).
+  std::chrono::steady_clock::time_point lastLinkCheck;
   GroupCommit commits;
 
   ~State() { closeCurrent(); }
@@ -613,9 +619,13 @@ struct Storage::State {
           continue;
         }
       }
+      struct stat opened;
+      if (::fstat(file.get(), &opened) != 0) return false;
       fd = file.get();
       this->file = std::make_shared<const BatchFile>(file.release());
+      size = opened.st_size;
       hasEvents = holdsEvents;
+      lastLinkCheck = std::chrono::steady_clock::now();
       return true;
     }
     return false;
@@ -710,22 +720,30 @@ struct Storage::State {
   std::uint64_t append(std::string_view text) {
     recover();
 
-    struct stat info;
-    // The open file's own status: cheaper than a path lookup, and a link count of 0 shows that
-    // the batch was deleted behind our back (then a new one starts).
-    if (fd >= 0 && (::fstat(fd, &info) != 0 || info.st_nlink == 0)) closeCurrent();
-    if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return 0;
-    if (info.st_size >= kRollOverSize) {
+    // A batch deleted behind our back (its link count 0) is left for a new one. Looked at now and
+    // then rather than for every event: a status call would cost as much as the write itself.
+    // Events written in between go with the deleted file.
+    if (fd >= 0) {
+      const auto now = std::chrono::steady_clock::now();
+      if (now - lastLinkCheck >= kLinkCheckInterval) {
+        lastLinkCheck = now;
+        struct stat info;
+        if (::fstat(fd, &info) != 0 || info.st_nlink == 0) closeCurrent();
+      }
+    }
+    if (fd < 0 && !openCurrent(true)) return 0;
+    if (size >= kRollOverSize) {
       finish();
       // When finishing failed the batch stays open and takes the event after all.
-      if (fd < 0 && (!openCurrent(true) || ::fstat(fd, &info) != 0)) return 0;
+      if (fd < 0 && !openCurrent(true)) return 0;
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
     if (!writeAll(fd, text.data() + skip, text.size() - skip)) {
       // A torn event would spoil the whole batch: cut the file back to where it was.
-      if (!cutBack(fd, info.st_size)) closeCurrent();
+      if (!cutBack(fd, size)) closeCurrent();
       return 0;
     }
+    size += static_cast<off_t>(text.size() - skip);
     hasEvents = true;
     return commits.wrote(file);
   }
