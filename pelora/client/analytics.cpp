@@ -238,9 +238,28 @@ bool PeloraAnalytics::accepting(std::string_view what) const {
   return false;
 }
 
+bool PeloraAnalytics::pluginsReadEventValues() const {
+  bool reads = false;
+  timeline_->apply(
+      [&](const std::shared_ptr<Plugin>& plugin) { reads = reads || plugin->readsEventValues(); });
+  return reads;
+}
+
 void PeloraAnalytics::trackBash(const std::string& name,
                                 const std::optional<Dictionary>& properties) {
   if (!accepting("trackBash")) return;
+  if (properties && !pluginsReadEventValues()) {
+    // Nobody looks at the properties before they are written: skip building them as JSON.
+    TrackEvent event(name, std::nullopt);
+    try {
+      event.propertiesText =
+          std::make_shared<const std::string>(hostDictionaryText(*properties, maxEventValueDepth));
+    } catch (const JSONError& error) {
+      platform::printLine(error.what());  // left out, as when building them fails
+    }
+    process(std::move(event));
+    return;
+  }
   std::optional<JSON> converted;
   if (properties) converted = convertOrReport(*properties);
   process(TrackEvent(name, std::move(converted)));

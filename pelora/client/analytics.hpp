@@ -153,6 +153,7 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void trackMonitorEventJSON(const JSON& value);
   void forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const;
   bool accepting(std::string_view what) const;
+  bool pluginsReadEventValues() const;
   bool deliveredAll() const;
   bool flushUntil(Clock::time_point deadline);
   void releasePlugins();

@@ -65,12 +65,13 @@ class AnalyticsTest : public ::testing::Test {
         .caBundle(server.certificates().caFile);
     auto client = PeloraAnalytics::create(configuration);
     collector = std::make_shared<CollectingDestination>();
-    client->add(collector);
+    if (addCollector) client->add(collector);
     return client;
   }
   test::TempDirectory dir;
   test::TestHttpsServer server;
   bool autoAdd = true;
+  bool addCollector = true;  // a plugin of the host's, which reads the events it gets
   std::shared_ptr<CollectingDestination> collector;
 };
 
@@ -102,7 +103,8 @@ TEST_F(AnalyticsTest, EventsAreCompletedAndUnconvertiblePropertiesDropped) {
   EXPECT_FALSE(second.properties);
 }
 
-TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysReadable) {
+// Records properties at, one past and far past the depth a batch can hold, then reads the batch.
+void recordDeepPropertiesAndReadTheBatch(PeloraAnalytics& client) {
   // `levels` dictionaries deep.
   auto nested = [](int levels) {
     Dictionary d{{"leaf", 1}};
@@ -113,7 +115,6 @@ TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysRead
     }
     return d;
   };
-  auto client = makeClient();
   // Built here: copying a host value that deep takes the host's own stack.
   const std::optional<Dictionary> deepest = nested(maxEventValueDepth);
   const std::optional<Dictionary> oneTooDeep = nested(maxEventValueDepth + 1);
@@ -121,15 +122,15 @@ TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysRead
   const std::optional<std::vector<JSON>> typed(std::in_place, std::vector<JSON>{JSON(*oneTooDeep)});
   ::testing::internal::CaptureStdout();
   test::runOnSmallStack([&] {
-    client->trackBash("Deepest", deepest);
-    client->trackBash("One too deep", oneTooDeep);
-    client->trackBash("Far too deep", farTooDeep);
-    client->trackBash("Typed", typed);
+    client.trackBash("Deepest", deepest);
+    client.trackBash("One too deep", oneTooDeep);
+    client.trackBash("Far too deep", farTooDeep);
+    client.trackBash("Typed", typed);
   });
   const std::string printed = ::testing::internal::GetCapturedStdout();
   EXPECT_NE(printed.find("nested deeper than"), std::string::npos) << printed;
 
-  const auto files = client->pendingUploads().value();
+  const auto files = client.pendingUploads().value();
   ASSERT_EQ(files.size(), 1u);
   std::ifstream in(files[0]);
   const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -139,6 +140,28 @@ TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysRead
   ASSERT_EQ(events->size(), 4u);
   EXPECT_TRUE((*events)[0]["properties"]);
   for (std::size_t i = 1; i < 4; ++i) EXPECT_FALSE((*events)[i]["properties"]) << i;
+}
+
+// With a plugin of the host's that reads events, properties are built as JSON first.
+TEST_F(AnalyticsTest, PropertiesTooDeepForABatchAreDroppedAndEveryBatchStaysReadable) {
+  auto client = makeClient();
+  recordDeepPropertiesAndReadTheBatch(*client);
+}
+
+// With only the built-in plugins they are written straight to text: the same rules hold, and a
+// plugin that reads events, once added, gets them built.
+TEST_F(AnalyticsTest, WithOnlyBuiltInPluginsPropertiesGoStraightToText) {
+  addCollector = false;
+  auto client = makeClient();
+  recordDeepPropertiesAndReadTheBatch(*client);
+
+  auto reader = std::make_shared<CollectingDestination>();
+  client->add(reader);
+  client->trackBash("Read", Dictionary{{"price", Decimal::parse("9.90").value()}});
+  std::lock_guard lock(reader->mutex);
+  ASSERT_EQ(reader->tracks.size(), 1u);
+  EXPECT_EQ(reader->tracks[0].properties,
+            JSON(JSON::Map{{"price", JSON(Decimal::parse("9.90").value())}}));
 }
 
 TEST_F(AnalyticsTest, MonitorEventsCarryDeviceIdsAndPlatform) {

@@ -30,6 +30,8 @@ class PELORA_API StartupQueue : public Plugin,
   StartupQueue();
 
   PluginType type() const override { return PluginType::before; }
+  // Holds and replays events; never looks inside them.
+  bool readsEventValues() const override { return false; }
   bool running() const { return running_.get(); }
   void setRunning(bool running) { running_.set(running); }
 

@@ -202,6 +202,9 @@ class TextEncoder final : public Encoder {
   void fail(std::string_view reason) override {
     if (!failure_) failure_ = std::string(reason);
   }
+  void writeJSONText(std::string_view text) override {
+    writer_.RawValue(text.data(), text.size(), rapidjson::kObjectType);
+  }
 
   // Ready for the next value that may nest `maxDepth` levels; keeps the buffer's memory.
   void reset(int maxDepth) {
@@ -419,6 +422,10 @@ JSON JSON::parse(std::string_view text) {
     throw DecodingError::dataCorrupted(what, result.Offset());
   }
   return builder.take();
+}
+
+void Encoder::writeJSONText(std::string_view text) {
+  encode(*this, JSON::parse(text));
 }
 
 void encodeAny(Encoder& encoder, const std::any& value) {

@@ -80,6 +80,9 @@ class PELORA_API Encoder {
   virtual void endArray() = 0;
   // Marks the whole encoding as failed; `reason` becomes the JSONError::nonJSONType text.
   virtual void fail(std::string_view reason) = 0;
+  // A value given as JSON text this library wrote. By default parsed and written value by value;
+  // the text writer copies it as it is.
+  virtual void writeJSONText(std::string_view text);
 
   // Writes any encodable value: basic types, std::optional (absent is null), std::vector,
   // string-keyed std::map, std::any (loosely typed), JSON, or a type with an `encode` function.

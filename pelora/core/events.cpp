@@ -18,6 +18,7 @@ TrackEvent::TrackEvent(std::string event, std::optional<JSON> properties)
 
 TrackEvent TrackEvent::existing(const TrackEvent& other) {
   TrackEvent copy(other.event, other.properties);
+  copy.propertiesText = other.propertiesText;
   copy.copyCommonFields(&other);
   return copy;
 }
@@ -74,7 +75,12 @@ void encode(Encoder& encoder, const TrackEvent& event) {
   encoder.beginObject();
   encodeCommonFields(encoder, event);
   encoder.field("event", event.event);
-  encoder.fieldIfPresent("properties", event.properties);
+  if (event.properties) {
+    encoder.field("properties", *event.properties);
+  } else if (event.propertiesText) {
+    encoder.writeKey("properties");
+    encoder.writeJSONText(*event.propertiesText);
+  }
   encoder.endObject();
 }
 

@@ -2,6 +2,7 @@
 // declaration order, optional fields left out when absent (never written as null).
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,6 +54,10 @@ struct PELORA_API RawEvent {
 struct PELORA_API TrackEvent : RawEvent {
   std::string event;
   std::optional<JSON> properties;
+  // The properties as JSON text, when the client wrote a host's dictionary straight to text
+  // because no plugin of it reads event values (then `properties` is absent). Encoding writes it
+  // in place of `properties`; the batch bytes are the same either way.
+  std::shared_ptr<const std::string> propertiesText;
 
   // Every field absent (what decoding starts from).
   TrackEvent() = default;

@@ -170,6 +170,52 @@ JSON::JSON(Map members) : value_(std::make_shared<const Map>(std::move(members))
 JSON::JSON(const Dictionary& dictionary)
     : value_(std::make_shared<const Map>(mapFromDictionary(dictionary, maxNestingDepth - 1))) {}
 
+namespace {
+// What convert() would build, written straight to `encoder`: the host's containers and common
+// leaves directly, any other leaf through convertLeaf (so every rule and error is the same).
+void writeHostValue(Encoder& encoder, const std::any& value, int levels) {
+  if (!value.has_value()) return encoder.writeNull();
+  const std::type_info& type = value.type();
+  if (const auto* s = sameTypeInfo<std::string>(value, type)) return encoder.writeString(*s);
+  if (const auto* i = sameTypeInfo<int>(value, type)) return encoder.writeInt(*i);
+  if (const auto* i = sameTypeInfo<std::int64_t>(value, type)) return encoder.writeInt(*i);
+  if (const auto* b = sameTypeInfo<bool>(value, type)) return encoder.writeBool(*b);
+  if (const auto* d = sameTypeInfo<Decimal>(value, type)) return encoder.writeDecimal(*d);
+  if (const auto* dict = held<Dictionary>(value, type)) {
+    if (levels < 1) throw tooDeep();
+    encoder.beginObject();
+    for (const auto& [key, element] : *dict) {
+      encoder.writeKey(key);
+      writeHostValue(encoder, element, levels - 1);
+    }
+    return encoder.endObject();
+  }
+  if (const auto* array = held<Array>(value, type)) {
+    if (levels < 1) throw tooDeep();
+    encoder.beginArray();
+    for (const auto& element : *array) writeHostValue(encoder, element, levels - 1);
+    return encoder.endArray();
+  }
+  encode(encoder, convertLeaf(value, type, levels));
+}
+}  // namespace
+
+std::string hostDictionaryText(const Dictionary& dictionary, int maxDepth) {
+  std::string text;
+  appendText(
+      text, false,
+      [](Encoder& encoder, const void* value) {
+        encoder.beginObject();
+        for (const auto& [key, element] : *static_cast<const Dictionary*>(value)) {
+          encoder.writeKey(key);
+          writeHostValue(encoder, element, JSON::maxNestingDepth - 1);  // as JSON(dictionary)
+        }
+        encoder.endObject();
+      },
+      &dictionary, maxDepth);
+  return text;
+}
+
 JSON JSON::fromAny(const std::any& value) {
   return convert(value, maxNestingDepth);
 }

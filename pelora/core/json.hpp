@@ -153,6 +153,11 @@ class PELORA_API JSON {
   static void logKeyPathDecodeFailure(const KeyPath& keyPath, const std::exception& error);
 };
 
+// The text of JSON(dictionary) without building it: the same bytes, the same errors (thrown as
+// JSONError), and a value nesting deeper than `maxDepth` levels fails as in toString().
+PELORA_API std::string hostDictionaryText(const Dictionary& dictionary,
+                                          int maxDepth = JSON::maxNestingDepth);
+
 // Where a key-path lookup that found a value it could not decode is reported. JSON knows no log:
 // the library's logging installs the reporter; until then such failures are silent.
 using KeyPathFailureReporter = void (*)(std::string_view message, std::string_view function,

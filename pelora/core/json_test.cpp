@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <cmath>
+#include <functional>
+#include <limits>
 #include <random>
 
 #include "pelora/platform/logging.hpp"
@@ -172,6 +174,100 @@ TEST(JSONText, ShortcutForPlainTextWritesWhatRapidJSONWrites) {
     writer.EndObject();
     ASSERT_EQ(JSON(JSON::Map{{text, JSON(text)}}).toString(), buffer.GetString()) << text;
   }
+}
+
+// A host dictionary written straight to text gives the bytes of building it as JSON first, and
+// fails where that fails, with the same error: checked on generated dictionaries of every kind.
+TEST(JSONText, HostDictionaryTextIsTheTextOfItsJSON) {
+  std::mt19937 random(424242);
+  std::function<std::any(int)> value = [&](int depth) -> std::any {
+    switch (random() % (depth > 3 ? 17 : 20)) {
+      case 0:
+        return std::string("plain");
+      case 1:
+        return std::string("quote \" é \x80 \x01");
+      case 2:
+        return static_cast<int>(random() % 2000) - 1000;
+      case 3:
+        return std::int64_t{-9'007'199'254'740'993};
+      case 4:
+        return random() % 2 == 0;
+      case 5:
+        return Decimal::parse("129.950").value();
+      case 6:
+        return 0.1;
+      case 7:
+        return 1e300;
+      case 8:
+        return 2.5f;
+      case 9:
+        return "chars";
+      case 10:
+        return Null{};
+      case 11:
+        return std::uint64_t{18'446'744'073'709'551'615u};
+      case 12:
+        return static_cast<char>('A');
+      case 13:
+        return JSON(JSON::Map{{"j", JSON(1)}});
+      case 14:
+        return std::string_view("view");
+      case 15:
+        return std::any();
+      case 16:
+        return random() % 50 == 0 ? std::any(std::numeric_limits<double>::quiet_NaN())
+                                  : std::any(std::string("rare"));
+      case 17:
+      case 18: {
+        Dictionary nested;
+        for (int i = static_cast<int>(random() % 4); i > 0; --i)
+          nested["k" + std::to_string(random() % 9)] = value(depth + 1);
+        return nested;
+      }
+      default: {
+        Array array;
+        for (int i = static_cast<int>(random() % 4); i > 0; --i) array.push_back(value(depth + 1));
+        return array;
+      }
+    }
+  };
+  int failures = 0;
+  for (int round = 0; round < 2000; ++round) {
+    Dictionary dictionary;
+    for (int i = static_cast<int>(random() % 8); i > 0; --i)
+      dictionary["p" + std::to_string(random() % 12)] = value(0);
+    std::string expected, actual;
+    try {
+      expected = JSON(dictionary).toString();
+    } catch (const JSONError& error) {
+      expected = std::string("error: ") + error.what();
+    }
+    try {
+      actual = hostDictionaryText(dictionary);
+    } catch (const JSONError& error) {
+      actual = std::string("error: ") + error.what();
+    }
+    failures += expected.starts_with("error: ");
+    ASSERT_EQ(actual, expected) << "round " << round;
+  }
+  EXPECT_GT(failures, 0) << "the generator never produced a value without a JSON form";
+  // Nesting past the limit fails the same way.
+  std::any deep = Dictionary{};
+  for (int i = 0; i < JSON::maxNestingDepth + 2; ++i) deep = Dictionary{{"d", deep}};
+  const auto& deepest = *std::any_cast<Dictionary>(&deep);
+  std::string expected, actual;
+  try {
+    (void)JSON(deepest).toString();
+  } catch (const JSONError& e) {
+    expected = e.what();
+  }
+  try {
+    (void)hostDictionaryText(deepest);
+  } catch (const JSONError& e) {
+    actual = e.what();
+  }
+  EXPECT_FALSE(expected.empty());
+  EXPECT_EQ(actual, expected);
 }
 
 TEST(JSONEdits, ReturnNewValuesAndCheckTheCase) {

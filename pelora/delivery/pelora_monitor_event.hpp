@@ -25,6 +25,8 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   static std::string version() { return "1.0.0"; }
   std::string pluginVersion() const override { return version(); }
   PluginType type() const override { return PluginType::before; }
+  // Posts monitor events; track events pass untouched.
+  bool readsEventValues() const override { return false; }
   const std::shared_ptr<Timeline>& timeline() const noexcept { return timeline_; }
 
   std::shared_ptr<PluginHost> analytics() const override;

@@ -52,6 +52,7 @@ class PELORA_API PeloraLog : public Plugin, public UtilityPlugin {
   PeloraLog(LogFilterKind filterKind, PluginType type, TargetTable targets = {});
 
   PluginType type() const override { return type_; }
+  bool readsEventValues() const override { return false; }
   LogFilterKind filterKind() const noexcept { return filterKind_; }
 
   // To the `log` targets, while debug logs are on and `kind` is at least as severe as the filter.

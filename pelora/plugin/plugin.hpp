@@ -51,6 +51,10 @@ class PELORA_API Plugin {
   virtual std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) { return event; }
   // Called when the plugin is removed from a timeline.
   virtual void shutdown() {}
+  // Whether this plugin reads the values of the events it gets (their properties). While no
+  // plugin of a client does, the client writes a host's properties straight to JSON text instead
+  // of building them as JSON first. True unless a plugin says otherwise.
+  virtual bool readsEventValues() const { return true; }
 
  private:
   std::shared_ptr<PluginHost> analytics_;
