@@ -145,6 +145,7 @@ void BM_FloorEncode(benchmark::State& state) {
 }
 BENCHMARK(BM_FloorEncode);
 
+// One recorder per call: with several threads, a file of its own for each.
 void floorAppend(benchmark::State& state, const fs::path& base, bool sync) {
   ScratchDirectory scratch(base);
   FloorRecorder recorder(scratch.path() / "floor");
@@ -198,23 +199,13 @@ void trackThreads(benchmark::State& state, const fs::path& base) {
   state.SetItemsProcessed(state.iterations());
 }
 
-void floorThreads(benchmark::State& state, const fs::path& base, bool sync) {
-  ScratchDirectory scratch(base);  // one per thread: a file of its own
-  FloorRecorder recorder(scratch.path() / "floor");
-  if (!recorder.ok()) return state.SkipWithError("cannot open the floor's file");
-  for (auto _ : state) {
-    if (!recorder.record(sync)) return state.SkipWithError("write failed");
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-
 void BM_TrackBashThreadsShm(benchmark::State& state) {
   trackThreads(state, "/dev/shm");
 }
 BENCHMARK(BM_TrackBashThreadsShm)->ThreadRange(1, 8)->UseRealTime();
 
 void BM_FloorThreadsShm(benchmark::State& state) {
-  floorThreads(state, "/dev/shm", false);
+  floorAppend(state, "/dev/shm", false);
 }
 BENCHMARK(BM_FloorThreadsShm)->ThreadRange(1, 8)->UseRealTime();
 
@@ -224,7 +215,7 @@ void BM_TrackBashThreadsDisk(benchmark::State& state) {
 BENCHMARK(BM_TrackBashThreadsDisk)->ThreadRange(1, 8)->UseRealTime();
 
 void BM_FloorSyncThreadsDisk(benchmark::State& state) {
-  floorThreads(state, diskBase(), true);
+  floorAppend(state, diskBase(), true);
 }
 BENCHMARK(BM_FloorSyncThreadsDisk)->ThreadRange(1, 8)->UseRealTime();
 

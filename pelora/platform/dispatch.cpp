@@ -96,6 +96,16 @@ class ThreadSet {
   }
   std::size_t running() const noexcept { return running_.size(); }
 
+  // Asks the owner's idle threads to end (`stopping` is what they look at, `wake` wakes them)
+  // and waits until none runs or `deadline`. True when none runs.
+  bool stopIdle(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
+                unsigned& stopping, std::chrono::steady_clock::time_point deadline) {
+    ++stopping;
+    wake.notify_all();
+    const bool none = waitUntilNoneRuns(lock, deadline);
+    --stopping;
+    return none;
+  }
   // Waits (the owner's lock held in `lock`) until no thread runs or `deadline`, and joins the
   // threads that ended meanwhile. True when none runs.
   bool waitUntilNoneRuns(std::unique_lock<std::mutex>& lock,
@@ -151,11 +161,7 @@ class WorkerPool {
   // Ends the idle workers and waits until no worker runs, or `deadline`.
   bool stopIdle(std::chrono::steady_clock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    ++stopping_;
-    wake_.notify_all();
-    const bool none = threads_.waitUntilNoneRuns(lock, deadline);
-    --stopping_;
-    return none;
+    return threads_.stopIdle(lock, wake_, stopping_, deadline);
   }
 
  private:
@@ -205,11 +211,7 @@ class MainRunner {
   // Ends the runner thread if it is idle and waits until it has, or `deadline`.
   bool stopIdle(std::chrono::steady_clock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    ++stopping_;
-    wake_.notify_all();
-    const bool none = thread_.waitUntilNoneRuns(lock, deadline);
-    --stopping_;
-    return none;
+    return thread_.stopIdle(lock, wake_, stopping_, deadline);
   }
 
  private:
@@ -488,11 +490,7 @@ class TimerThread {
     lock.unlock();
     seen.clear();  // a last reference may go here: not under the lock
     lock.lock();
-    ++stopping_;
-    wake_.notify_all();
-    const bool none = thread_.waitUntilNoneRuns(lock, deadline);
-    --stopping_;
-    return none;
+    return thread_.stopIdle(lock, wake_, stopping_, deadline);
   }
 
  private:
