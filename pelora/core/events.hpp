@@ -66,7 +66,14 @@ struct PELORA_API TrackEvent : RawEvent {
   // A "track" copy of `other`'s name, properties and common fields; its metrics are dropped.
   static TrackEvent existing(const TrackEvent& other);
 
-  friend bool operator==(const TrackEvent&, const TrackEvent&) = default;
+  // Field by field; the properties text by its content.
+  friend bool operator==(const TrackEvent& a, const TrackEvent& b) {
+    const bool sameText =
+        a.propertiesText == b.propertiesText ||
+        (a.propertiesText && b.propertiesText && *a.propertiesText == *b.propertiesText);
+    return static_cast<const RawEvent&>(a) == static_cast<const RawEvent&>(b) &&
+           a.event == b.event && a.properties == b.properties && sameText;
+  }
 };
 
 // An identity-tracking event ("monitor_event"), posted at once rather than batched.
