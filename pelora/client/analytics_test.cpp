@@ -155,6 +155,23 @@ TEST_F(AnalyticsTest, WithOnlyBuiltInPluginsPropertiesGoStraightToText) {
   auto client = makeClient();
   recordDeepPropertiesAndReadTheBatch(*client);
 
+  // The batch holds the very text that building the properties as JSON gives.
+  const Dictionary mixed{{"price", Decimal::parse("129.950").value()},
+                         {"name", std::string("Tự \"động\"")},
+                         {"tags", Array{std::string("a"), 7, true, Null{}}},
+                         {"ratio", 0.1},
+                         {"nested", Dictionary{{"k", std::int64_t{-3}}}}};
+  client->trackBash("Mixed", mixed);
+  const std::string expected = "\"event\":\"Mixed\",\"properties\":" + JSON(mixed).toString() + "}";
+  bool found = false;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path() / "docs")) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path());
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    found = found || text.find(expected) != std::string::npos;
+  }
+  EXPECT_TRUE(found) << expected;
+
   auto reader = std::make_shared<CollectingDestination>();
   client->add(reader);
   client->trackBash("Read", Dictionary{{"price", Decimal::parse("9.90").value()}});

@@ -141,6 +141,12 @@ class CompactWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
     out[text.size() + 1] = '"';
     EndValue(true);
   }
+  // A whole value given as JSON text, copied at once.
+  void RawText(std::string_view text) {
+    Prefix(rapidjson::kObjectType);
+    std::memcpy(os_->Push(text.size()), text.data(), text.size());
+    EndValue(true);
+  }
 };
 
 class TextEncoder final : public Encoder {
@@ -202,9 +208,7 @@ class TextEncoder final : public Encoder {
   void fail(std::string_view reason) override {
     if (!failure_) failure_ = std::string(reason);
   }
-  void writeJSONText(std::string_view text) override {
-    writer_.RawValue(text.data(), text.size(), rapidjson::kObjectType);
-  }
+  void writeJSONText(std::string_view text) override { writer_.RawText(text); }
 
   // Ready for the next value that may nest `maxDepth` levels; keeps the buffer's memory.
   void reset(int maxDepth) {
