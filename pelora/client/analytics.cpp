@@ -24,8 +24,6 @@
 namespace pelora {
 namespace {
 
-std::atomic<bool> debugLogsFlag{false};
-
 // The process-wide device-level user id: initialised from the device id on first read.
 struct UserIdSlot {
   std::mutex mutex;
@@ -73,12 +71,12 @@ std::optional<JSON> convertOrReport(const Dictionary& dictionary) {
 
 // ---- Type-level values --------------------------------------------------------------------------
 
+// One switch for the whole library: the log's.
 bool PeloraAnalytics::debugLogsEnabled() noexcept {
-  return debugLogsFlag.load();
+  return log::debugEnabled();
 }
 
 void PeloraAnalytics::setDebugLogsEnabled(bool enabled) noexcept {
-  debugLogsFlag.store(enabled);
   log::setDebugEnabled(enabled);
 }
 

@@ -21,6 +21,7 @@
 
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/thread_set.hpp"
 
 namespace pelora::platform {
 namespace {
@@ -68,67 +69,6 @@ void runGuarded(const Task& task, const std::string& label) noexcept {
 
 // Runs drain jobs of serial queues. A fixed base of threads, plus one extra thread while a worker
 // is blocked in `sync` and work waits, so queues that wait on each other cannot starve the pool.
-// The threads of one scheduler, started under the scheduler's lock. A thread that ends while a
-// caller waits for the threads leaves its handle for that caller to join, so the caller knows it
-// is really gone; one that ends with nobody waiting detaches itself.
-class ThreadSet {
- public:
-  // With the owner's lock held: the new thread waits for that lock before it looks itself up.
-  template <class F>
-  void start(F body) {
-    std::thread thread(std::move(body));
-    const auto id = thread.get_id();
-    running_.emplace_back(id, std::move(thread));
-  }
-  // With the owner's lock held, as the calling thread's last act under it.
-  void finishCurrent() {
-    const auto id = std::this_thread::get_id();
-    auto it = std::find_if(running_.begin(), running_.end(),
-                           [&](const auto& entry) { return entry.first == id; });
-    if (it == running_.end()) return;
-    if (waiters_ > 0) {
-      finished_.push_back(std::move(it->second));
-    } else {
-      it->second.detach();
-    }
-    running_.erase(it);
-    ended_.notify_all();
-  }
-  std::size_t running() const noexcept { return running_.size(); }
-
-  // Asks the owner's idle threads to end (`stopping` is what they look at, `wake` wakes them)
-  // and waits until none runs or `deadline`. True when none runs.
-  bool stopIdle(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                unsigned& stopping, std::chrono::steady_clock::time_point deadline) {
-    ++stopping;
-    wake.notify_all();
-    const bool none = waitUntilNoneRuns(lock, deadline);
-    --stopping;
-    return none;
-  }
-  // Waits (the owner's lock held in `lock`) until no thread runs or `deadline`, and joins the
-  // threads that ended meanwhile. True when none runs.
-  bool waitUntilNoneRuns(std::unique_lock<std::mutex>& lock,
-                         std::chrono::steady_clock::time_point deadline) {
-    ++waiters_;
-    ended_.wait_until(lock, deadline, [&] { return running_.empty(); });
-    --waiters_;  // threads ending from now on detach themselves
-    const bool none = running_.empty();
-    std::vector<std::thread> ended;
-    ended.swap(finished_);
-    lock.unlock();
-    for (auto& thread : ended) thread.join();
-    lock.lock();
-    return none;
-  }
-
- private:
-  std::vector<std::pair<std::thread::id, std::thread>> running_;
-  std::vector<std::thread> finished_;
-  std::condition_variable ended_;
-  unsigned waiters_ = 0;
-};
-
 class WorkerPool {
  public:
   static WorkerPool& shared() {
@@ -184,7 +124,7 @@ class WorkerPool {
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::shared_ptr<QueueImpl>> jobs_;
-  ThreadSet threads_;
+  ThreadSet<> threads_;
   unsigned idle_ = 0;
   unsigned blocked_ = 0;
   unsigned stopping_ = 0;  // callers of stopIdle waiting
@@ -222,7 +162,7 @@ class MainRunner {
   std::condition_variable wake_;
   std::function<void(Task)> executor_;
   std::shared_ptr<QueueImpl> pending_;
-  ThreadSet thread_;  // at most one
+  ThreadSet<> thread_;  // at most one
   unsigned stopping_ = 0;
 };
 
@@ -509,7 +449,7 @@ class TimerThread {
 
   std::vector<Entry> heap_;
   std::uint64_t nextOrder_ = 0;
-  ThreadSet thread_;  // at most one
+  ThreadSet<> thread_;  // at most one
   unsigned stopping_ = 0;
 };
 

@@ -23,6 +23,7 @@
 
 #include "pelora/core/coding.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/thread_set.hpp"
 
 namespace pelora::platform {
 namespace {
@@ -49,20 +50,11 @@ ExitFence& exitFence() {
   return *fence;
 }
 
-// Every worker thread, so that a host shutting down can wait until the workers of the sessions it
-// dropped have really ended. A worker that ends while someone waits leaves its handle for the
-// waiter to join; with nobody waiting it detaches itself.
+// Every worker thread with its session's liveness, so that a host shutting down can wait until
+// the workers of the sessions it dropped have really ended.
 struct WorkerThreads {
-  struct Entry {
-    std::thread::id id;
-    std::thread thread;
-    std::shared_ptr<const std::atomic<bool>> sessionAlive;
-  };
   std::mutex mutex;
-  std::condition_variable ended;
-  std::vector<Entry> running;
-  std::vector<std::thread> finished;
-  unsigned waiters = 0;
+  ThreadSet<std::shared_ptr<const std::atomic<bool>>> threads;  // info: the session is alive
 };
 
 WorkerThreads& workerThreads() {
@@ -72,19 +64,9 @@ WorkerThreads& workerThreads() {
 
 // The last act of a worker thread, after it let go of its engine.
 void workerEnded() {
-  auto& threads = workerThreads();
-  std::lock_guard lock(threads.mutex);
-  const auto id = std::this_thread::get_id();
-  auto it = std::find_if(threads.running.begin(), threads.running.end(),
-                         [&](const auto& entry) { return entry.id == id; });
-  if (it == threads.running.end()) return;
-  if (threads.waiters > 0) {
-    threads.finished.push_back(std::move(it->thread));
-  } else {
-    it->thread.detach();
-  }
-  threads.running.erase(it);
-  threads.ended.notify_all();
+  auto& workers = workerThreads();
+  std::lock_guard lock(workers.mutex);
+  workers.threads.finishCurrent();
 }
 
 // The multi handle of the worker running on this thread, if any.
@@ -383,15 +365,15 @@ class Engine : public std::enable_shared_from_this<Engine> {
       exitFence().active.insert(multi);
     }
     try {
-      auto& threads = workerThreads();
-      std::lock_guard registry(threads.mutex);  // the worker's end waits for its entry
-      std::thread worker([self = shared_from_this(), multi]() mutable {
-        self->run(multi);
-        self.reset();
-        workerEnded();
-      });
-      const auto id = worker.get_id();
-      threads.running.push_back({id, std::move(worker), sessionAliveFlag_});
+      auto& workers = workerThreads();
+      std::lock_guard registry(workers.mutex);  // the worker's end waits for its entry
+      workers.threads.start(
+          [self = shared_from_this(), multi]() mutable {
+            self->run(multi);
+            self.reset();
+            workerEnded();
+          },
+          sessionAliveFlag_);
     } catch (...) {
       {
         std::lock_guard fence(exitFence().mutex);
@@ -793,25 +775,13 @@ class Session final : public HttpSession {
 }  // namespace
 
 bool waitForEndedSessions(std::chrono::steady_clock::time_point deadline) {
-  auto& threads = workerThreads();
-  std::unique_lock lock(threads.mutex);
-  ++threads.waiters;
-  auto ending = [&] {
-    return std::any_of(threads.running.begin(), threads.running.end(),
-                       [](const auto& entry) { return !entry.sessionAlive->load(); });
+  auto& workers = workerThreads();
+  std::unique_lock lock(workers.mutex);
+  auto noneEnding = [&] {
+    return !workers.threads.anyRunning([](const auto& alive) { return !alive->load(); });
   };
   // A session may go while we wait: look again now and then, not only when a worker ends.
-  while (ending() && std::chrono::steady_clock::now() < deadline) {
-    threads.ended.wait_until(
-        lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)));
-  }
-  --threads.waiters;  // workers ending from now on detach themselves
-  std::vector<std::thread> ended;
-  ended.swap(threads.finished);
-  const bool none = !ending();
-  lock.unlock();
-  for (auto& thread : ended) thread.join();
-  return none;
+  return workers.threads.waitUntil(lock, deadline, noneEnding, std::chrono::milliseconds(20));
 }
 
 std::optional<std::string> HttpResponse::header(std::string_view name) const {
