@@ -138,6 +138,8 @@ TEST_F(IAMManagerTest, QueuedMessagesFollowEachCloseAfterAHandOver) {
             platform::ui::ModalPresentationStyle::overCurrentContext);
   EXPECT_EQ(first->modalTransitionStyle, platform::ui::ModalTransitionStyle::crossDissolve);
   ASSERT_TRUE(eventually([&] { return manager->queuedCount() == 1; }));  // waiting its turn
+  // Each notification is a request of its own: let the first arrive before the second can start.
+  ASSERT_TRUE(collector.waitFor([](const auto& c) { return c.opened == 1; }, 10s));
 
   close(first);
   screen.application->advance(299ms);
