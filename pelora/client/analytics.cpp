@@ -237,10 +237,7 @@ bool PeloraAnalytics::accepting(std::string_view what) const {
 }
 
 bool PeloraAnalytics::pluginsReadEventValues() const {
-  bool reads = false;
-  timeline_->apply(
-      [&](const std::shared_ptr<Plugin>& plugin) { reads = reads || plugin->readsEventValues(); });
-  return reads;
+  return timeline_->readsEventValues();
 }
 
 void PeloraAnalytics::trackBash(const std::string& name,

@@ -107,23 +107,31 @@ std::string repairUTF8(std::string_view text) {
 bool isPlainText(std::string_view text) noexcept {
   constexpr std::uint64_t ones = 0x0101010101010101ull;
   constexpr std::uint64_t highs = 0x8080808080808080ull;
-  // A byte below n (n <= 128) in w, for words without high bits: exact as to whether any is.
-  auto hasLess = [](std::uint64_t w, std::uint64_t n) { return (w - ones * n) & ~w & highs; };
-  auto hasByte = [&](std::uint64_t w, std::uint64_t b) { return hasLess(w ^ (ones * b), 1); };
+  // High bits of `w` where a byte is not plain. A byte below n (n <= 128) is found exactly for
+  // words without high bits, and a word with one fails anyway.
+  auto unplain = [](std::uint64_t w) {
+    auto hasLess = [](std::uint64_t v, std::uint64_t n) { return (v - ones * n) & ~v & highs; };
+    return (w & highs) | hasLess(w, 0x20) | hasLess(w ^ (ones * '"'), 1) |
+           hasLess(w ^ (ones * '\\'), 1);
+  };
   const char* p = text.data();
-  std::size_t n = text.size();
-  for (; n >= 8; p += 8, n -= 8) {
-    std::uint64_t word;
-    std::memcpy(&word, p, 8);
-    if ((word & highs) || hasLess(word, 0x20) || hasByte(word, '"') || hasByte(word, '\\')) {
-      return false;
-    }
+  const std::size_t n = text.size();
+  std::uint64_t word;
+  if (n < 8) {
+    // Pad with a plain byte so that short text is one word too.
+    char padded[8] = {'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a'};
+    std::memcpy(padded, p, n);
+    std::memcpy(&word, padded, 8);
+    return unplain(word) == 0;
   }
-  for (; n > 0; ++p, --n) {
-    const auto c = static_cast<unsigned char>(*p);
-    if (c >= 0x80 || c < 0x20 || c == '"' || c == '\\') return false;
+  std::uint64_t found = 0;
+  for (std::size_t i = 0; i + 8 <= n; i += 8) {
+    std::memcpy(&word, p + i, 8);
+    found |= unplain(word);
   }
-  return true;
+  // The last eight bytes, overlapping the words above when the size is not a multiple of 8.
+  std::memcpy(&word, p + n - 8, 8);
+  return (found | unplain(word)) == 0;
 }
 
 // RapidJSON's compact writer, with one shortcut: plain text (isPlainText) is copied into the

@@ -61,13 +61,6 @@ void PeloraDestination::configure(std::shared_ptr<PluginHost> analytics) {
   }
 }
 
-bool PeloraDestination::readsEventValues() const {
-  bool reads = false;
-  apply(
-      [&](const std::shared_ptr<Plugin>& plugin) { reads = reads || plugin->readsEventValues(); });
-  return reads;
-}
-
 void PeloraDestination::shutdown() {
   std::unique_ptr<QueueTimer> timer;
   std::shared_ptr<HTTPClient> client;

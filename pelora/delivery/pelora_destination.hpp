@@ -58,8 +58,8 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   void flush() override;
   // Stops the flush timer and lets the HTTP client go (uploads in flight still finish).
   void shutdown() override;
-  // Writes events as they are; only plugins of its own timeline might read them.
-  bool readsEventValues() const override;
+  // Writes events as they are (plugins of its own timeline are asked on their own).
+  bool readsEventValues() const override { return false; }
 
   // Upload entries not yet cleaned up.
   std::size_t pendingUploads() const;

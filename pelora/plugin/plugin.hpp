@@ -53,7 +53,8 @@ class PELORA_API Plugin {
   virtual void shutdown() {}
   // Whether this plugin reads the values of the events it gets (their properties). While no
   // plugin of a client does, the client writes a host's properties straight to JSON text instead
-  // of building them as JSON first. True unless a plugin says otherwise.
+  // of building them as JSON first. True unless a plugin says otherwise; a destination answers
+  // for itself, the plugins of its own timeline are asked too.
   virtual bool readsEventValues() const { return true; }
 
  private:

@@ -5,6 +5,7 @@
 #include "pelora/state/configuration.hpp"
 #include "pelora/state/storage.hpp"
 #include "pelora/state/store.hpp"
+#include "pelora/state/system.hpp"
 
 namespace pelora {
 
@@ -49,15 +50,19 @@ void DestinationPlugin::configure(std::shared_ptr<PluginHost> analytics) {
 
 bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
   bool allowedByEvent = true;
-  if (event.integrations) {
+  // Events usually carry an empty integrations object: nothing to look up then.
+  const JSON::Map* integrations = event.integrations ? event.integrations->mapPointer() : nullptr;
+  if (event.integrations && !(integrations && integrations->empty())) {
     if (auto entry = event.integrations->value<std::any>(KeyPath(key()))) {
       if (const bool* flag = std::any_cast<bool>(&*entry)) allowedByEvent = *flag;
     }
   }
-  auto client = analytics();
+  const auto& client = analytics();
   if (!client) return false;
-  auto settings = client->settings();
-  bool allowedBySettings = settings && settings->hasIntegrationSettings(key());
+  // Read in place: a copy of the settings per event would cost more than the rest of this.
+  const auto system = client->store()->snapshot<System>();
+  const bool allowedBySettings =
+      system && system->settings && system->settings->hasIntegrationSettings(key());
   return allowedByEvent && allowedBySettings;
 }
 
@@ -84,18 +89,29 @@ std::optional<MonitorEvent> DestinationPlugin::execute(std::optional<MonitorEven
 
 // ---- Mediator and Timeline ----------------------------------------------------------------------
 
+void Mediator::replace(PluginList list) {
+  auto stage = std::make_shared<PluginSnapshot::Stage>();
+  for (const auto& plugin : list) {
+    const bool destination = dynamic_cast<DestinationPlugin*>(plugin.get()) != nullptr;
+    stage->isDestination.push_back(destination);
+    stage->allDestinations = stage->allDestinations && destination;
+  }
+  stage->plugins = std::move(list);
+  plugins_ = std::move(stage);
+}
+
 void Mediator::add(std::shared_ptr<Plugin> plugin) {
   std::lock_guard lock(mutex_);
-  auto list = std::make_shared<PluginList>(*plugins_);
-  list->push_back(std::move(plugin));
-  plugins_ = std::move(list);
+  PluginList list = plugins_->plugins;
+  list.push_back(std::move(plugin));
+  replace(std::move(list));
 }
 
 std::size_t Mediator::remove(const Plugin* plugin) {
   std::lock_guard lock(mutex_);
-  auto list = std::make_shared<PluginList>(*plugins_);
-  auto removed = std::erase_if(*list, [&](const auto& p) { return p.get() == plugin; });
-  plugins_ = std::move(list);
+  PluginList list = plugins_->plugins;
+  auto removed = std::erase_if(list, [&](const auto& p) { return p.get() == plugin; });
+  replace(std::move(list));
   return removed;
 }
 
@@ -146,6 +162,21 @@ void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& 
       }
     }
   }
+}
+
+bool Timeline::readsEventValues() const {
+  for (const auto& [type, mediator] : plugins_) {
+    const PluginSnapshot list = mediator->plugins();
+    std::size_t index = 0;
+    for (const auto& plugin : list) {
+      if (plugin->readsEventValues()) return true;
+      if (list.isDestination(index++) &&
+          static_cast<const DestinationPlugin&>(*plugin).timeline()->readsEventValues()) {
+        return true;
+      }
+    }
+  }
+  return false;
 }
 
 std::shared_ptr<DestinationPlugin> Timeline::find(std::string_view key) const {

@@ -23,18 +23,28 @@ class PELORA_API PluginSnapshot {
  public:
   using List = std::vector<std::shared_ptr<Plugin>>;
   using const_iterator = List::const_iterator;
+  // A stage's list with what the hot path asks of it, worked out once when the list changes.
+  struct Stage {
+    List plugins;
+    std::vector<bool> isDestination;  // per plugin: whether it is a DestinationPlugin
+    bool allDestinations = true;
+  };
 
-  explicit PluginSnapshot(std::shared_ptr<const List> list) noexcept : list_(std::move(list)) {}
+  explicit PluginSnapshot(std::shared_ptr<const Stage> stage) noexcept : stage_(std::move(stage)) {}
 
-  const_iterator begin() const& noexcept { return list_->begin(); }
-  const_iterator end() const& noexcept { return list_->end(); }
+  const_iterator begin() const& noexcept { return stage_->plugins.begin(); }
+  const_iterator end() const& noexcept { return stage_->plugins.end(); }
   const_iterator begin() const&& = delete;
   const_iterator end() const&& = delete;
-  std::size_t size() const noexcept { return list_->size(); }
-  bool empty() const noexcept { return list_->empty(); }
+  std::size_t size() const noexcept { return stage_->plugins.size(); }
+  bool empty() const noexcept { return stage_->plugins.empty(); }
+  // Whether the plugin at `index` is a DestinationPlugin.
+  bool isDestination(std::size_t index) const { return stage_->isDestination[index]; }
+  // Whether every plugin of the stage is a DestinationPlugin (true when there are none).
+  bool allDestinations() const noexcept { return stage_->allDestinations; }
 
  private:
-  std::shared_ptr<const List> list_;
+  std::shared_ptr<const Stage> stage_;
 };
 
 // The plugins of one stage, run in the order they were added.
@@ -65,8 +75,11 @@ class PELORA_API Mediator {
   void run(std::optional<E>& event) const;
 
  private:
+  void replace(PluginList list);
+
   mutable std::mutex mutex_;
-  std::shared_ptr<const PluginList> plugins_ = std::make_shared<const PluginList>();
+  std::shared_ptr<const PluginSnapshot::Stage> plugins_ =
+      std::make_shared<const PluginSnapshot::Stage>();
 };
 
 class PELORA_API Timeline {
@@ -85,6 +98,8 @@ class PELORA_API Timeline {
   void remove(const std::shared_ptr<Plugin>& plugin);
   // Calls `closure` on every plugin in stage order, descending into destinations' timelines.
   void apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const;
+  // Whether any plugin here reads the values of the events it gets (Plugin::readsEventValues).
+  bool readsEventValues() const;
   // Runs one stage.
   template <class E>
   std::optional<E> applyPlugins(PluginType type, std::optional<E> event) const {
@@ -154,9 +169,11 @@ class PELORA_API Timeline {
 
 template <class E>
 void Mediator::run(std::optional<E>& event) const {
-  for (const auto& plugin : plugins()) {
+  const PluginSnapshot list = plugins();
+  std::size_t index = 0;
+  for (const auto& plugin : list) {
     if (!event) return;
-    if (dynamic_cast<DestinationPlugin*>(plugin.get())) {
+    if (list.isDestination(index++)) {
       (void)plugin->execute(std::optional<E>(event));
     } else {
       event = plugin->execute(std::move(event));
@@ -167,9 +184,7 @@ void Mediator::run(std::optional<E>& event) const {
 template <class E>
 bool Mediator::runOnCopies(E& event, bool lastTakesIt) const {
   const PluginSnapshot list = plugins();
-  for (const auto& plugin : list) {
-    if (!dynamic_cast<DestinationPlugin*>(plugin.get())) return false;
-  }
+  if (!list.allDestinations()) return false;
   std::size_t left = list.size();
   for (const auto& plugin : list) {
     if (--left == 0 && lastTakesIt) {
