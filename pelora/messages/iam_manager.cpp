@@ -13,6 +13,9 @@
 namespace pelora {
 namespace {
 
+// How many IAM callbacks the current thread is inside.
+thread_local int callbackDepth = 0;
+
 using namespace std::chrono_literals;
 
 void print(std::string_view line) {
@@ -87,7 +90,33 @@ void IAMManager::stopPolling() {
     session = std::move(defaultSession_);  // its worker thread ends once the pull is cancelled
   }
   if (task) task->cancel();
+  session.reset();
+  // A completion that passed its generation check just before may still be starting the next
+  // pull with its own hold on the session; it sees the new generation and lets go. Not from such
+  // a callback itself, which would wait for itself.
+  if (callbackDepth > 0) return;
+  std::unique_lock lock(mutex_);
+  callbacksDone_.wait_for(lock, std::chrono::seconds(2), [&] { return runningCallbacks_ == 0; });
 }
+
+// Counts a completion or retry of this manager as running while it lives.
+class IAMManager::CallbackScope {
+ public:
+  explicit CallbackScope(IAMManager& manager) : manager_(manager) {
+    ++manager_.runningCallbacks_;  // under the manager's lock
+    ++callbackDepth;
+  }
+  ~CallbackScope() {
+    --callbackDepth;
+    std::lock_guard lock(manager_.mutex_);
+    if (--manager_.runningCallbacks_ == 0) manager_.callbacksDone_.notify_all();
+  }
+  CallbackScope(const CallbackScope&) = delete;
+  CallbackScope& operator=(const CallbackScope&) = delete;
+
+ private:
+  IAMManager& manager_;
+};
 
 bool IAMManager::isPolling() const {
   std::lock_guard lock(mutex_);
@@ -125,9 +154,11 @@ void IAMManager::startPolling() {
       std::move(request), [weak, holder, generation](const auto& response, const auto& error) {
         auto self = weak.lock();
         if (!self) return;
+        std::optional<CallbackScope> running;
         {
           std::lock_guard lock(self->mutex_);
           if (generation != self->generation_) return;  // stopped or restarted meanwhile
+          running.emplace(*self);
         }
         self->pullFinished(holder->lock(), response, error);
       });
@@ -180,9 +211,11 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
   platform::asyncAfter(retryQueue(), delay, [weak, generation] {
     auto self = weak.lock();
     if (!self) return;
+    std::optional<CallbackScope> running;
     {
       std::lock_guard lock(self->mutex_);
       if (generation != self->generation_) return;
+      running.emplace(*self);
     }
     self->longPoll();
   });

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -78,6 +79,7 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   // Main queue.
   void showNext();
   void present(const IAMData& data, const std::string& title);
+  class CallbackScope;
 
   mutable std::mutex mutex_;  // guards the members down to errorMessage_
   std::string hostDomain_;
@@ -90,6 +92,10 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::vector<std::string> connectTo_;
   std::string caBundle_;
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
+  // Pull completions and retries running now: each may hold the session a moment longer, so a
+  // stop waits for them (shutdown counts on the session's thread having ended).
+  int runningCallbacks_ = 0;
+  std::condition_variable callbacksDone_;
   std::string errorMessage_;
   std::atomic<std::uint64_t> pullsStarted_{0};
 
