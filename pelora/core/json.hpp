@@ -231,9 +231,13 @@ T decodeFromString(std::string_view text) {
 
 template <class T>
 JSON JSON::with(const T& value) {
-  std::string text;
-  appendJSONText(text, value);
-  return parse(text);
+  if constexpr (std::is_same_v<T, JSON>) {
+    return value;  // already JSON: a copy shares its arrays and objects
+  } else {
+    std::string text;
+    appendJSONText(text, value);
+    return parse(text);
+  }
 }
 
 template <class T>
