@@ -237,7 +237,17 @@ bool PeloraAnalytics::accepting(std::string_view what) const {
 }
 
 bool PeloraAnalytics::pluginsReadEventValues() const {
-  return timeline_->readsEventValues();
+  const std::uint64_t changes = pluginChanges_.load(std::memory_order_acquire);
+  const std::uint64_t answer = readsEventValuesAnswer_.load(std::memory_order_acquire);
+  if (answer >> 1 == changes) return answer & 1;
+  // A change while this looks is counted after `changes`: the next call looks again.
+  const bool reads = timeline_->readsEventValues();
+  readsEventValuesAnswer_.store(changes << 1 | (reads ? 1 : 0), std::memory_order_release);
+  return reads;
+}
+
+void PeloraAnalytics::pluginsChanged() noexcept {
+  pluginChanges_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void PeloraAnalytics::trackBash(const std::string& name,
@@ -310,12 +320,13 @@ void PeloraAnalytics::completeEvent(RawEvent& event) const {
   event.messageId = platform::uuidString();
   event.userId = user->userId;
   event.timestamp = platform::iso8601Now();
-  event.integrations = JSON(JSON::Map{});
+  static const JSON emptyObject{JSON::Map{}};  // copies share it
+  event.integrations = emptyObject;
   event._metadata = DestinationMetadata{};
 }
 
 template <class E>
-void PeloraAnalytics::process(E event) {
+void PeloraAnalytics::process(E&& event) {
   completeEvent(event);
   timeline_->deliver(std::optional<E>(std::move(event)));
 }

@@ -132,6 +132,7 @@ class PELORA_API PeloraAnalytics : public PluginHost,
            int line) override;
   void add(std::shared_ptr<LogTarget> target, LoggingType type);
   void logFlush() override;
+  void pluginsChanged() noexcept override;
 
   // Notification-service-extension forwards to the registered push provider.
   static std::optional<NotificationContent> didReceiveNotificationExtensionRequest(
@@ -146,7 +147,7 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void start();
   void checkSettings();
   template <class E>
-  void process(E event);
+  void process(E&& event);  // takes the event (an rvalue)
   void completeEvent(RawEvent& event) const;
   std::optional<JSON> traitsJSON() const;
   void trackBashJSON(const std::string& name, std::optional<JSON> properties);
@@ -166,6 +167,10 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
   bool startedIAM_ = false;
   std::atomic<bool> shutDown_{false};
+  // pluginsReadEventValues() without walking the timeline per event: the answer (low bit) for
+  // the plugin change count in the other bits, recomputed when the count moved on.
+  std::atomic<std::uint64_t> pluginChanges_{0};
+  mutable std::atomic<std::uint64_t> readsEventValuesAnswer_{~std::uint64_t{0}};
   std::mutex shutdownMutex_;  // one shutdown at a time; guards the result
   std::optional<bool> shutdownResult_;
 };

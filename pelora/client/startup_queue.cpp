@@ -51,11 +51,15 @@ void StartupQueue::replay() {
   }
 }
 
-template <class E>
-std::optional<E> StartupQueue::hold(std::optional<E> event) {
+bool StartupQueue::passes() const {
   // The replay runs events back through this plugin on syncQueue: they pass, whatever the flag
   // says by then, since waiting for syncQueue there could never end.
-  if (running_.get() || syncQueue_->isCurrent()) return event;
+  return running_.get() || syncQueue_->isCurrent();
+}
+
+template <class E>
+std::optional<E> StartupQueue::hold(std::optional<E> event) {
+  if (passes()) return event;
   if (!event) return std::nullopt;
   syncQueue_->sync([&] {
     if (queuedEvents_.size() >= maxSize) queuedEvents_.pop_front();
@@ -70,6 +74,14 @@ std::optional<TrackEvent> StartupQueue::execute(std::optional<TrackEvent> event)
 
 std::optional<MonitorEvent> StartupQueue::execute(std::optional<MonitorEvent> event) {
   return hold(std::move(event));
+}
+
+void StartupQueue::executeInPlace(std::optional<TrackEvent>& event) {
+  if (!passes()) event = hold(std::move(event));
+}
+
+void StartupQueue::executeInPlace(std::optional<MonitorEvent>& event) {
+  if (!passes()) event = hold(std::move(event));
 }
 
 std::size_t StartupQueue::heldCount() const {

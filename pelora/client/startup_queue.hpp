@@ -42,6 +42,9 @@ class PELORA_API StartupQueue : public Plugin,
   // While running: the event unchanged. Otherwise the event is held and nothing is returned.
   std::optional<TrackEvent> execute(std::optional<TrackEvent> event) override;
   std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) override;
+  // Once running, events pass untouched.
+  void executeInPlace(std::optional<TrackEvent>& event) override;
+  void executeInPlace(std::optional<MonitorEvent>& event) override;
 
   // Events held now.
   std::size_t heldCount() const;
@@ -51,6 +54,8 @@ class PELORA_API StartupQueue : public Plugin,
 
   template <class E>
   std::optional<E> hold(std::optional<E> event);
+  // Whether events go on rather than being held.
+  bool passes() const;
   void runningUpdate(const System& state);
   // Only on syncQueue_.
   void replay();

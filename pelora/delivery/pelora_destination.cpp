@@ -106,8 +106,7 @@ std::optional<TrackEvent> PeloraDestination::track(TrackEvent event) {
   }
   if (!storage || !client) return event;
   storage->write(Storage::Constants::events, event);
-  std::int64_t count = 0;
-  eventCount_.modify([&](std::int64_t& value) { count = ++value; });
+  const std::int64_t count = eventCount_.fetch_add(1, std::memory_order_relaxed) + 1;
   if (count >= client->configuration()->values.flushAt) flush();
   return event;
 }
@@ -127,7 +126,7 @@ void PeloraDestination::flush() {
 
   auto files = storage->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
   if (!files) return;
-  eventCount_.set(0);
+  eventCount_.store(0, std::memory_order_relaxed);
 
   const std::string writeKey = key.value_or(client->configuration()->values.writeKey);
   std::weak_ptr<PeloraDestination> weak = weak_from_this();

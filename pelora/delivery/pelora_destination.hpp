@@ -64,7 +64,7 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   // Upload entries not yet cleaned up.
   std::size_t pendingUploads() const;
   // Events stored since the last flush.
-  std::int64_t eventCount() const { return eventCount_.get(); }
+  std::int64_t eventCount() const { return eventCount_.load(std::memory_order_relaxed); }
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
   std::shared_ptr<HTTPClient> httpClient() const;
@@ -81,7 +81,7 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
   // Held while uploads_ is not empty (and by each upload until it has dealt with its file).
   std::shared_ptr<UploadClaim> uploadClaim_;  // on uploadsQueue_
-  Atomic<std::int64_t> eventCount_{0};
+  std::atomic<std::int64_t> eventCount_{0};
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace
   std::shared_ptr<Storage> storage_;

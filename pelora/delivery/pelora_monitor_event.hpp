@@ -36,6 +36,9 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   void update(const Settings& settings, UpdateType type) override;
   // Posts the event when there is an HTTP client; returns it unchanged either way.
   std::optional<MonitorEvent> trackNow(MonitorEvent event) override;
+  // Track events pass untouched, without a move.
+  void executeInPlace(std::optional<TrackEvent>& /*event*/) override {}
+  using EventPlugin::executeInPlace;
   // Lets the HTTP client go (posts in flight still finish).
   void shutdown() override;
 

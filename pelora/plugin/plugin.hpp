@@ -49,12 +49,21 @@ class PELORA_API Plugin {
   // Processes one event; returning nothing drops it for the plugins after this one.
   virtual std::optional<TrackEvent> execute(std::optional<TrackEvent> event) { return event; }
   virtual std::optional<MonitorEvent> execute(std::optional<MonitorEvent> event) { return event; }
+  // execute() on `event` where it lies, as the timeline calls it; a plugin that mostly passes
+  // events on unchanged may override these to spare each event its moves.
+  virtual void executeInPlace(std::optional<TrackEvent>& event) {
+    event = execute(std::move(event));
+  }
+  virtual void executeInPlace(std::optional<MonitorEvent>& event) {
+    event = execute(std::move(event));
+  }
   // Called when the plugin is removed from a timeline.
   virtual void shutdown() {}
   // Whether this plugin reads the values of the events it gets (their properties). While no
   // plugin of a client does, the client writes a host's properties straight to JSON text instead
   // of building them as JSON first. True unless a plugin says otherwise; a destination answers
-  // for itself, the plugins of its own timeline are asked too.
+  // for itself, the plugins of its own timeline are asked too. Asked again only when a plugin is
+  // added or removed, so the answer must not change while the plugin is in a timeline.
   virtual bool readsEventValues() const { return true; }
 
  private:
@@ -104,7 +113,7 @@ class PELORA_API DestinationPlugin : public EventPlugin {
 
  private:
   template <class E>
-  std::optional<E> process(std::optional<E> event);
+  std::optional<E> process(std::optional<E>& event);
   std::shared_ptr<Timeline> timeline_;
 };
 

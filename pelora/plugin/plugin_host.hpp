@@ -29,6 +29,9 @@ class PELORA_API PluginHost : public LogSink {
   // log(message, kind, function, line): handed to a log plugin while debug logs are on.
   // Writes out what log targets hold back.
   virtual void logFlush() = 0;
+  // A plugin of this client (or of one of its destinations) was added or removed: what the
+  // client knows of its plugins (Plugin::readsEventValues) is to be asked again.
+  virtual void pluginsChanged() noexcept {}
 };
 
 }  // namespace pelora

@@ -67,7 +67,7 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
 }
 
 template <class E>
-std::optional<E> DestinationPlugin::process(std::optional<E> event) {
+std::optional<E> DestinationPlugin::process(std::optional<E>& event) {
   if (!event || !isDestinationEnabled(*event)) return std::nullopt;
   timeline_->runStage(PluginType::before, event);
   timeline_->runStage(PluginType::enrichment, event);
@@ -80,11 +80,11 @@ std::optional<E> DestinationPlugin::process(std::optional<E> event) {
 }
 
 std::optional<TrackEvent> DestinationPlugin::execute(std::optional<TrackEvent> event) {
-  return process(std::move(event));
+  return process(event);
 }
 
 std::optional<MonitorEvent> DestinationPlugin::execute(std::optional<MonitorEvent> event) {
-  return process(std::move(event));
+  return process(event);
 }
 
 // ---- Mediator and Timeline ----------------------------------------------------------------------
@@ -97,27 +97,26 @@ void Mediator::replace(PluginList list) {
     stage->allDestinations = stage->allDestinations && destination;
   }
   stage->plugins = std::move(list);
-  plugins_ = std::move(stage);
+  plugins_.store(std::move(stage));
 }
 
 void Mediator::add(std::shared_ptr<Plugin> plugin) {
   std::lock_guard lock(mutex_);
-  PluginList list = plugins_->plugins;
+  PluginList list = plugins_.load()->plugins;
   list.push_back(std::move(plugin));
   replace(std::move(list));
 }
 
 std::size_t Mediator::remove(const Plugin* plugin) {
   std::lock_guard lock(mutex_);
-  PluginList list = plugins_->plugins;
+  PluginList list = plugins_.load()->plugins;
   auto removed = std::erase_if(list, [&](const auto& p) { return p.get() == plugin; });
   replace(std::move(list));
   return removed;
 }
 
 PluginSnapshot Mediator::plugins() const {
-  std::lock_guard lock(mutex_);
-  return PluginSnapshot(plugins_);
+  return PluginSnapshot(plugins_.load());
 }
 
 namespace {
@@ -135,11 +134,13 @@ void Timeline::add(const std::shared_ptr<Plugin>& plugin) {
   if (it == plugins_.end()) return;
   it->second->add(plugin);
   if (auto client = plugin->analytics()) {
+    client->pluginsChanged();
     if (auto settings = client->settings()) plugin->update(*settings, UpdateType::initial);
   }
 }
 
 void Timeline::remove(const std::shared_ptr<Plugin>& plugin) {
+  const auto client = plugin->analytics();  // before shutdown() lets it go
   for (PluginType type : allPluginTypes) {
     auto it = plugins_.find(type);
     if (it == plugins_.end()) continue;
@@ -149,6 +150,7 @@ void Timeline::remove(const std::shared_ptr<Plugin>& plugin) {
     for (long i = 0; i < count; ++i) plugin->shutdown();
     if (count > 0) it->second->remove(plugin.get());
   }
+  if (client) client->pluginsChanged();
 }
 
 void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& closure) const {

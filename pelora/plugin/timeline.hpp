@@ -3,6 +3,7 @@
 // without a lock while plugins are added or removed elsewhere.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,9 +78,9 @@ class PELORA_API Mediator {
  private:
   void replace(PluginList list);
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<const PluginSnapshot::Stage> plugins_ =
-      std::make_shared<const PluginSnapshot::Stage>();
+  std::mutex mutex_;  // one change at a time; readers only load plugins_
+  std::atomic<std::shared_ptr<const PluginSnapshot::Stage>> plugins_{
+      std::make_shared<const PluginSnapshot::Stage>()};
 };
 
 class PELORA_API Timeline {
@@ -176,7 +177,7 @@ void Mediator::run(std::optional<E>& event) const {
     if (list.isDestination(index++)) {
       (void)plugin->execute(std::optional<E>(event));
     } else {
-      event = plugin->execute(std::move(event));
+      plugin->executeInPlace(event);
     }
   }
 }
