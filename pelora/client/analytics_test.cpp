@@ -181,6 +181,32 @@ TEST_F(AnalyticsTest, WithOnlyBuiltInPluginsPropertiesGoStraightToText) {
             JSON(JSON::Map{{"price", JSON(Decimal::parse("9.90").value())}}));
 }
 
+// The client remembers that no plugin reads values until a plugin comes or goes, also inside a
+// destination's own timeline.
+TEST_F(AnalyticsTest, APluginAddedInsideADestinationSeesTheNextEventsValues) {
+  addCollector = false;
+  auto client = makeClient();
+  struct Reader : EventPlugin {
+    PluginType type() const override { return PluginType::before; }
+    std::optional<TrackEvent> track(TrackEvent event) override {
+      seen.push_back(event.properties);
+      return event;
+    }
+    std::vector<std::optional<JSON>> seen;
+  };
+  client->trackBash("Unread", Dictionary{{"n", 1}});  // no plugin reads: straight to text
+  auto destination = client->find<PeloraDestination>();
+  ASSERT_TRUE(destination);
+  auto reader = std::make_shared<Reader>();
+  destination->add(reader);
+  client->trackBash("Read", Dictionary{{"n", 2}});
+  ASSERT_EQ(reader->seen.size(), 1u);
+  EXPECT_EQ(reader->seen[0], JSON(JSON::Map{{"n", JSON(2)}}));
+  destination->remove(reader);
+  client->trackBash("Unread again", Dictionary{{"n", 3}});
+  EXPECT_EQ(reader->seen.size(), 1u);
+}
+
 TEST_F(AnalyticsTest, MonitorEventsCarryDeviceIdsAndPlatform) {
   auto client = makeClient();
   PeloraAnalytics::setPeloraUserId("DEVICE-1");
