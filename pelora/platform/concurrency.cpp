@@ -11,12 +11,25 @@
 
 namespace pelora {
 
+namespace {
+constexpr int kSpins = 100;
+}  // namespace
+
 ExclusiveRunner::Entered::Entered(ExclusiveRunner& runner) : runner(runner) {
   if (runner.isCurrent()) {
     fatalError("sync on '" + runner.label_ +
                "' from a block already running on it: that would deadlock");
   }
-  runner.mutex_.lock();
+  // Blocks are short (an append, a state read): look again for a moment before sleeping, since
+  // a sleep and the wake-up it needs cost more than most blocks.
+  bool locked = runner.mutex_.try_lock();
+  for (int spin = 0; !locked && spin < kSpins; ++spin) {
+    cpuRelax();
+    if (runner.owner_.load(std::memory_order_relaxed) == std::thread::id()) {
+      locked = runner.mutex_.try_lock();
+    }
+  }
+  if (!locked) runner.mutex_.lock();
   runner.owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
 }
 

@@ -97,7 +97,9 @@ void Mediator::replace(PluginList list) {
     stage->allDestinations = stage->allDestinations && destination;
   }
   stage->plugins = std::move(list);
+  const bool none = stage->plugins.empty();
   plugins_.store(std::move(stage));
+  empty_.store(none, std::memory_order_release);
 }
 
 void Mediator::add(std::shared_ptr<Plugin> plugin) {

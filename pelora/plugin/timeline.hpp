@@ -58,6 +58,8 @@ class PELORA_API Mediator {
   std::size_t remove(const Plugin* plugin);
   // The current list.
   PluginSnapshot plugins() const;
+  // Whether the stage has no plugin, without taking a snapshot (events pass empty stages often).
+  bool empty() const noexcept { return empty_.load(std::memory_order_acquire); }
   // When every plugin is a destination, hands each a copy of `event` and returns true; otherwise
   // does nothing and returns false. With `lastTakesIt`, the last destination gets `event` itself
   // (moved; nobody after it needs it) instead of a copy.
@@ -81,6 +83,7 @@ class PELORA_API Mediator {
   std::mutex mutex_;  // one change at a time; readers only load plugins_
   std::atomic<std::shared_ptr<const PluginSnapshot::Stage>> plugins_{
       std::make_shared<const PluginSnapshot::Stage>()};
+  std::atomic<bool> empty_{true};
 };
 
 class PELORA_API Timeline {
@@ -137,7 +140,7 @@ class PELORA_API Timeline {
     runStage(PluginType::before, event);
     if (!event) return;
     auto after = plugins_.find(PluginType::after);
-    const bool nothingAfter = after == plugins_.end() || after->second->plugins().empty();
+    const bool nothingAfter = after == plugins_.end() || after->second->empty();
     auto destinations = plugins_.find(PluginType::destination);
     if (destinations != plugins_.end() &&
         !destinations->second->runOnCopies(*event, nothingAfter)) {
@@ -170,6 +173,7 @@ class PELORA_API Timeline {
 
 template <class E>
 void Mediator::run(std::optional<E>& event) const {
+  if (empty()) return;
   const PluginSnapshot list = plugins();
   std::size_t index = 0;
   for (const auto& plugin : list) {

@@ -384,6 +384,10 @@ struct GroupCommit {
   std::shared_ptr<const BatchFile> latest;  // the batch the last event went to
   // Events known to be on disk; changed under `mutex`, read without it by waiters that spin.
   std::atomic<std::uint64_t> synced{0};
+  // Writers that entered but have not written yet (encoding, or waiting for the write lock): a
+  // sync about to start lets them write first (for a moment at most) and covers them too, instead
+  // of leaving them for the next sync.
+  std::atomic<int> arriving{0};
 
   // Under the storage queue, after an event was written to `file`: its ticket.
   std::uint64_t wrote(const std::shared_ptr<const BatchFile>& file) {
@@ -414,13 +418,32 @@ struct GroupCommit {
         continue;
       }
       syncing = true;
+      // While several threads record, the last sync's group is likely to come again: give the
+      // writers a moment (a fraction of a sync) to write before syncing. Yield rather than spin:
+      // they may need this very core to get there. A lone writer never waits.
+      const std::uint64_t already = synced.load(std::memory_order_relaxed);
+      if (lastGroup > 1 && written - already < lastGroup) {
+        lock.unlock();
+        const auto until = std::chrono::steady_clock::now() + std::min(lastSync * 3 / 4, kMaxWait);
+        while (std::chrono::steady_clock::now() < until) {
+          std::this_thread::yield();
+          std::lock_guard check(mutex);
+          if (written - already >= lastGroup && arriving.load(std::memory_order_acquire) == 0)
+            break;
+        }
+        lock.lock();
+      }
       const std::uint64_t target = written;
+      const auto started = std::chrono::steady_clock::now();
       const std::shared_ptr<const BatchFile> file = latest;
       lock.unlock();
       const bool ok = file && ::fdatasync(file->fd) == 0;
       const int error = errno;
       lock.lock();
       syncing = false;
+      lastSync = std::chrono::duration_cast<std::chrono::microseconds>(
+          std::chrono::steady_clock::now() - started);
+      lastGroup = target - std::min(target, synced.load(std::memory_order_relaxed));
       // A failed sync cannot be undone for events of other writers; they stay written.
       if (!ok) {
         log::message("Event storage could not sync a batch: " + std::string(std::strerror(error)),
@@ -435,6 +458,9 @@ struct GroupCommit {
 
  private:
   static constexpr int kSpins = 200;
+  static constexpr std::chrono::microseconds kMaxWait{200};
+  std::uint64_t lastGroup = 0;            // events the last sync covered
+  std::chrono::microseconds lastSync{0};  // how long it took
 };
 
 struct Storage::State {
@@ -819,18 +845,24 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
   // Encoded on the caller's thread, so that recording threads encode side by side and hold the
   // queue only for the write; the buffer is the thread's own and keeps its memory.
   thread_local std::string text;
+  auto& arriving = state_->commits.arriving;
+  arriving.fetch_add(1, std::memory_order_acq_rel);
   try {
     text.assign(1, ',');
     appendText(text, event);
   } catch (const std::exception&) {
+    arriving.fetch_sub(1, std::memory_order_acq_rel);
     return;  // not encodable (or out of memory): nothing is written
   }
   const std::uint64_t ticket = queue_.sync([&]() noexcept -> std::uint64_t {
+    std::uint64_t written = 0;
     try {
-      return state_->append(text);
+      written = state_->append(text);
     } catch (const std::exception&) {
-      return 0;  // out of memory on the way: the event is lost, the host never hears of it
+      // out of memory on the way: the event is lost, the host never hears of it
     }
+    arriving.fetch_sub(1, std::memory_order_acq_rel);
+    return written;
   });
   // Durable before the call returns; threads recording at once share one sync.
   if (ticket != 0) state_->commits.waitFor(ticket);
