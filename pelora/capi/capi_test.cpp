@@ -137,7 +137,7 @@ TEST(CApi, BadInputIsRefusedWithAMessageAndRecordsNothing) {
        PELORA_ERROR_INVALID_JSON, "Nesting deeper"},
       {"deeper than an event",
        [&] { return pelora_track_bash(client, "x", tooDeepForAnEvent.c_str()); },
-       PELORA_ERROR_INVALID_JSON, "properties_json nests deeper than 509 levels"},
+       PELORA_ERROR_INVALID_JSON, "Nesting deeper than 509 levels"},
       {"empty user", [&] { return pelora_identify(client, "", nullptr); },
        PELORA_ERROR_INVALID_ARGUMENT, "user_id is empty"},
       {"traits not an object", [&] { return pelora_identify(client, "u", "3"); },

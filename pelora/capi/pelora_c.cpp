@@ -118,18 +118,13 @@ JSON parse(const char* value, const char* what, JSON::Kind expected) {
     throw Refused(PELORA_ERROR_INVALID_ARGUMENT, std::string(what) + " is NULL");
   JSON json;
   try {
-    json = JSON::parse(value);
+    json = JSON::parse(value, pelora::maxEventValueDepth);
   } catch (const pelora::DecodingError& error) {
     throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + ": " + error.what());
   }
   if (json.kind() != expected) {
     throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + " must be " + kindName(expected) +
                                                  ", not " + kindName(json.kind()));
-  }
-  if (json.nestedDeeperThan(pelora::maxEventValueDepth)) {
-    throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + " nests deeper than " +
-                                                 std::to_string(pelora::maxEventValueDepth) +
-                                                 " levels");
   }
   return json;
 }

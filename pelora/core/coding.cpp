@@ -267,6 +267,9 @@ class PrettyHandler : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
 // Builds a JSON value from SAX events; containers are collected on an explicit stack.
 class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
  public:
+  // Refuses text that nests arrays and objects deeper than `maxDepth` levels.
+  explicit Builder(int maxDepth) : maxDepth_(maxDepth) {}
+
   bool Null() { return emit(JSON()); }
   bool Bool(bool value) { return emit(JSON(value)); }
   bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
@@ -328,8 +331,8 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     return true;
   }
   bool push(bool isObject) {
-    if (stack_.size() >= static_cast<std::size_t>(JSON::maxNestingDepth)) {
-      error_ = "Nesting deeper than " + std::to_string(JSON::maxNestingDepth) + " levels";
+    if (stack_.size() >= static_cast<std::size_t>(maxDepth_)) {
+      error_ = "Nesting deeper than " + std::to_string(maxDepth_) + " levels";
       return false;
     }
     stack_.push_back(Frame{isObject, {}, {}, {}});
@@ -342,6 +345,7 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
   }
 
   std::vector<Frame> stack_;
+  int maxDepth_;
   JSON result_;
   std::string error_;
 };
@@ -418,7 +422,11 @@ void throwTypeMismatch(std::string_view expected, const JSON& found) {
 }
 
 JSON JSON::parse(std::string_view text) {
-  Builder builder;
+  return parse(text, maxNestingDepth);
+}
+
+JSON JSON::parse(std::string_view text, int maxDepth) {
+  Builder builder(std::min(maxDepth, maxNestingDepth));
   rapidjson::Reader reader;
   rapidjson::MemoryStream stream(text.data(), text.size());
   constexpr unsigned flags =

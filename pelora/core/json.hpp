@@ -84,6 +84,8 @@ class PELORA_API JSON {
   // Reads JSON text. Numbers keep their exact decimal value. Throws DecodingError (dataCorrupted,
   // with the byte offset) for malformed text, invalid UTF-8 or numbers out of range.
   static JSON parse(std::string_view text);
+  // parse() refusing text nested deeper than `maxDepth` levels (at most maxNestingDepth).
+  static JSON parse(std::string_view text, int maxDepth);
 
   Kind kind() const noexcept { return static_cast<Kind>(value_.index()); }
   bool isNull() const noexcept { return kind() == Kind::null; }

@@ -77,7 +77,7 @@ def test_bad_input_raises_with_the_c_message_and_loses_nothing(collector, tmp_pa
         (pelora.InvalidArgumentError, "name must be a str", lambda: client.track(7)),
         (pelora.InvalidArgumentError, "not valid UTF-8", lambda: client.track("bad \udc80")),
         (pelora.InvalidArgumentError, "user_id is empty", lambda: client.identify("")),
-        (pelora.InvalidJSONError, "nests deeper than 509 levels",
+        (pelora.InvalidJSONError, "Nesting deeper than 509 levels",
          lambda: client.track("x", {"deep": nested(510)})),
         (pelora.InvalidArgumentError, "timeout must be 0 or more",
          lambda: client.flush(timeout=-1)),
