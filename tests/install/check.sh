@@ -5,7 +5,8 @@
 # shared ones are built as on a machine without our dependencies' development files (CMake may not
 # find libcurl or OpenSSL, pkg-config sees only our pelora.pc). Also checks the installed header
 # set: each header compiles on its own, none of ours is private, and <pelora/pelora.hpp> pulls in
-# no third-party header.
+# no third-party header. Then the C API: <pelora/pelora.h> compiles as C11 and a C program built
+# with pkg-config runs; and the Python package (python/) finds the installed library by its prefix.
 #
 # usage: tests/install/check.sh BUILD_DIR
 # Environment (each unset one is read from BUILD_DIR/CMakeCache.txt):
@@ -105,6 +106,40 @@ unset PKG_CONFIG_LIBDIR
 needs_libpelora pkg-config yes "$work/pkgconfig_consumer"
 expect_42 pkg-config env LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
   "$work/pkgconfig_consumer"
+
+step "C: <pelora/pelora.h> as C11, a C program with pkg-config"
+CC=${CC:-$(cache CMAKE_C_COMPILER)}
+CC=${CC:-cc}
+echo '#include <pelora/pelora.h>' | "$CC" -std=c11 -Wall -Wextra -pedantic -Werror -fsyntax-only \
+  -I"$prefix/include" -x c - || { echo "install check: pelora.h is not plain C11" >&2; exit 1; }
+PKG_CONFIG_LIBDIR=$(dirname "$pc") pkg-config --cflags --libs pelora >"$work/c_flags"
+# shellcheck disable=SC2046,SC2086  # flags are word lists
+"$CC" -std=c11 $CXXFLAGS "$here/main.c" $(cat "$work/c_flags") -o "$work/c_consumer"
+expect_42 c env LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$work/c_consumer"
+
+step "Python: the package over the installed library (PELORA_PREFIX)"
+python=/usr/bin/python3
+if [ -x "$python" ]; then
+  preload=()
+  case " $CXXFLAGS " in *sanitize=*address*)
+    # Python is not built with AddressSanitizer: its runtime (and libstdc++) must come first.
+    preload=(LD_PRELOAD="$("$CXX" -print-file-name=libasan.so) $("$CXX" -print-file-name=libstdc++.so)"
+      ASAN_OPTIONS=detect_leaks=0) ;;
+  esac
+  expect_42 python env "${preload[@]}" PELORA_PREFIX="$prefix" PYTHONPATH="$here/../../python" \
+    "$python" - "$work/python" <<'PY'
+import os, sys
+import pelora
+pelora.set_log_handler(lambda level, message: None)  # standard output carries only the result
+directory = sys.argv[1]
+with pelora.Client("py-consumer-key", enable_iam=False, documents_dir=directory + "/data",
+                   preferences_dir=directory + "/config", shutdown_timeout=0,
+                   connect_to=["tracking.pelora.io:443:127.0.0.1:1"]) as client:
+    client.track("Installed", {"n": 1})
+loaded = pelora._lib._name  # the library file it found
+print(42 if loaded.startswith(os.environ["PELORA_PREFIX"]) else loaded)
+PY
+fi
 
 # The WebKitGTK toolkit, when this build has it.
 if [ -n "$(find "$prefix" -name peloraGtkTargets.cmake -print -quit)" ]; then
