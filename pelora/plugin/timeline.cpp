@@ -71,10 +71,13 @@ std::optional<E> DestinationPlugin::process(std::optional<E>& event) {
   if (!event || !isDestinationEnabled(*event)) return std::nullopt;
   timeline_->runStage(PluginType::before, event);
   timeline_->runStage(PluginType::enrichment, event);
-  std::optional<E> result;
-  if constexpr (std::is_same_v<E, TrackEvent>) {
-    if (event) result = track(std::move(*event));
-  }
+  // Built where it is returned: one move of the event fewer than assigning track()'s result.
+  std::optional<E> result = [&]() -> std::optional<E> {
+    if constexpr (std::is_same_v<E, TrackEvent>) {
+      if (event) return track(std::move(*event));
+    }
+    return std::nullopt;
+  }();
   timeline_->runStage(PluginType::after, result);
   return result;
 }
