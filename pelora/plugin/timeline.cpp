@@ -101,27 +101,28 @@ void Mediator::replace(PluginList list) {
   }
   stage->plugins = std::move(list);
   const bool none = stage->plugins.empty();
-  plugins_.store(std::move(stage));
+  plugins_ = std::move(stage);
   empty_.store(none, std::memory_order_release);
 }
 
 void Mediator::add(std::shared_ptr<Plugin> plugin) {
   std::lock_guard lock(mutex_);
-  PluginList list = plugins_.load()->plugins;
+  PluginList list = plugins_->plugins;
   list.push_back(std::move(plugin));
   replace(std::move(list));
 }
 
 std::size_t Mediator::remove(const Plugin* plugin) {
   std::lock_guard lock(mutex_);
-  PluginList list = plugins_.load()->plugins;
+  PluginList list = plugins_->plugins;
   auto removed = std::erase_if(list, [&](const auto& p) { return p.get() == plugin; });
   replace(std::move(list));
   return removed;
 }
 
 PluginSnapshot Mediator::plugins() const {
-  return PluginSnapshot(plugins_.load());
+  std::lock_guard lock(mutex_);
+  return PluginSnapshot(plugins_);
 }
 
 namespace {
