@@ -121,7 +121,7 @@ std::size_t Mediator::remove(const Plugin* plugin) {
 }
 
 PluginSnapshot Mediator::plugins() const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   return PluginSnapshot(plugins_);
 }
 

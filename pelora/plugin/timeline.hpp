@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -82,7 +83,8 @@ class PELORA_API Mediator {
 
   // Guards plugins_. A plain mutex: ThreadSanitizer reports races inside GCC 12's
   // std::atomic<std::shared_ptr>, and a report we cannot tell from a real one is no help.
-  mutable std::mutex mutex_;
+  // Readers share it: recording threads never wait for each other here.
+  mutable std::shared_mutex mutex_;
   std::shared_ptr<const PluginSnapshot::Stage> plugins_ =
       std::make_shared<const PluginSnapshot::Stage>();
   std::atomic<bool> empty_{true};
