@@ -111,22 +111,35 @@ const char* kindName(JSON::Kind kind) {
   return "a value";
 }
 
-// JSON text of the expected kind, with its numbers' exact digits, not nested deeper than an event
-// may carry.
-JSON parse(const char* value, const char* what, JSON::Kind expected) {
-  if (value == nullptr)
+// Reads JSON text with `read` (JSON::parse or JSONText::parse, at the event's depth limit) and
+// checks the kind of its root: numbers keep their exact digits.
+template <class Read>
+auto readJSON(const char* value, const char* what, JSON::Kind expected, Read&& read) {
+  if (value == nullptr) {
     throw Refused(PELORA_ERROR_INVALID_ARGUMENT, std::string(what) + " is NULL");
-  JSON json;
+  }
   try {
-    json = JSON::parse(value, pelora::maxEventValueDepth);
+    auto result = read(std::string_view(value), pelora::maxEventValueDepth);
+    if (result.kind() != expected) {
+      throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + " must be " +
+                                                   kindName(expected) + ", not " +
+                                                   kindName(result.kind()));
+    }
+    return result;
   } catch (const pelora::DecodingError& error) {
     throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + ": " + error.what());
   }
-  if (json.kind() != expected) {
-    throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + " must be " + kindName(expected) +
-                                                 ", not " + kindName(json.kind()));
-  }
-  return json;
+}
+
+JSON parse(const char* value, const char* what, JSON::Kind expected) {
+  return readJSON(value, what, expected,
+                  [](std::string_view text, int depth) { return JSON::parse(text, depth); });
+}
+
+pelora::JSONText parseText(const char* value, const char* what, JSON::Kind expected) {
+  return readJSON(value, what, expected, [](std::string_view text, int depth) {
+    return pelora::JSONText::parse(text, depth);
+  });
 }
 
 pelora::Dictionary dictionary(const JSON& object) {
@@ -341,11 +354,13 @@ pelora_status pelora_track_bash(pelora_client* client, const char* name,
   return guarded([&] {
     auto& analytics = recording(client);
     std::string eventName = text(name, "name");
-    std::optional<JSON> properties;
-    if (properties_json != nullptr) {
-      properties = parse(properties_json, "properties_json", JSON::Kind::object);
+    if (properties_json == nullptr) {
+      analytics.trackBash(eventName);
+      return PELORA_OK;
     }
-    analytics.trackBash(eventName, properties);
+    // Read straight to the text a batch holds; no value is built while no plugin reads one.
+    auto properties = parseText(properties_json, "properties_json", JSON::Kind::object);
+    analytics.trackBash(eventName, std::move(properties));
     return PELORA_OK;
   });
 }

@@ -270,6 +270,24 @@ void PeloraAnalytics::trackBash(const std::string& name,
   process(TrackEvent(name, std::move(converted)));
 }
 
+void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
+  if (!accepting("trackBash")) return;
+  std::optional<TrackEvent> event(std::in_place, name, std::nullopt);
+  if (properties.kind() != JSON::Kind::object) {
+    platform::printLine(JSONError::nonJSONType("properties that are not a JSON object").what());
+  } else if (properties.depth() > maxEventValueDepth) {
+    platform::printLine(JSONError::nonJSONType("a value nested deeper than " +
+                                               std::to_string(maxEventValueDepth) + " levels")
+                            .what());
+  } else if (!pluginsReadEventValues()) {
+    // The text is already as the batch holds it: no value is built at all.
+    event->propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
+  } else {
+    event->properties = JSON::parse(properties.text());
+  }
+  process(std::move(*event));
+}
+
 void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {
   if (!accepting("trackBash")) return;
   process(TrackEvent(name, reportIfTooDeep(std::move(properties))));

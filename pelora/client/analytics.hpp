@@ -76,6 +76,10 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void trackBash(const std::string& name, const std::optional<Dictionary>& properties = {});
   template <class T>
   void trackBash(const std::string& name, const std::optional<T>& properties);
+  // Records a named event whose properties are JSON text already read (JSONText::parse: numbers
+  // keep their digits). Properties that are not an object, or nest too deep for a batch, are
+  // dropped (the error is printed) and the event is still recorded, as for a dictionary.
+  void trackBash(const std::string& name, JSONText properties);
   // Records an identity-tracking event, sent at once.
   void trackEvent(const Dictionary& identityId, const std::string& eventName,
                   const Dictionary& eventData,

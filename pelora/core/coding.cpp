@@ -264,6 +264,16 @@ class PrettyHandler : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
 
 // ---- Text reader --------------------------------------------------------------------------------
 
+// RapidJSON turns a lone low surrogate escape ("\udc00") into the three bytes ED B0 80, which are
+// not UTF-8. Input bytes were validated, so such bytes can only have come from an escape.
+bool hasLoneLowSurrogate(const char* text, rapidjson::SizeType length) {
+  const char* const end = text + length;
+  for (const char* p = text; (p = static_cast<const char*>(std::memchr(p, 0xED, end - p)));) {
+    if (++p != end && static_cast<unsigned char>(*p) >= 0xA0) return true;
+  }
+  return false;
+}
+
 // Builds a JSON value from SAX events; containers are collected on an explicit stack.
 class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
  public:
@@ -306,17 +316,10 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     std::string key;
   };
 
-  // RapidJSON turns a lone low surrogate escape ("\udc00") into the three bytes ED B0 80, which
-  // are not UTF-8. Input bytes were validated, so such bytes can only have come from an escape.
   bool checkSurrogates(const char* text, rapidjson::SizeType length) {
-    const char* const end = text + length;
-    for (const char* p = text; (p = static_cast<const char*>(std::memchr(p, 0xED, end - p)));) {
-      if (++p != end && static_cast<unsigned char>(*p) >= 0xA0) {
-        error_ = "A \\u escape names a lone surrogate";
-        return false;
-      }
-    }
-    return true;
+    if (!hasLoneLowSurrogate(text, length)) return true;
+    error_ = "A \\u escape names a lone surrogate";
+    return false;
   }
 
   bool emit(JSON value) {
@@ -442,6 +445,161 @@ JSON JSON::parse(std::string_view text, int maxDepth) {
     throw DecodingError::dataCorrupted(what, result.Offset());
   }
   return builder.take();
+}
+
+// ---- Canonical text -----------------------------------------------------------------------------
+
+namespace {
+
+// Appends `text` as a JSON string, as the text encoder writes it (the text is valid UTF-8).
+void appendEscaped(std::string& out, std::string_view text) {
+  if (isPlainText(text)) {
+    out.append(1, '"').append(text).append(1, '"');
+    return;
+  }
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  out.append(buffer.GetString(), buffer.GetSize());
+}
+
+// Writes what JSON::parse followed by toString() would, straight from the reader's events: numbers
+// as their exact decimals, strings escaped as the encoder does, object members in key order with
+// the last of equal keys kept. Fails (returns false) wherever the builder of JSON::parse fails.
+class Canonicalizer : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Canonicalizer> {
+ public:
+  Canonicalizer(int maxDepth, std::size_t textSize) : maxDepth_(maxDepth) {
+    out_.reserve(textSize);  // rarely longer than what it was read from
+  }
+
+  bool Null() { return scalar(JSON::Kind::null, "null"); }
+  bool Bool(bool value) { return scalar(JSON::Kind::boolean, value ? "true" : "false"); }
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+    auto decimal = Decimal::parse(std::string_view(text, length));
+    if (!decimal) return false;
+    char digits[Decimal::maxTextLength];
+    return scalar(JSON::Kind::number, std::string_view(digits, decimal->write(digits)));
+  }
+  bool String(const char* text, rapidjson::SizeType length, bool) {
+    if (hasLoneLowSurrogate(text, length)) return false;
+    beginValue(JSON::Kind::string);
+    appendEscaped(out_, std::string_view(text, length));
+    return true;
+  }
+  bool StartObject() { return open(JSON::Kind::object, '{'); }
+  bool Key(const char* text, rapidjson::SizeType length, bool) {
+    if (hasLoneLowSurrogate(text, length)) return false;
+    Frame& frame = frames_.back();
+    if (!frame.members.empty()) {
+      frame.members.back().end = out_.size();
+      out_.push_back(',');
+    }
+    frame.members.push_back(Member{std::string(text, length), out_.size(), 0});
+    appendEscaped(out_, frame.members.back().key);
+    out_.push_back(':');
+    return true;
+  }
+  bool EndObject(rapidjson::SizeType) {
+    Frame& frame = frames_.back();
+    if (!frame.members.empty()) frame.members.back().end = out_.size();
+    orderMembers(frame);
+    out_.push_back('}');
+    frames_.pop_back();
+    return true;
+  }
+  bool StartArray() { return open(JSON::Kind::array, '['); }
+  bool EndArray(rapidjson::SizeType) {
+    out_.push_back(']');
+    frames_.pop_back();
+    return true;
+  }
+
+  std::string take() { return std::move(out_); }
+  JSON::Kind rootKind() const noexcept { return rootKind_; }
+  int depth() const noexcept { return depth_; }
+
+ private:
+  struct Member {
+    std::string key;
+    std::size_t start;  // where its text ("key":value) begins in out_
+    std::size_t end;
+  };
+  struct Frame {
+    bool isObject;
+    std::size_t start;  // just after the opening bracket
+    std::size_t count = 0;
+    std::vector<Member> members;
+  };
+
+  void beginValue(JSON::Kind kind) {
+    if (frames_.empty()) {
+      rootKind_ = kind;
+      return;
+    }
+    Frame& frame = frames_.back();
+    if (!frame.isObject && frame.count++ > 0) out_.push_back(',');
+  }
+  bool scalar(JSON::Kind kind, std::string_view text) {
+    beginValue(kind);
+    out_.append(text);
+    return true;
+  }
+  bool open(JSON::Kind kind, char bracket) {
+    if (frames_.size() >= static_cast<std::size_t>(maxDepth_)) return false;
+    beginValue(kind);
+    out_.push_back(bracket);
+    frames_.push_back(Frame{kind == JSON::Kind::object, out_.size(), 0, {}});
+    depth_ = std::max(depth_, static_cast<int>(frames_.size()));
+    return true;
+  }
+  // Members in key order, the last of equal keys kept, as a JSON::Map holds them.
+  void orderMembers(Frame& frame) {
+    auto& members = frame.members;
+    bool ordered = true;
+    for (std::size_t i = 1; i < members.size() && ordered; ++i) {
+      ordered = members[i - 1].key < members[i].key;
+    }
+    if (ordered) return;
+    std::vector<std::size_t> order(members.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return members[a].key < members[b].key; });
+    std::string text;
+    text.reserve(out_.size() - frame.start);
+    for (std::size_t i = 0; i < order.size(); ++i) {
+      // Of equal keys only the last written counts; stable_sort keeps them in written order.
+      if (i + 1 < order.size() && members[order[i]].key == members[order[i + 1]].key) continue;
+      if (!text.empty()) text.push_back(',');
+      const Member& member = members[order[i]];
+      text.append(out_, member.start, member.end - member.start);
+    }
+    out_.replace(frame.start, std::string::npos, text);
+  }
+  int maxDepth_;
+  std::string out_;
+  std::vector<Frame> frames_;
+  JSON::Kind rootKind_ = JSON::Kind::null;
+  int depth_ = 0;
+};
+
+}  // namespace
+
+JSONText JSONText::parse(std::string_view text, int maxDepth) {
+  Canonicalizer canonicalizer(std::min(maxDepth, JSON::maxNestingDepth), text.size());
+  rapidjson::Reader reader;
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  constexpr unsigned flags =
+      rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag;
+  const rapidjson::ParseResult result = reader.Parse<flags>(stream, canonicalizer);
+  if (result.IsError() || stream.Tell() != text.size()) {
+    // The builder refuses the same text and says why, in the same words.
+    const JSON value = JSON::parse(text, maxDepth);
+    // Not reached while the two agree.
+    return JSONText(value.toString(), value.kind(), value.nestedDeeperThan(0) ? maxDepth : 0);
+  }
+  const JSON::Kind kind = canonicalizer.rootKind();
+  const int depth = canonicalizer.depth();
+  return JSONText(canonicalizer.take(), kind, depth);
 }
 
 void Encoder::writeJSONText(std::string_view text) {

@@ -160,6 +160,31 @@ class PELORA_API JSON {
 PELORA_API std::string hostDictionaryText(const Dictionary& dictionary,
                                           int maxDepth = JSON::maxNestingDepth);
 
+// JSON text as this library writes it (compact, numbers as exact decimals, object keys in order,
+// the last of equal keys kept): the bytes of JSON::parse(text).toString(), made without building
+// the value. For text that is to go into a batch as it is.
+class PELORA_API JSONText {
+ public:
+  // Throws DecodingError as JSON::parse(text, maxDepth) does, with the same message.
+  static JSONText parse(std::string_view text, int maxDepth = JSON::maxNestingDepth);
+
+  const std::string& text() const noexcept { return text_; }
+  // The text, taken out (the JSONText is left empty).
+  std::string takeText() && noexcept { return std::move(text_); }
+  // The kind of the root value.
+  JSON::Kind kind() const noexcept { return kind_; }
+  // How deep arrays and objects nest in the text ([[1]] is 2), members that a repeated key
+  // replaced included (as the reader's depth limit counts them).
+  int depth() const noexcept { return depth_; }
+
+ private:
+  JSONText(std::string text, JSON::Kind kind, int depth)
+      : text_(std::move(text)), kind_(kind), depth_(depth) {}
+  std::string text_;
+  JSON::Kind kind_;
+  int depth_;
+};
+
 // Where a key-path lookup that found a value it could not decode is reported. JSON knows no log:
 // the library's logging installs the reporter; until then such failures are silent.
 using KeyPathFailureReporter = void (*)(std::string_view message, std::string_view function,

@@ -122,6 +122,68 @@ TEST(JSONText, MalformedTextOutOfRangeNumbersAndDeepNestingAreRejected) {
   EXPECT_NE(std::string(nesting->what()).find("Nesting"), std::string::npos) << nesting->what();
 }
 
+// JSONText::parse writes, without building the value, what parsing and writing it gives: the same
+// bytes for the same text (unsorted and repeated keys, escapes, every number form, whitespace), and
+// the same error for text that parsing refuses.
+TEST(JSONText, CanonicalTextIsTheTextOfTheParsedValue) {
+  std::mt19937 random(20261125);
+  auto pick = [&](std::initializer_list<std::string_view> options) {
+    return std::string(options.begin()[random() % options.size()]);
+  };
+  const auto space = [&] { return pick({"", "", " ", "\n\t "}); };
+  std::function<std::string(int)> value = [&](int depth) -> std::string {
+    switch (depth > 3 ? random() % 4 : random() % 6) {
+      case 0:
+        return pick({"0", "-0", "1.50", "-12.000", "1e3", "1E-2", "0.000001", "2.5e+10",
+                     "123456789012345678901234567890.5", "-9223372036854775809"});
+      case 1:
+        return pick({R"("")", R"("plain")", R"("tab\tnew\nline")", R"("quote\"back\\")",
+                     R"("\u00e9t\u00E9")", R"("\ud83d\ude00")", R"("\u0001\u001f")",
+                     "\"caf\xC3\xA9\"", R"("\/slash")"});
+      case 2:
+        return pick({"true", "false", "null"});
+      case 3:
+        return pick({"{}", "[]"});
+      case 4: {
+        std::string text = "[" + space();
+        const int count = static_cast<int>(random() % 4);
+        for (int i = 0; i < count; ++i)
+          text += (i ? "," : "") + space() + value(depth + 1) + space();
+        return text + "]";
+      }
+      default: {
+        std::string text = "{" + space();
+        const int count = static_cast<int>(random() % 6);
+        for (int i = 0; i < count; ++i) {
+          const std::string key = pick({R"("b")", R"("a")", R"("a")", R"("k\"q")", R"("\u00e9")",
+                                        R"("Z")", R"("")", R"("a ")", R"("ab")"});
+          text += (i ? "," : "") + space() + key + space() + ":" + space() + value(depth + 1);
+        }
+        return text + space() + "}";
+      }
+    }
+  };
+  for (int round = 0; round < 3000; ++round) {
+    const std::string text = space() + value(0) + space();
+    const JSON parsed = JSON::parse(text);
+    const JSONText canonical = JSONText::parse(text);
+    ASSERT_EQ(canonical.text(), parsed.toString()) << text;
+    ASSERT_EQ(canonical.kind(), parsed.kind()) << text;
+    ASSERT_FALSE(parsed.nestedDeeperThan(canonical.depth())) << text;
+  }
+  for (std::string_view bad :
+       {std::string_view(R"({"a" 1})"), std::string_view("[1] x"), std::string_view("\"\xC3\x28\""),
+        std::string_view("[1] \0x", 6), std::string_view(R"([1e400])"),
+        std::string_view(R"({"\udc00":1})"), std::string_view(R"(["\ude00"])"),
+        std::string_view("[[[[1]]]]"), std::string_view("")}) {
+    auto expected = thrown<DecodingError>([&] { JSON::parse(bad, 3); });
+    auto error = thrown<DecodingError>([&] { JSONText::parse(bad, 3); });
+    ASSERT_TRUE(expected && error) << bad;
+    EXPECT_STREQ(error->what(), expected->what());
+    EXPECT_EQ(error->offset(), expected->offset());
+  }
+}
+
 TEST(JSONText, WritesValidTextForAnyBytes) {
   EXPECT_EQ(JSON(JSON::Map{{"a", JSON(true)}}).toString(), R"({"a":true})");
   EXPECT_EQ(JSON("quote \" backslash \\ newline \n tab \t nul " + std::string(1, '\0')).toString(),
