@@ -104,7 +104,8 @@ std::string repairUTF8(std::string_view text) {
 
 // Whether `text` is ASCII without a byte that JSON text escapes (below 0x20, '"', '\\'): then
 // its JSON form is the text between quotes. Eight bytes at a time, as keys and most values are.
-bool isPlainText(std::string_view text) noexcept {
+// Inlined into each writer: a call per key and string costs more than the check itself.
+[[gnu::always_inline]] inline bool isPlainText(std::string_view text) noexcept {
   constexpr std::uint64_t ones = 0x0101010101010101ull;
   constexpr std::uint64_t highs = 0x8080808080808080ull;
   // High bits of `w` where a byte is not plain. A byte below n (n <= 128) is found exactly for

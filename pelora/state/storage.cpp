@@ -434,15 +434,20 @@ struct GroupCommit {
         lock.lock();
       }
       const std::uint64_t target = written;
-      const auto started = std::chrono::steady_clock::now();
+      // A lone writer's syncs are not timed: only a group's wait needs the figure.
+      const bool timed = lastGroup > 1 || target - already > 1;
+      const auto started = timed ? std::chrono::steady_clock::now()
+                                 : std::chrono::steady_clock::time_point();
       const std::shared_ptr<const BatchFile> file = latest;
       lock.unlock();
       const bool ok = file && ::fdatasync(file->fd) == 0;
       const int error = errno;
       lock.lock();
       syncing = false;
-      lastSync = std::chrono::duration_cast<std::chrono::microseconds>(
-          std::chrono::steady_clock::now() - started);
+      if (timed) {
+        lastSync = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::steady_clock::now() - started);
+      }
       lastGroup = target - std::min(target, synced.load(std::memory_order_relaxed));
       // A failed sync cannot be undone for events of other writers; they stay written.
       if (!ok) {
