@@ -436,8 +436,8 @@ struct GroupCommit {
       const std::uint64_t target = written;
       // A lone writer's syncs are not timed: only a group's wait needs the figure.
       const bool timed = lastGroup > 1 || target - already > 1;
-      const auto started = timed ? std::chrono::steady_clock::now()
-                                 : std::chrono::steady_clock::time_point();
+      const auto started =
+          timed ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
       const std::shared_ptr<const BatchFile> file = latest;
       lock.unlock();
       const bool ok = file && ::fdatasync(file->fd) == 0;
