@@ -93,24 +93,6 @@ std::string text(const char* value, const char* what) {
   return std::string(view);
 }
 
-const char* kindName(JSON::Kind kind) {
-  switch (kind) {
-    case JSON::Kind::boolean:
-      return "a boolean";
-    case JSON::Kind::number:
-      return "a number";
-    case JSON::Kind::string:
-      return "a string";
-    case JSON::Kind::array:
-      return "an array";
-    case JSON::Kind::object:
-      return "an object";
-    case JSON::Kind::null:
-      return "null";
-  }
-  return "a value";
-}
-
 // Reads JSON text with `read` (JSON::parse or JSONText::parse, at the event's depth limit) and
 // checks the kind of its root: numbers keep their exact digits.
 template <class Read>
@@ -121,9 +103,9 @@ auto readJSON(const char* value, const char* what, JSON::Kind expected, Read&& r
   try {
     auto result = read(std::string_view(value), pelora::maxEventValueDepth);
     if (result.kind() != expected) {
-      throw Refused(PELORA_ERROR_INVALID_JSON, std::string(what) + " must be " +
-                                                   kindName(expected) + ", not " +
-                                                   kindName(result.kind()));
+      throw Refused(PELORA_ERROR_INVALID_JSON,
+                    std::string(what) + " must be " + std::string(pelora::kindName(expected)) +
+                        ", not " + std::string(pelora::kindName(result.kind())));
     }
     return result;
   } catch (const pelora::DecodingError& error) {

@@ -272,7 +272,7 @@ void PeloraAnalytics::trackBash(const std::string& name,
 
 void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
   if (!accepting("trackBash")) return;
-  std::optional<TrackEvent> event(std::in_place, name, std::nullopt);
+  TrackEvent event(name, std::nullopt);
   if (properties.kind() != JSON::Kind::object) {
     platform::printLine(JSONError::nonJSONType("properties that are not a JSON object").what());
   } else if (properties.depth() > maxEventValueDepth) {
@@ -281,11 +281,11 @@ void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
                             .what());
   } else if (!pluginsReadEventValues()) {
     // The text is already as the batch holds it: no value is built at all.
-    event->propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
+    event.propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
   } else {
-    event->properties = JSON::parse(properties.text());
+    event.properties = JSON::parse(properties.text());
   }
-  process(std::move(*event));
+  process(std::move(event));
 }
 
 void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {

@@ -419,10 +419,14 @@ void appendText(std::string& out, bool pretty, EncodeFunction encodeValue, const
   out.append(buffer.GetString(), buffer.GetSize());
 }
 
-void throwTypeMismatch(std::string_view expected, const JSON& found) {
+std::string_view kindName(JSON::Kind kind) noexcept {
   static constexpr std::string_view names[] = {"a bool",   "a number",  "a string",
                                                "an array", "an object", "null"};
-  throw DecodingError::typeMismatch(expected, names[static_cast<int>(found.kind())]);
+  return names[static_cast<int>(kind)];
+}
+
+void throwTypeMismatch(std::string_view expected, const JSON& found) {
+  throw DecodingError::typeMismatch(expected, kindName(found.kind()));
 }
 
 JSON JSON::parse(std::string_view text) {

@@ -222,6 +222,8 @@ using EncodeFunction = void (*)(Encoder&, const void*);
 PELORA_API void appendText(std::string& out, bool pretty, EncodeFunction encode, const void* value,
                            int maxDepth);
 [[noreturn]] PELORA_API void throwTypeMismatch(std::string_view expected, const JSON& found);
+// How messages name a kind of value ("a bool", "an array", "null").
+PELORA_API std::string_view kindName(JSON::Kind kind) noexcept;
 
 // Compact JSON text of any encodable value, or "" when it cannot be encoded.
 template <class T>
