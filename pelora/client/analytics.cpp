@@ -255,9 +255,9 @@ void PeloraAnalytics::trackBash(const std::string& name,
   if (!accepting("trackBash")) return;
   if (properties && !pluginsReadEventValues()) {
     // Nobody looks at the properties before they are written: skip building them as JSON.
-    TrackEvent event(name, std::nullopt);
+    std::optional<TrackEvent> event(std::in_place, name, std::nullopt);
     try {
-      event.propertiesText =
+      event->propertiesText =
           std::make_shared<const std::string>(hostDictionaryText(*properties, maxEventValueDepth));
     } catch (const JSONError& error) {
       platform::printLine(error.what());  // left out, as when building them fails
@@ -267,12 +267,12 @@ void PeloraAnalytics::trackBash(const std::string& name,
   }
   std::optional<JSON> converted;
   if (properties) converted = convertOrReport(*properties);
-  process(TrackEvent(name, std::move(converted)));
+  process(std::optional<TrackEvent>(std::in_place, name, std::move(converted)));
 }
 
 void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
   if (!accepting("trackBash")) return;
-  TrackEvent event(name, std::nullopt);
+  std::optional<TrackEvent> event(std::in_place, name, std::nullopt);
   if (properties.kind() != JSON::Kind::object) {
     platform::printLine(JSONError::nonJSONType("properties that are not a JSON object").what());
   } else if (properties.depth() > maxEventValueDepth) {
@@ -281,16 +281,16 @@ void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
                             .what());
   } else if (!pluginsReadEventValues()) {
     // The text is already as the batch holds it: no value is built at all.
-    event.propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
+    event->propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
   } else {
-    event.properties = JSON::parse(properties.text());
+    event->properties = JSON::parse(properties.text());
   }
   process(std::move(event));
 }
 
 void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON> properties) {
   if (!accepting("trackBash")) return;
-  process(TrackEvent(name, reportIfTooDeep(std::move(properties))));
+  process(std::optional<TrackEvent>(std::in_place, name, reportIfTooDeep(std::move(properties))));
 }
 
 void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string& eventName,
@@ -317,15 +317,15 @@ void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string
         profiles->push_back(std::move(*converted));
     }
   }
-  process(MonitorEvent(identity.value_or(JSON()), eventName, dataJSON.value_or(JSON()),
-                       std::move(profiles)));
+  process(std::optional<MonitorEvent>(std::in_place, identity.value_or(JSON()), eventName,
+                                      dataJSON.value_or(JSON()), std::move(profiles)));
 }
 
 void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
   if (!accepting("trackEvent")) return;
   try {
     if (!reportIfTooDeep(value)) return;
-    process(decodeValue<MonitorEvent>(value));
+    process(std::optional(decodeValue<MonitorEvent>(value)));
   } catch (const std::exception& error) {
     platform::printLine(error.what());
   }
@@ -344,9 +344,9 @@ void PeloraAnalytics::completeEvent(RawEvent& event) const {
 }
 
 template <class E>
-void PeloraAnalytics::process(E&& event) {
-  completeEvent(event);
-  timeline_->deliver(std::optional<E>(std::move(event)));
+void PeloraAnalytics::process(std::optional<E>&& event) {
+  completeEvent(*event);
+  timeline_->deliver(std::move(event));
 }
 
 // ---- Plugins ------------------------------------------------------------------------------------

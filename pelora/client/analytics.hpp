@@ -150,8 +150,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
                   std::optional<LaunchOptions> launchOptions);
   void start();
   void checkSettings();
+  // Completes the event (which it holds) and runs the timeline on it in place.
   template <class E>
-  void process(E&& event);  // takes the event (an rvalue)
+  void process(std::optional<E>&& event);
   void completeEvent(RawEvent& event) const;
   std::optional<JSON> traitsJSON() const;
   void trackBashJSON(const std::string& name, std::optional<JSON> properties);

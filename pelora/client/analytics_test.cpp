@@ -68,6 +68,16 @@ class AnalyticsTest : public ::testing::Test {
     if (addCollector) client->add(collector);
     return client;
   }
+  // Whether a batch file under the client's documents holds `expected`.
+  bool batchHas(const std::string& expected) const {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path() / "docs")) {
+      if (!entry.is_regular_file()) continue;
+      std::ifstream in(entry.path());
+      const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+      if (text.find(expected) != std::string::npos) return true;
+    }
+    return false;
+  }
   test::TempDirectory dir;
   test::TestHttpsServer server;
   bool autoAdd = true;
@@ -165,15 +175,6 @@ TEST_F(AnalyticsTest, WithOnlyBuiltInPluginsPropertiesGoStraightToText) {
   // JSON text goes in as it reads (numbers exact, keys in order); other kinds are left out.
   client->trackBash("Text", JSONText::parse(R"({"b": 1.50, "a": [true, "x"], "b": 2.0})"));
   client->trackBash("Not an object", JSONText::parse("[1]"));
-  auto batchHas = [&](const std::string& expected) {
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path() / "docs")) {
-      if (!entry.is_regular_file()) continue;
-      std::ifstream in(entry.path());
-      const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-      if (text.find(expected) != std::string::npos) return true;
-    }
-    return false;
-  };
   EXPECT_TRUE(batchHas("\"event\":\"Mixed\",\"properties\":" + JSON(mixed).toString() + "}"));
   EXPECT_TRUE(batchHas(R"("event":"Text","properties":{"a":[true,"x"],"b":2}})"));
   EXPECT_TRUE(batchHas(R"("event":"Not an object"})"));
@@ -213,6 +214,51 @@ TEST_F(AnalyticsTest, APluginAddedInsideADestinationSeesTheNextEventsValues) {
   destination->remove(reader);
   client->trackBash("Unread again", Dictionary{{"n", 3}});
   EXPECT_EQ(reader->seen.size(), 1u);
+}
+
+// The upload destination runs on the event where it lies: its own plugins still change and drop
+// what it stores and see what it stored, and an event that turns it off is not stored.
+TEST_F(AnalyticsTest, TheUploadDestinationsOwnPluginsShapeWhatItStores) {
+  addCollector = false;
+  auto client = makeClient();
+  struct Renamer : EventPlugin {
+    PluginType type() const override { return PluginType::before; }
+    std::optional<TrackEvent> track(TrackEvent event) override {
+      if (event.event == "Dropped") return std::nullopt;
+      event.event += " renamed";
+      return event;
+    }
+  };
+  struct Watcher : EventPlugin {
+    explicit Watcher(PluginType stage) : stage(stage) {}
+    PluginType type() const override { return stage; }
+    std::optional<TrackEvent> track(TrackEvent event) override {
+      if (event.event == "Switched off") {
+        event.integrations = JSON(JSON::Map{{"Pelora.io", JSON(false)}});
+      }
+      seen.push_back(event.event);
+      return event;
+    }
+    PluginType stage;
+    std::vector<std::string> seen;
+  };
+  auto destination = client->find<PeloraDestination>();
+  ASSERT_TRUE(destination);
+  auto switcher = std::make_shared<Watcher>(PluginType::before);
+  client->add(switcher);
+  destination->add(std::make_shared<Renamer>());
+  auto after = std::make_shared<Watcher>(PluginType::after);
+  destination->add(after);
+
+  client->trackBash("Kept", Dictionary{{"n", 1}});
+  client->trackBash("Dropped", Dictionary{{"n", 2}});
+  client->trackBash("Switched off", Dictionary{{"n", 3}});
+  EXPECT_TRUE(batchHas(R"("event":"Kept renamed","properties":{"n":1}})"));
+  EXPECT_FALSE(batchHas("Dropped"));
+  EXPECT_FALSE(batchHas("Switched off"));
+  EXPECT_EQ(after->seen, std::vector<std::string>{"Kept renamed"});
+  EXPECT_EQ(switcher->seen, (std::vector<std::string>{"Kept", "Dropped", "Switched off"}));
+  EXPECT_EQ(destination->eventCount(), 1);
 }
 
 TEST_F(AnalyticsTest, MonitorEventsCarryDeviceIdsAndPlatform) {

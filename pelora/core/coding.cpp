@@ -135,25 +135,40 @@ std::string repairUTF8(std::string_view text) {
   return (found | unplain(word)) == 0;
 }
 
-// RapidJSON's compact writer, with one shortcut: plain text (isPlainText) is copied into the
-// buffer at once instead of byte by byte through the escape table. Same bytes either way.
+// RapidJSON's compact writer, with one shortcut: a key or value whose JSON text is known without
+// escaping (plain text, numbers, literals) goes into the buffer in one reservation and one copy,
+// separator included, instead of byte by byte. Same bytes and the same misuse checks either way.
 class CompactWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
  public:
   using Writer::Writer;
 
   // A key or string value whose text is plain.
-  void PlainString(std::string_view text) {
-    Prefix(rapidjson::kStringType);
-    char* out = os_->Push(text.size() + 2);
-    out[0] = '"';
-    std::memcpy(out + 1, text.data(), text.size());
-    out[text.size() + 1] = '"';
-    EndValue(true);
-  }
-  // A whole value given as JSON text, copied at once.
-  void RawText(std::string_view text) {
-    Prefix(rapidjson::kObjectType);
-    std::memcpy(os_->Push(text.size()), text.data(), text.size());
+  void PlainString(std::string_view text) { Piece(text, true, rapidjson::kStringType); }
+  // A whole value given as JSON text.
+  void RawText(std::string_view text) { Piece(text, false, rapidjson::kObjectType); }
+  // A number, true, false or null given as its JSON text.
+  void Literal(std::string_view text, rapidjson::Type type) { Piece(text, false, type); }
+
+ private:
+  // What Prefix() and the value's own writer do, fused.
+  void Piece(std::string_view text, bool quoted, rapidjson::Type type) {
+    char separator = 0;
+    if (RAPIDJSON_LIKELY(level_stack_.GetSize() != 0)) {
+      Level* level = level_stack_.template Top<Level>();
+      const bool name = !level->inArray && level->valueCount % 2 == 0;
+      if (name) RAPIDJSON_ASSERT(type == rapidjson::kStringType);
+      if (level->valueCount > 0) separator = level->inArray || name ? ',' : ':';
+      ++level->valueCount;
+    } else {
+      RAPIDJSON_ASSERT(!hasRoot_);
+      hasRoot_ = true;
+    }
+    const std::size_t quotes = quoted ? 2 : 0;
+    char* out = os_->Push(text.size() + quotes + (separator != 0 ? 1 : 0));
+    if (separator != 0) *out++ = separator;
+    if (quoted) *out++ = '"';
+    std::memcpy(out, text.data(), text.size());
+    if (quoted) out[text.size()] = '"';
     EndValue(true);
   }
 };
@@ -162,14 +177,28 @@ class TextEncoder final : public Encoder {
  public:
   TextEncoder() : writer_(buffer_) {}
 
-  void writeNull() override { writer_.Null(); }
-  void writeBool(bool value) override { writer_.Bool(value); }
+  void writeNull() override { writer_.Literal("null", rapidjson::kNullType); }
+  void writeBool(bool value) override {
+    if (value) {
+      writer_.Literal("true", rapidjson::kTrueType);
+    } else {
+      writer_.Literal("false", rapidjson::kFalseType);
+    }
+  }
   void writeDecimal(const Decimal& value) override {
     char text[Decimal::maxTextLength];
-    writer_.RawValue(text, value.write(text), rapidjson::kNumberType);
+    writer_.Literal({text, value.write(text)}, rapidjson::kNumberType);
   }
-  void writeInt(std::int64_t value) override { writer_.Int64(value); }
-  void writeUInt(std::uint64_t value) override { writer_.Uint64(value); }
+  void writeInt(std::int64_t value) override {
+    char text[21];
+    const char* end = rapidjson::internal::i64toa(value, text);
+    writer_.Literal({text, static_cast<std::size_t>(end - text)}, rapidjson::kNumberType);
+  }
+  void writeUInt(std::uint64_t value) override {
+    char text[21];
+    const char* end = rapidjson::internal::u64toa(value, text);
+    writer_.Literal({text, static_cast<std::size_t>(end - text)}, rapidjson::kNumberType);
+  }
   void writeDouble(double value) override {
     if (auto decimal = Decimal::fromDouble(value)) {
       writeDecimal(*decimal);
@@ -181,11 +210,8 @@ class TextEncoder final : public Encoder {
   void writeString(std::string_view value) override {
     if (isPlainText(value)) {
       writer_.PlainString(value);
-    } else if (isValidUTF8(value)) {
-      writer_.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
     } else {
-      std::string repaired = repairUTF8(value);
-      writer_.String(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
+      writeEscaped(value);
     }
   }
   void beginObject() override {
@@ -195,11 +221,8 @@ class TextEncoder final : public Encoder {
   void writeKey(std::string_view key) override {
     if (isPlainText(key)) {
       writer_.PlainString(key);
-    } else if (isValidUTF8(key)) {
-      writer_.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
     } else {
-      std::string repaired = repairUTF8(key);
-      writer_.Key(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
+      writeEscaped(key);
     }
   }
   void endObject() override {
@@ -236,6 +259,16 @@ class TextEncoder final : public Encoder {
   }
 
  private:
+  // A key or string value that needs escapes or repair. Out of line: it keeps the common case
+  // of the two callers small.
+  [[gnu::noinline]] void writeEscaped(std::string_view text) {
+    if (isValidUTF8(text)) {
+      writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    } else {
+      std::string repaired = repairUTF8(text);
+      writer_.String(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
+    }
+  }
   // Throws rather than marking a failure: a value too deep for any reader may also be too deep
   // for the stack, so the encode functions above must stop recursing at once.
   void enter() {

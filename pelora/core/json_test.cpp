@@ -238,6 +238,97 @@ TEST(JSONText, ShortcutForPlainTextWritesWhatRapidJSONWrites) {
   }
 }
 
+// Keys, strings, numbers and literals skip RapidJSON's writer for one copy each, separators
+// included: on generated token streams the bytes must be its writer's, and misuse must still be
+// refused as its checks refuse it.
+struct TokenScript {
+  std::vector<std::function<void(Encoder&)>> ours;
+  std::vector<std::function<void(rapidjson::Writer<rapidjson::StringBuffer>&)>> theirs;
+};
+void encode(Encoder& encoder, const TokenScript& script) {
+  for (const auto& step : script.ours) step(encoder);
+}
+
+TEST(JSONText, OneCopyValuesWriteWhatRapidJSONWritesAndMisuseIsRefused) {
+  using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+  std::mt19937_64 random(20261124);
+  const std::vector<std::string> strings = {"", "k", "plain key", "quote\"", "tab\t", "\xC3\xA9"};
+  for (int round = 0; round < 500; ++round) {
+    TokenScript script;
+    auto add = [&](auto ours, auto theirs) {
+      script.ours.push_back(ours);
+      script.theirs.push_back(theirs);
+    };
+    // A value of any kind; containers hold up to four of them.
+    std::function<void(int)> value = [&](int depth) {
+      const std::int64_t i = static_cast<std::int64_t>(random());
+      const std::uint64_t u = random();
+      switch (random() % (depth > 3 ? 7 : 9)) {
+        case 0:
+          return add([](Encoder& e) { e.writeNull(); }, [](Writer& w) { w.Null(); });
+        case 1:
+          return add([](Encoder& e) { e.writeBool(true); }, [](Writer& w) { w.Bool(true); });
+        case 2:
+          return add([](Encoder& e) { e.writeBool(false); }, [](Writer& w) { w.Bool(false); });
+        case 3: {
+          const std::int64_t v =
+              random() % 5 == 0 ? std::numeric_limits<std::int64_t>::min() : i >> (random() % 64);
+          return add([v](Encoder& e) { e.writeInt(v); }, [v](Writer& w) { w.Int64(v); });
+        }
+        case 4: {
+          const std::uint64_t v = u >> (random() % 64);
+          return add([v](Encoder& e) { e.writeUInt(v); }, [v](Writer& w) { w.Uint64(v); });
+        }
+        case 5: {
+          const std::string text = std::to_string(i % 100000) + ".25";
+          return add(
+              [text](Encoder& e) { e.writeDecimal(Decimal::parse(text).value()); },
+              [text](Writer& w) { w.RawValue(text.data(), text.size(), rapidjson::kNumberType); });
+        }
+        case 6: {
+          const std::string text = strings[random() % strings.size()];
+          return add([text](Encoder& e) { e.writeString(text); },
+                     [text](Writer& w) { w.String(text.data(), text.size()); });
+        }
+        case 7: {
+          add([](Encoder& e) { e.beginArray(); }, [](Writer& w) { w.StartArray(); });
+          for (int n = static_cast<int>(random() % 5); n > 0; --n) value(depth + 1);
+          return add([](Encoder& e) { e.endArray(); }, [](Writer& w) { w.EndArray(); });
+        }
+        default: {
+          add([](Encoder& e) { e.beginObject(); }, [](Writer& w) { w.StartObject(); });
+          for (int n = static_cast<int>(random() % 5); n > 0; --n) {
+            const std::string key = strings[random() % strings.size()];
+            add([key](Encoder& e) { e.writeKey(key); },
+                [key](Writer& w) { w.Key(key.data(), key.size()); });
+            value(depth + 1);
+          }
+          return add([](Encoder& e) { e.endObject(); }, [](Writer& w) { w.EndObject(); });
+        }
+      }
+    };
+    value(0);
+    rapidjson::StringBuffer buffer;
+    Writer writer(buffer);
+    for (const auto& step : script.theirs) step(writer);
+    ASSERT_EQ(toString(script), buffer.GetString()) << "round " << round;
+  }
+
+  // A value where a key belongs, and a second value after the first, are refused.
+  TokenScript numberAsKey;
+  numberAsKey.ours = {[](Encoder& e) { e.beginObject(); }, [](Encoder& e) { e.writeInt(1); },
+                      [](Encoder& e) { e.writeInt(2); }, [](Encoder& e) { e.endObject(); }};
+  std::string out;
+  EXPECT_THROW(appendJSONText(out, numberAsKey), JSONError);
+  TokenScript literalAsKey;
+  literalAsKey.ours = {[](Encoder& e) { e.beginObject(); }, [](Encoder& e) { e.writeBool(true); },
+                       [](Encoder& e) { e.writeNull(); }, [](Encoder& e) { e.endObject(); }};
+  EXPECT_THROW(appendJSONText(out, literalAsKey), JSONError);
+  TokenScript twoRoots;
+  twoRoots.ours = {[](Encoder& e) { e.writeString("a"); }, [](Encoder& e) { e.writeUInt(7); }};
+  EXPECT_THROW(appendJSONText(out, twoRoots), JSONError);
+}
+
 // A host dictionary written straight to text gives the bytes of building it as JSON first, and
 // fails where that fails, with the same error: checked on generated dictionaries of every kind.
 TEST(JSONText, HostDictionaryTextIsTheTextOfItsJSON) {

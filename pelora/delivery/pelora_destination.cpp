@@ -98,17 +98,30 @@ void PeloraDestination::update(const Settings& settings, UpdateType /*type*/) {
 }
 
 std::optional<TrackEvent> PeloraDestination::track(TrackEvent event) {
+  store(event);
+  return event;
+}
+
+void PeloraDestination::executeInPlace(std::optional<TrackEvent>& event) {
+  if (!runStagesBeforeTrack(event)) {
+    event.reset();
+    return;
+  }
+  store(*event);
+  runStagesAfterTrack(event);
+}
+
+void PeloraDestination::store(const TrackEvent& event) {
   auto client = analytics();
   std::shared_ptr<Storage> storage;
   {
     std::lock_guard lock(mutex_);
     storage = storage_;
   }
-  if (!storage || !client) return event;
+  if (!storage || !client) return;
   storage->write(Storage::Constants::events, event);
   const std::int64_t count = eventCount_.fetch_add(1, std::memory_order_relaxed) + 1;
   if (count >= client->configuration()->values.flushAt) flush();
-  return event;
 }
 
 void PeloraDestination::flush() {

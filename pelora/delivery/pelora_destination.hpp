@@ -25,9 +25,10 @@ namespace pelora {
 
 class HTTPClient;
 
-class PELORA_API PeloraDestination : public DestinationPlugin,
-                                     public VersionedPlugin,
-                                     public std::enable_shared_from_this<PeloraDestination> {
+// Final: the timeline runs it on events in place (executeInPlace), around track().
+class PELORA_API PeloraDestination final : public DestinationPlugin,
+                                           public VersionedPlugin,
+                                           public std::enable_shared_from_this<PeloraDestination> {
  public:
   // One started upload: the batch file, its task, and what to run when the entry is dropped.
   struct UploadTaskInfo {
@@ -54,6 +55,9 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   void update(const Settings& settings, UpdateType type) override;
   // Appends the event to the current batch file; flushes here once flushAt events are stored.
   std::optional<TrackEvent> track(TrackEvent event) override;
+  // execute() without moving the event: it is only read.
+  void executeInPlace(std::optional<TrackEvent>& event) override;
+  using DestinationPlugin::executeInPlace;
   // Finishes the current batch file and uploads every finished file, unless uploads are running.
   void flush() override;
   // Stops the flush timer and lets the HTTP client go (uploads in flight still finish).
@@ -70,6 +74,8 @@ class PELORA_API PeloraDestination : public DestinationPlugin,
   std::shared_ptr<HTTPClient> httpClient() const;
 
  private:
+  // What track() does: appends `event`, flushes once flushAt events are stored.
+  void store(const TrackEvent& event);
   // Only on uploadsQueue_.
   void cleanupUploads();
   void cleanupOnUploadsQueue();

@@ -110,8 +110,15 @@ class PELORA_API DestinationPlugin : public EventPlugin {
   // Enabled when the event's integrations do not say false under key() and the client's settings
   // have an entry for key().
   bool isDestinationEnabled(const RawEvent& event) const;
+  // What execute() does before track(), on `event` in place, for a destination that overrides
+  // executeInPlace: false when nothing is left to track (not enabled, or dropped by a plugin).
+  bool runStagesBeforeTrack(std::optional<TrackEvent>& event) const;
+  // What execute() does with track()'s result: its own after stage.
+  void runStagesAfterTrack(std::optional<TrackEvent>& result) const;
 
  private:
+  template <class E>
+  bool enter(std::optional<E>& event) const;
   template <class E>
   std::optional<E> process(std::optional<E>& event);
   std::shared_ptr<Timeline> timeline_;

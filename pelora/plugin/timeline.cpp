@@ -67,17 +67,30 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
 }
 
 template <class E>
-std::optional<E> DestinationPlugin::process(std::optional<E>& event) {
-  if (!event || !isDestinationEnabled(*event)) return std::nullopt;
+bool DestinationPlugin::enter(std::optional<E>& event) const {
+  if (!event || !isDestinationEnabled(*event)) return false;
   timeline_->runStage(PluginType::before, event);
   timeline_->runStage(PluginType::enrichment, event);
+  return event.has_value();
+}
+
+bool DestinationPlugin::runStagesBeforeTrack(std::optional<TrackEvent>& event) const {
+  return enter(event);
+}
+
+void DestinationPlugin::runStagesAfterTrack(std::optional<TrackEvent>& result) const {
+  timeline_->runStage(PluginType::after, result);
+}
+
+template <class E>
+std::optional<E> DestinationPlugin::process(std::optional<E>& event) {
   // Built where it is returned: one move of the event fewer than assigning track()'s result.
   std::optional<E> result = [&]() -> std::optional<E> {
-    if constexpr (std::is_same_v<E, TrackEvent>) {
-      if (event) return track(std::move(*event));
-    }
+    if (!enter(event)) return std::nullopt;
+    if constexpr (std::is_same_v<E, TrackEvent>) return track(std::move(*event));
     return std::nullopt;
   }();
+  if (!result) return result;  // the after stage has nothing to run on
   timeline_->runStage(PluginType::after, result);
   return result;
 }

@@ -61,11 +61,11 @@ class PELORA_API Mediator {
   PluginSnapshot plugins() const;
   // Whether the stage has no plugin, without taking a snapshot (events pass empty stages often).
   bool empty() const noexcept { return empty_.load(std::memory_order_acquire); }
-  // When every plugin is a destination, hands each a copy of `event` and returns true; otherwise
-  // does nothing and returns false. With `lastTakesIt`, the last destination gets `event` itself
-  // (moved; nobody after it needs it) instead of a copy.
+  // When every plugin is a destination, hands each a copy of `event` (which holds one) and
+  // returns true; otherwise does nothing and returns false. With `lastTakesIt`, the last
+  // destination runs on `event` itself (nobody after it needs it), which leaves it unspecified.
   template <class E>
-  bool runOnCopies(E& event, bool lastTakesIt = false) const;
+  bool runOnCopies(std::optional<E>& event, bool lastTakesIt = false) const;
 
   // Each plugin gets the previous one's result; destinations only get copies and cannot change or
   // drop the event for the others. Nothing reaches the rest once a plugin drops the event.
@@ -129,7 +129,7 @@ class PELORA_API Timeline {
       // Destinations get copies of their own; only another kind of plugin in that stage could
       // change the stage's event, so only then does the stage need a copy of it.
       auto destinations = plugins_.find(PluginType::destination);
-      if (destinations != plugins_.end() && !destinations->second->runOnCopies(*event)) {
+      if (destinations != plugins_.end() && !destinations->second->runOnCopies(event)) {
         auto copy = event;
         destinations->second->run(copy);
       }
@@ -137,17 +137,17 @@ class PELORA_API Timeline {
     runStage(PluginType::after, event);
     return event;
   }
-  // process() for a caller that has no use for the result: when no after-stage plugin needs the
-  // event either, the last destination takes it instead of a copy.
+  // process() for a caller that has no use for the result, on `event` in place (left
+  // unspecified): when no after-stage plugin needs the event either, the last destination runs
+  // on it instead of a copy.
   template <class E>
-  void deliver(std::optional<E> event) const {
+  void deliver(std::optional<E>&& event) const {
     runStage(PluginType::before, event);
     if (!event) return;
     auto after = plugins_.find(PluginType::after);
     const bool nothingAfter = after == plugins_.end() || after->second->empty();
     auto destinations = plugins_.find(PluginType::destination);
-    if (destinations != plugins_.end() &&
-        !destinations->second->runOnCopies(*event, nothingAfter)) {
+    if (destinations != plugins_.end() && !destinations->second->runOnCopies(event, nothingAfter)) {
       auto copy = event;
       destinations->second->run(copy);
     } else if (nothingAfter) {
@@ -191,13 +191,13 @@ void Mediator::run(std::optional<E>& event) const {
 }
 
 template <class E>
-bool Mediator::runOnCopies(E& event, bool lastTakesIt) const {
+bool Mediator::runOnCopies(std::optional<E>& event, bool lastTakesIt) const {
   const PluginSnapshot list = plugins();
   if (!list.allDestinations()) return false;
   std::size_t left = list.size();
   for (const auto& plugin : list) {
     if (--left == 0 && lastTakesIt) {
-      (void)plugin->execute(std::optional<E>(std::move(event)));
+      plugin->executeInPlace(event);
     } else {
       (void)plugin->execute(std::optional<E>(event));
     }
