@@ -332,11 +332,15 @@ void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
 }
 
 void PeloraAnalytics::completeEvent(RawEvent& event) const {
-  auto user = store_->snapshot<UserInfo>();
-  if (!user) return;
-  event.anonymousId = user->anonymousId;
+  bool known = false;
+  store_->read<UserInfo>([&](const UserInfo* user) {
+    if (user == nullptr) return;
+    known = true;
+    event.anonymousId = user->anonymousId;
+    event.userId = user->userId;
+  });
+  if (!known) return;
   event.messageId = platform::uuidString();
-  event.userId = user->userId;
   event.timestamp = platform::iso8601Now();
   static const JSON emptyObject{JSON::Map{}};  // copies share it
   event.integrations = emptyObject;

@@ -119,10 +119,20 @@ std::string repairUTF8(std::string_view text) {
   const std::size_t n = text.size();
   std::uint64_t word;
   if (n < 8) {
-    // Pad with a plain byte so that short text is one word too.
-    char padded[8] = {'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a'};
-    std::memcpy(padded, p, n);
-    std::memcpy(&word, padded, 8);
+    // Short text as one word, from loads that overlap rather than a copy of variable length
+    // (which costs a call); the rest of the word is a plain byte.
+    word = ones * 'a';
+    if (n >= 4) {
+      std::uint32_t low, high;
+      std::memcpy(&low, p, 4);
+      std::memcpy(&high, p + n - 4, 4);
+      word = low | static_cast<std::uint64_t>(high) << 32;
+    } else if (n > 0) {
+      const auto byte = [&](std::size_t i) {
+        return std::uint64_t{static_cast<unsigned char>(p[i])};
+      };
+      word = (word & ~0xFFFFFFull) | byte(0) | byte(n / 2) << 8 | byte(n - 1) << 16;
+    }
     return unplain(word) == 0;
   }
   std::uint64_t found = 0;
@@ -225,6 +235,7 @@ class TextEncoder final : public Encoder {
       writeEscaped(key);
     }
   }
+  void writePlainKey(PlainKey key) override { writer_.PlainString(key.text()); }
   void endObject() override {
     --depth_;
     writer_.EndObject();

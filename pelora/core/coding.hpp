@@ -59,6 +59,24 @@ class PELORA_API DecodingError : public std::runtime_error {
   std::optional<std::size_t> offset_;
 };
 
+// A key known when compiling to need no escaping in JSON text: ASCII without control characters,
+// quotes or backslashes (anything else does not compile). Writers copy it without looking at it.
+class PlainKey {
+ public:
+  consteval explicit PlainKey(const char* text) : text_(text) {
+    for (char c : text_) {
+      if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x80 ||
+          c == '"' || c == '\\') {
+        throw "PlainKey: this key needs escaping; write it with writeKey";
+      }
+    }
+  }
+  constexpr std::string_view text() const noexcept { return text_; }
+
+ private:
+  std::string_view text_;
+};
+
 // Writes one JSON value as a stream of tokens. Implementations: the text writer behind
 // toString(), and anything else a caller needs. Records call the templates below.
 class PELORA_API Encoder {
@@ -75,6 +93,8 @@ class PELORA_API Encoder {
   virtual void writeString(std::string_view value) = 0;
   virtual void beginObject() = 0;
   virtual void writeKey(std::string_view key) = 0;
+  // A key that needs no escaping; by default written as any other.
+  virtual void writePlainKey(PlainKey key) { writeKey(key.text()); }
   virtual void endObject() = 0;
   virtual void beginArray() = 0;
   virtual void endArray() = 0;
@@ -94,9 +114,18 @@ class PELORA_API Encoder {
     writeKey(key);
     value(v);
   }
+  template <class T>
+  void field(PlainKey key, const T& v) {
+    writePlainKey(key);
+    value(v);
+  }
   // A key and its value only when the optional holds one: absent keys are left out.
   template <class T>
   void fieldIfPresent(std::string_view key, const std::optional<T>& v) {
+    if (v) field(key, *v);
+  }
+  template <class T>
+  void fieldIfPresent(PlainKey key, const std::optional<T>& v) {
     if (v) field(key, *v);
   }
 };

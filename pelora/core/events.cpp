@@ -39,15 +39,15 @@ MonitorEvent MonitorEvent::existing(const MonitorEvent& other) {
 
 namespace {
 void encodeCommonFields(Encoder& encoder, const RawEvent& event) {
-  encoder.fieldIfPresent("type", event.type);
-  encoder.fieldIfPresent("anonymousId", event.anonymousId);
-  encoder.fieldIfPresent("messageId", event.messageId);
-  encoder.fieldIfPresent("userId", event.userId);
-  encoder.fieldIfPresent("timestamp", event.timestamp);
-  encoder.fieldIfPresent("context", event.context);
-  encoder.fieldIfPresent("integrations", event.integrations);
-  encoder.fieldIfPresent("metrics", event.metrics);
-  encoder.fieldIfPresent("_metadata", event._metadata);
+  encoder.fieldIfPresent(PlainKey("type"), event.type);
+  encoder.fieldIfPresent(PlainKey("anonymousId"), event.anonymousId);
+  encoder.fieldIfPresent(PlainKey("messageId"), event.messageId);
+  encoder.fieldIfPresent(PlainKey("userId"), event.userId);
+  encoder.fieldIfPresent(PlainKey("timestamp"), event.timestamp);
+  encoder.fieldIfPresent(PlainKey("context"), event.context);
+  encoder.fieldIfPresent(PlainKey("integrations"), event.integrations);
+  encoder.fieldIfPresent(PlainKey("metrics"), event.metrics);
+  encoder.fieldIfPresent(PlainKey("_metadata"), event._metadata);
 }
 
 void decodeCommonFields(const JSON& json, RawEvent& event) {
@@ -70,20 +70,20 @@ void encode(Encoder& encoder, const DestinationMetadata& metadata) {
     return;
   }
   encoder.beginObject();
-  encoder.field("bundled", metadata.bundled);
-  encoder.field("unbundled", metadata.unbundled);
-  encoder.field("bundledIds", metadata.bundledIds);
+  encoder.field(PlainKey("bundled"), metadata.bundled);
+  encoder.field(PlainKey("unbundled"), metadata.unbundled);
+  encoder.field(PlainKey("bundledIds"), metadata.bundledIds);
   encoder.endObject();
 }
 
 void encode(Encoder& encoder, const TrackEvent& event) {
   encoder.beginObject();
   encodeCommonFields(encoder, event);
-  encoder.field("event", event.event);
+  encoder.field(PlainKey("event"), event.event);
   if (event.properties) {
-    encoder.field("properties", *event.properties);
+    encoder.field(PlainKey("properties"), *event.properties);
   } else if (event.propertiesText) {
-    encoder.writeKey("properties");
+    encoder.writePlainKey(PlainKey("properties"));
     encoder.writeJSONText(*event.propertiesText);
   }
   encoder.endObject();
@@ -92,10 +92,10 @@ void encode(Encoder& encoder, const TrackEvent& event) {
 void encode(Encoder& encoder, const MonitorEvent& event) {
   encoder.beginObject();
   encodeCommonFields(encoder, event);
-  encoder.field("identityId", event.identityId);
-  encoder.field("eventName", event.eventName);
-  encoder.field("eventData", event.eventData);
-  encoder.fieldIfPresent("profile", event.profile);
+  encoder.field(PlainKey("identityId"), event.identityId);
+  encoder.field(PlainKey("eventName"), event.eventName);
+  encoder.field(PlainKey("eventData"), event.eventData);
+  encoder.fieldIfPresent(PlainKey("profile"), event.profile);
   encoder.endObject();
 }
 

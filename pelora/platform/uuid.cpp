@@ -53,12 +53,6 @@ bool takeFromPool(uuid_t uuid) {
   return true;
 }
 
-std::string unparseUpper(const uuid_t uuid) {
-  char text[UUID_STR_LEN];  // 36 characters and the terminator
-  uuid_unparse_upper(uuid, text);
-  return std::string(text, UUID_STR_LEN - 1);
-}
-
 // The machine id, or, where the system keeps none, a random one drawn once for this process.
 const std::string& machineId() {
   static const std::string id =
@@ -68,10 +62,24 @@ const std::string& machineId() {
 
 }  // namespace
 
+// What uuid_unparse_upper writes, straight into the string: one id per recorded event, and the
+// library's version goes through a format string.
+std::string detail::unparseUpper(const unsigned char (&uuid)[16]) {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  std::string text(36, '-');
+  char* out = text.data();
+  for (int i = 0; i < 16; ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) ++out;  // past a dash
+    *out++ = digits[uuid[i] >> 4];
+    *out++ = digits[uuid[i] & 0x0F];
+  }
+  return text;
+}
+
 std::string uuidString() {
   uuid_t uuid;
   if (!takeFromPool(uuid)) uuid_generate_random(uuid);
-  return unparseUpper(uuid);
+  return detail::unparseUpper(uuid);
 }
 
 std::string deviceIdentifier(std::string_view applicationId) {
@@ -99,7 +107,7 @@ std::string deviceIdentifier(std::string_view machineId, std::string_view applic
   name.append(machineId).append("\n").append(applicationId);
   uuid_t uuid;
   uuid_generate_sha1(uuid, deviceIdNamespace, name.data(), name.size());
-  return unparseUpper(uuid);
+  return detail::unparseUpper(uuid);
 }
 
 }  // namespace detail

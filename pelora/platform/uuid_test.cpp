@@ -6,7 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <uuid/uuid.h>
+
 #include <fstream>
+#include <random>
 #include <thread>
 #include <unordered_set>
 
@@ -72,6 +75,20 @@ TEST(Uuid, AForkedChildDoesNotRepeatItsParentsIds) {
   const std::string childId(buffer, sizeof buffer);
   EXPECT_TRUE(isRandomUuid(childId)) << childId;
   EXPECT_NE(childId, uuidString());
+}
+
+TEST(Uuid, TextIsWhatLibuuidWritesForEveryByte) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 600; ++round) {
+    uuid_t uuid;
+    // Every byte value at every position, then random ones.
+    for (int i = 0; i < 16; ++i) {
+      uuid[i] = static_cast<unsigned char>(round < 256 ? (round + i * 17) % 256 : random());
+    }
+    char expected[UUID_STR_LEN];
+    uuid_unparse_upper(uuid, expected);
+    ASSERT_EQ(detail::unparseUpper(uuid), expected) << round;
+  }
 }
 
 TEST(Uuid, DeviceIdentifierIsTheStableNameBasedUuidOfMachineAndApplication) {

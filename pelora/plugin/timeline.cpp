@@ -59,11 +59,15 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
   }
   const auto& client = analytics();
   if (!client) return false;
+  if (!allowedByEvent) return false;
   // Read in place: a copy of the settings per event would cost more than the rest of this.
-  const auto system = client->store()->snapshot<System>();
-  const bool allowedBySettings =
-      system && system->settings && system->settings->hasIntegrationSettings(key());
-  return allowedByEvent && allowedBySettings;
+  bool allowedBySettings = false;
+  const std::string name = key();
+  client->store()->read<System>([&](const System* system) {
+    allowedBySettings =
+        system && system->settings && system->settings->hasIntegrationSettings(name);
+  });
+  return allowedBySettings;
 }
 
 template <class E>

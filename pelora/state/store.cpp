@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <limits>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -30,9 +32,10 @@ std::int64_t takeSubscriptionID() {
 
 namespace detail {
 
-// The store's data behind its two queues (only ever entered with sync, so locks a running thread
-// may take while a waiter wakes: every recorded event reads the state). Shared with pending async
-// completions, so a completion that arrives after the Store handle is gone still finds it.
+// The store's data: the states behind a reader-writer lock (every recorded event reads them, from
+// any number of threads at once) and the subscribers behind a queue only ever entered with sync.
+// Shared with pending async completions, so a completion that arrives after the Store handle is
+// gone still finds it.
 class StoreCore {
  public:
   using ErasedHandler = std::function<void(const std::any&)>;
@@ -50,36 +53,42 @@ class StoreCore {
     std::int64_t subscriptionID;
   };
 
-  StoreCore()
-      : updateQueue_("state.update." + std::string(platform::queueLabelSuffix)),
-        syncQueue_("state.sync." + std::string(platform::queueLabelSuffix)) {}
+  StoreCore() : syncQueue_("state.sync." + std::string(platform::queueLabelSuffix)) {}
 
   void provide(std::type_index type, std::any state) {
     auto value = std::make_shared<const std::any>(std::move(state));
     // Look-up and append in one turn, so two racing provides cannot both add a container.
-    const bool added = updateQueue_.sync([&] {
+    const bool added = [&] {
+      std::unique_lock lock(statesMutex_);
       if (find(type) != nullptr) return false;
       states_.push_back(Container{type, value});
       return true;
-    });
+    }();
     if (added) notify(matching(type), type, value);
   }
 
   std::shared_ptr<const std::any> stateOf(std::type_index type) const {
-    return updateQueue_.sync([&]() -> std::shared_ptr<const std::any> {
-      const Container* container = find(type);
-      return container != nullptr ? container->state : nullptr;
-    });
+    std::shared_lock lock(statesMutex_);
+    const Container* container = find(type);
+    return container != nullptr ? container->state : nullptr;
+  }
+
+  void read(std::type_index type, const void* context,
+            void (*call)(const void*, const std::any*)) const {
+    std::shared_lock lock(statesMutex_);
+    const Container* container = find(type);
+    call(context, container != nullptr ? container->state.get() : nullptr);
   }
 
   void replace(std::type_index type, std::any state) {
     auto value = std::make_shared<const std::any>(std::move(state));
-    const bool stored = updateQueue_.sync([&] {
+    const bool stored = [&] {
+      std::unique_lock lock(statesMutex_);
       Container* container = find(type);
       if (container == nullptr) return false;
       container->state = value;
       return true;
-    });
+    }();
     if (stored) notify(matching(type), type, value);
   }
 
@@ -105,7 +114,7 @@ class StoreCore {
   }
 
  private:
-  // On updateQueue_.
+  // Under statesMutex_.
   Container* find(std::type_index type) {
     for (Container& container : states_) {
       if (container.type == type) return &container;
@@ -140,9 +149,9 @@ class StoreCore {
     });
   }
 
-  mutable ExclusiveRunner updateQueue_;
+  mutable std::shared_mutex statesMutex_;
   mutable ExclusiveRunner syncQueue_;
-  std::vector<Container> states_;          // on updateQueue_, in the order provided
+  std::vector<Container> states_;          // under statesMutex_, in the order provided
   std::vector<Subscription> subscribers_;  // on syncQueue_, in the order subscribed
 };
 
@@ -158,6 +167,11 @@ void Store::provideErased(std::type_index type, std::any state) {
 
 std::shared_ptr<const std::any> Store::stateOf(std::type_index type) const {
   return core_->stateOf(type);
+}
+
+void Store::readErased(std::type_index type, const void* context,
+                       void (*call)(const void*, const std::any*)) const {
+  core_->read(type, context, call);
 }
 
 void Store::replaceState(std::type_index type, std::any state) {

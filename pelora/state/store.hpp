@@ -149,6 +149,17 @@ class PELORA_API Store {
     return std::shared_ptr<const S>(std::move(held), state);
   }
 
+  // Calls `reader` with the held state of type S (null when there is none) where it lies: no
+  // copy, not even of a pointer, for readers on hot paths. Dispatches wait until it returns, so
+  // `reader` must not dispatch to this store.
+  template <class S, class F>
+  void read(F&& reader) const {
+    readErased(typeid(S), &reader, [](const void* context, const std::any* held) {
+      const S* state = held != nullptr ? std::any_cast<S>(held) : nullptr;
+      (*static_cast<const std::remove_reference_t<F>*>(context))(state);
+    });
+  }
+
   // A copy of the held state of type S, if any.
   template <class S>
   std::optional<S> currentState() const {
@@ -164,6 +175,9 @@ class PELORA_API Store {
   void provideErased(std::type_index type, std::any state);
   // The held value of `type` (shared, never changed in place), or null.
   std::shared_ptr<const std::any> stateOf(std::type_index type) const;
+  // Calls `call(context, state)` with the held value of `type` (or null) under the state lock.
+  void readErased(std::type_index type, const void* context,
+                  void (*call)(const void*, const std::any*)) const;
   // Stores `state` as the value of `type` and notifies that type's subscribers.
   void replaceState(std::type_index type, std::any state);
   // replaceState for later use (async completions): keeps the store's state alive.
