@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "bench/bench_support.hpp"
 
@@ -173,26 +174,43 @@ BENCHMARK(BM_FloorEncodeWriteSync)->UseRealTime();
 
 // ---- Threads ------------------------------------------------------------------------------------
 
-// One client per scratch base for the whole run, shared by the threads of each benchmark.
-std::shared_ptr<pelora::PeloraAnalytics> sharedClient(const fs::path& base) {
-  static std::mutex mutex;
-  static std::map<fs::path, std::pair<std::unique_ptr<ScratchDirectory>,
-                                      std::shared_ptr<pelora::PeloraAnalytics>>>
-      clients;
-  std::lock_guard lock(mutex);
-  auto& entry = clients[base];
-  if (!entry.second) {
-    entry.first = std::make_unique<ScratchDirectory>(base);
-    auto configuration =
-        std::make_shared<pelora::Configuration>("bench-threads-key", std::nullopt, false);
-    configuration->flushAt(INT64_MAX).flushInterval(86400).paths(entry.first->paths());
-    entry.second = pelora::PeloraAnalytics::create(configuration);
-  }
-  return entry.second;
+// The client the threads of one run share, made before the run's threads start; its files are
+// removed after they stop, so that a run never starts on the files earlier runs left (gigabytes on
+// /dev/shm, which slowed the runs that came later). The client itself is kept, idle: shutting it
+// down would try to upload all it recorded.
+struct RunClient {
+  std::unique_ptr<ScratchDirectory> scratch;
+  std::shared_ptr<pelora::PeloraAnalytics> analytics;
+  std::vector<std::shared_ptr<pelora::PeloraAnalytics>> idle;
+};
+RunClient& runClient() {
+  static RunClient client;  // set and cleared by Setup/Teardown, between runs
+  return client;
 }
 
-void trackThreads(benchmark::State& state, const fs::path& base) {
-  auto analytics = sharedClient(base);
+void startRunClient(const fs::path& base) {
+  RunClient& client = runClient();
+  client.scratch = std::make_unique<ScratchDirectory>(base);
+  auto configuration =
+      std::make_shared<pelora::Configuration>("bench-threads-key", std::nullopt, false);
+  configuration->flushAt(INT64_MAX).flushInterval(86400).paths(client.scratch->paths());
+  client.analytics = pelora::PeloraAnalytics::create(configuration);
+}
+void startShmClient(const benchmark::State&) {
+  startRunClient("/dev/shm");
+}
+void startDiskClient(const benchmark::State&) {
+  startRunClient(diskBase());
+}
+void stopRunClient(const benchmark::State&) {
+  RunClient& client = runClient();
+  if (client.analytics) client.idle.push_back(std::move(client.analytics));
+  client.scratch.reset();
+}
+
+void trackThreads(benchmark::State& state) {
+  const auto analytics = runClient().analytics;
+  if (!analytics) return state.SkipWithError("no client");
   const std::optional<pelora::Dictionary> properties = pelora::bench::hostProperties();
   const std::string name = "Product Added";
   for (auto _ : state) analytics->trackBash(name, properties);
@@ -200,9 +218,13 @@ void trackThreads(benchmark::State& state, const fs::path& base) {
 }
 
 void BM_TrackBashThreadsShm(benchmark::State& state) {
-  trackThreads(state, "/dev/shm");
+  trackThreads(state);
 }
-BENCHMARK(BM_TrackBashThreadsShm)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(BM_TrackBashThreadsShm)
+    ->ThreadRange(1, 8)
+    ->UseRealTime()
+    ->Setup(startShmClient)
+    ->Teardown(stopRunClient);
 
 void BM_FloorThreadsShm(benchmark::State& state) {
   floorAppend(state, "/dev/shm", false);
@@ -210,9 +232,13 @@ void BM_FloorThreadsShm(benchmark::State& state) {
 BENCHMARK(BM_FloorThreadsShm)->ThreadRange(1, 8)->UseRealTime();
 
 void BM_TrackBashThreadsDisk(benchmark::State& state) {
-  trackThreads(state, diskBase());
+  trackThreads(state);
 }
-BENCHMARK(BM_TrackBashThreadsDisk)->ThreadRange(1, 8)->UseRealTime();
+BENCHMARK(BM_TrackBashThreadsDisk)
+    ->ThreadRange(1, 8)
+    ->UseRealTime()
+    ->Setup(startDiskClient)
+    ->Teardown(stopRunClient);
 
 void BM_FloorSyncThreadsDisk(benchmark::State& state) {
   floorAppend(state, diskBase(), true);

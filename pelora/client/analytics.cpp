@@ -342,7 +342,9 @@ void PeloraAnalytics::completeEvent(RawEvent& event) const {
   if (!known) return;
   event.messageId = platform::uuidString();
   event.timestamp = platform::iso8601Now();
-  static const JSON emptyObject{JSON::Map{}};  // copies share it
+  // Copies share it; one per thread, so that recording threads do not all count references on
+  // one shared counter.
+  thread_local const JSON emptyObject{JSON::Map{}};
   event.integrations = emptyObject;
   event._metadata = DestinationMetadata{};
 }

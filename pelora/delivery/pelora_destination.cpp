@@ -112,13 +112,13 @@ void PeloraDestination::executeInPlace(std::optional<TrackEvent>& event) {
 }
 
 void PeloraDestination::store(const TrackEvent& event) {
-  auto client = analytics();
-  std::shared_ptr<Storage> storage;
-  {
-    std::lock_guard lock(mutex_);
-    storage = storage_;
-  }
-  if (!storage || !client) return;
+  // No copies of shared pointers here: every recording thread would count references on the
+  // same counters. The client keeps its storage for as long as it lives, and this plugin keeps
+  // the client until it is shut down.
+  const auto& client = keptAnalytics();
+  if (!client) return;
+  const auto& storage = client->storage();
+  if (!storage) return;
   storage->write(Storage::Constants::events, event);
   const std::int64_t count = eventCount_.fetch_add(1, std::memory_order_relaxed) + 1;
   if (count >= client->configuration()->values.flushAt) flush();

@@ -66,6 +66,11 @@ class PELORA_API Plugin {
   // added or removed, so the answer must not change while the plugin is in a timeline.
   virtual bool readsEventValues() const { return true; }
 
+ protected:
+  // The client as kept by setAnalytics, without a copy: for hot paths of plugins that do not
+  // override analytics().
+  const std::shared_ptr<PluginHost>& keptAnalytics() const noexcept { return analytics_; }
+
  private:
   std::shared_ptr<PluginHost> analytics_;
 };
@@ -111,14 +116,17 @@ class PELORA_API DestinationPlugin : public EventPlugin {
   // have an entry for key().
   bool isDestinationEnabled(const RawEvent& event) const;
   // What execute() does before track(), on `event` in place, for a destination that overrides
-  // executeInPlace: false when nothing is left to track (not enabled, or dropped by a plugin).
+  // executeInPlace but not analytics(): false when nothing is left to track (not enabled, or
+  // dropped by a plugin).
   bool runStagesBeforeTrack(std::optional<TrackEvent>& event) const;
   // What execute() does with track()'s result: its own after stage.
   void runStagesAfterTrack(std::optional<TrackEvent>& result) const;
 
  private:
+  // isDestinationEnabled with the client given (held by the caller).
+  bool isEnabledFor(const RawEvent& event, const PluginHost* client) const;
   template <class E>
-  bool enter(std::optional<E>& event) const;
+  bool enter(std::optional<E>& event, const PluginHost* client) const;
   template <class E>
   std::optional<E> process(std::optional<E>& event);
   std::shared_ptr<Timeline> timeline_;

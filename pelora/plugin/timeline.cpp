@@ -49,6 +49,10 @@ void DestinationPlugin::configure(std::shared_ptr<PluginHost> analytics) {
 }
 
 bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
+  return isEnabledFor(event, analytics().get());
+}
+
+bool DestinationPlugin::isEnabledFor(const RawEvent& event, const PluginHost* client) const {
   bool allowedByEvent = true;
   // Events usually carry an empty integrations object: nothing to look up then.
   const JSON::Map* integrations = event.integrations ? event.integrations->mapPointer() : nullptr;
@@ -57,9 +61,7 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
       if (const bool* flag = std::any_cast<bool>(&*entry)) allowedByEvent = *flag;
     }
   }
-  const auto& client = analytics();
-  if (!client) return false;
-  if (!allowedByEvent) return false;
+  if (client == nullptr || !allowedByEvent) return false;
   // Read in place: a copy of the settings per event would cost more than the rest of this.
   bool allowedBySettings = false;
   const std::string name = key();
@@ -71,15 +73,15 @@ bool DestinationPlugin::isDestinationEnabled(const RawEvent& event) const {
 }
 
 template <class E>
-bool DestinationPlugin::enter(std::optional<E>& event) const {
-  if (!event || !isDestinationEnabled(*event)) return false;
+bool DestinationPlugin::enter(std::optional<E>& event, const PluginHost* client) const {
+  if (!event || !isEnabledFor(*event, client)) return false;
   timeline_->runStage(PluginType::before, event);
   timeline_->runStage(PluginType::enrichment, event);
   return event.has_value();
 }
 
 bool DestinationPlugin::runStagesBeforeTrack(std::optional<TrackEvent>& event) const {
-  return enter(event);
+  return enter(event, keptAnalytics().get());
 }
 
 void DestinationPlugin::runStagesAfterTrack(std::optional<TrackEvent>& result) const {
@@ -90,7 +92,7 @@ template <class E>
 std::optional<E> DestinationPlugin::process(std::optional<E>& event) {
   // Built where it is returned: one move of the event fewer than assigning track()'s result.
   std::optional<E> result = [&]() -> std::optional<E> {
-    if (!enter(event)) return std::nullopt;
+    if (!enter(event, analytics().get())) return std::nullopt;
     if constexpr (std::is_same_v<E, TrackEvent>) return track(std::move(*event));
     return std::nullopt;
   }();

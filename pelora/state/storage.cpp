@@ -415,8 +415,9 @@ struct BatchFile {
 struct GroupCommit {
   std::mutex mutex;
   std::condition_variable done;
-  std::uint64_t written = 0;  // events written so far
-  bool syncing = false;
+  std::uint64_t written = 0;  // events written so far; changed under the storage queue and `mutex`
+  // Written under `mutex`; atomic so that alone() may look without taking it.
+  std::atomic<bool> syncing{false};
   std::shared_ptr<const BatchFile> latest;  // the batch the last event went to
   // Events known to be on disk; changed under `mutex`, read without it by waiters that spin.
   std::atomic<std::uint64_t> synced{0};
@@ -428,13 +429,15 @@ struct GroupCommit {
   // Under the storage queue, before a write: whether the writer is alone (every event before it
   // is on disk, no sync is running, no other writer is on its way), so that its write may carry
   // its own sync. A group shares one sync instead.
+  // Without `mutex`: `written` and `soloPause` only change under the storage queue, which the
+  // caller holds, and every thread that records would take the lock here.
   bool alone() {
-    std::lock_guard lock(mutex);
     if (soloPause > 0) {
       --soloPause;
       return false;
     }
-    return !syncing && synced.load(std::memory_order_relaxed) == written &&
+    return !syncing.load(std::memory_order_acquire) &&
+           synced.load(std::memory_order_acquire) == written &&
            arriving.load(std::memory_order_acquire) == 1;
   }
   // Under the storage queue, after an event was written to `file`: its ticket. `durable` when the
@@ -464,7 +467,7 @@ struct GroupCommit {
     if (synced.load(std::memory_order_acquire) >= ticket) return;
     std::unique_lock lock(mutex);
     while (synced.load(std::memory_order_relaxed) < ticket) {
-      if (syncing) {
+      if (syncing.load(std::memory_order_relaxed)) {
         // A sync on a fast device ends sooner than a sleep and a wake-up would: look again for
         // a moment before sleeping.
         lock.unlock();
@@ -473,10 +476,13 @@ struct GroupCommit {
           if (synced.load(std::memory_order_acquire) >= ticket) return;
         }
         lock.lock();
-        if (syncing && synced.load(std::memory_order_relaxed) < ticket) done.wait(lock);
+        if (syncing.load(std::memory_order_relaxed) &&
+            synced.load(std::memory_order_relaxed) < ticket) {
+          done.wait(lock);
+        }
         continue;
       }
-      syncing = true;
+      syncing.store(true, std::memory_order_relaxed);
       // While several threads record, the last sync's group is likely to come again: give the
       // writers a moment (a fraction of a sync) to write before syncing. Yield rather than spin:
       // they may need this very core to get there. A lone writer never waits.
@@ -502,7 +508,7 @@ struct GroupCommit {
       const bool ok = file && ::fdatasync(file->fd) == 0;
       const int error = errno;
       lock.lock();
-      syncing = false;
+      syncing.store(false, std::memory_order_relaxed);
       if (timed) {
         lastSync = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::steady_clock::now() - started);
@@ -523,8 +529,8 @@ struct GroupCommit {
  private:
   static constexpr int kSpins = 200;
   static constexpr int kSoloPause =
-      1024;  // writes that share syncs after a solo write was in the way
-  int soloPause = 0;
+      1024;           // writes that share syncs after a solo write was in the way
+  int soloPause = 0;  // under the storage queue
   static constexpr std::chrono::microseconds kMaxWait{200};
   std::uint64_t lastGroup = 0;            // events the last sync covered
   std::chrono::microseconds lastSync{0};  // how long it took
@@ -548,6 +554,8 @@ struct Storage::State {
   bool hasEvents = false;
   // When the open batch was last seen to still have a name (see append).
   std::chrono::nanoseconds lastLinkCheck{0};  // coarseNow()
+  // Whether writes that sync themselves (RWF_DSYNC) work on this kernel and file system.
+  bool syncedWritesWork = true;
   GroupCommit commits;
 
   ~State() { closeCurrent(); }
@@ -831,7 +839,8 @@ struct Storage::State {
       if (fd < 0 && !openCurrent(true)) return 0;
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
-    bool durable = commits.alone();
+    bool durable = syncedWritesWork && commits.alone();
+    const bool triedDurable = durable;
     if (!writeAllAt(fd, text.data() + skip, text.size() - skip, size, durable)) {
       // A torn event would spoil the whole batch: cut the file back to where it was.
       if (!cutBack(fd, size)) closeCurrent();
@@ -839,6 +848,7 @@ struct Storage::State {
     }
     size += static_cast<off_t>(text.size() - skip);
     hasEvents = true;
+    if (triedDurable && !durable) syncedWritesWork = false;  // not here: don't ask again
     return commits.wrote(file, durable);
   }
 

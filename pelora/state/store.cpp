@@ -3,6 +3,7 @@
 #include "pelora/core/fatal_error.hpp"
 #include "pelora/platform/concurrency.hpp"
 
+#include <array>
 #include <atomic>
 #include <limits>
 #include <mutex>
@@ -17,6 +18,7 @@ namespace {
 
 // Shared by every store of the process: identifiers are never reused.
 std::atomic<std::int64_t> nextSubscriptionID{1};
+std::atomic<std::uint64_t> nextStoreID{1};
 
 std::int64_t takeSubscriptionID() {
   std::int64_t id = nextSubscriptionID.load();
@@ -62,6 +64,7 @@ class StoreCore {
       std::unique_lock lock(statesMutex_);
       if (find(type) != nullptr) return false;
       states_.push_back(Container{type, value});
+      version_.fetch_add(1, std::memory_order_release);
       return true;
     }();
     if (added) notify(matching(type), type, value);
@@ -73,11 +76,49 @@ class StoreCore {
     return container != nullptr ? container->state : nullptr;
   }
 
+  // Hands `call` the state from this thread's cache while no change came since it was cached:
+  // recording threads then touch no shared counter or lock word at all (each costs a cache line
+  // moving between cores). A change bumps version_, and the next read here takes the new state.
   void read(std::type_index type, const void* context,
             void (*call)(const void*, const std::any*)) const {
-    std::shared_lock lock(statesMutex_);
-    const Container* container = find(type);
-    call(context, container != nullptr ? container->state.get() : nullptr);
+    struct Cached {
+      std::uint64_t core = 0;  // 0: empty
+      std::uint64_t version = 0;
+      std::type_index type = typeid(void);
+      std::shared_ptr<const std::any> state;
+    };
+    thread_local std::array<Cached, 4> cache;
+    thread_local unsigned nextSlot = 0;
+    thread_local int reading = 0;  // a read from inside a reader must not replace what it reads
+
+    const std::uint64_t version = version_.load(std::memory_order_acquire);
+    for (const Cached& entry : cache) {
+      if (entry.core == id_ && entry.version == version && entry.type == type) {
+        ++reading;
+        struct Done {
+          ~Done() { --reading; }
+        } done;
+        call(context, entry.state.get());
+        return;
+      }
+    }
+    std::shared_ptr<const std::any> state;
+    std::uint64_t current = 0;
+    {
+      std::shared_lock lock(statesMutex_);
+      const Container* container = find(type);
+      if (container != nullptr) state = container->state;
+      current = version_.load(std::memory_order_relaxed);
+    }
+    if (reading == 0) {
+      Cached* slot = nullptr;
+      for (Cached& entry : cache) {
+        if (entry.core == id_ && entry.type == type) slot = &entry;
+      }
+      if (slot == nullptr) slot = &cache[nextSlot++ % cache.size()];
+      *slot = Cached{id_, current, type, state};
+    }
+    call(context, state.get());
   }
 
   void replace(std::type_index type, std::any state) {
@@ -87,6 +128,7 @@ class StoreCore {
       Container* container = find(type);
       if (container == nullptr) return false;
       container->state = value;
+      version_.fetch_add(1, std::memory_order_release);
       return true;
     }();
     if (stored) notify(matching(type), type, value);
@@ -149,7 +191,10 @@ class StoreCore {
     });
   }
 
+  // Never reused (unlike addresses): names this store in threads' caches of its states.
+  const std::uint64_t id_ = nextStoreID.fetch_add(1, std::memory_order_relaxed);
   mutable std::shared_mutex statesMutex_;
+  std::atomic<std::uint64_t> version_{1};  // bumped under statesMutex_ with every change of states_
   mutable ExclusiveRunner syncQueue_;
   std::vector<Container> states_;          // under statesMutex_, in the order provided
   std::vector<Subscription> subscribers_;  // on syncQueue_, in the order subscribed

@@ -231,6 +231,68 @@ TEST(StoreStress, ConcurrentDispatchSubscribeAndUnsubscribe) {
   EXPECT_GT(delivered.load(), 0);
 }
 
+// Reads come from a per-thread cache while nothing changed: a change is seen by the very next read
+// on any thread, a read inside a read is safe, and a store never answers with another store's
+// state, even one that lived at the same address.
+int countOf(const Store& store) {
+  int value = -1;
+  store.read<Count>([&](const Count* count) { value = count ? count->value : -1; });
+  return value;
+}
+
+TEST(StoreReads, EveryChangeIsSeenAtOnceAndStoresNeverShareACache) {
+  Store a;
+  Store b;
+  a.provide(Count{{}, 1});
+  b.provide(Count{{}, 100});
+  a.provide(Name{{}, "a"});
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(countOf(a), 1 + i);
+    ASSERT_EQ(countOf(b), 100 + 2 * i);
+    a.dispatch(Add{1});
+    b.dispatch(Add{2});
+  }
+  // Nested reads: the outer state stays valid while inner reads fill the cache.
+  a.read<Count>([&](const Count* outer) {
+    ASSERT_NE(outer, nullptr);
+    const int before = outer->value;
+    for (int i = 0; i < 10; ++i) {
+      Store other;
+      other.provide(Count{{}, i});
+      EXPECT_EQ(countOf(other), i);
+      a.read<Name>([](const Name* name) { EXPECT_EQ(name->text, "a"); });
+    }
+    EXPECT_EQ(outer->value, before);
+  });
+  EXPECT_EQ(countOf(Store()), -1) << "a store without the state reads nothing";
+  for (int i = 0; i < 50; ++i) {
+    auto store = std::make_unique<Store>();
+    store->provide(Count{{}, i});
+    ASSERT_EQ(countOf(*store), i) << "a cached state of an earlier store at this address";
+  }
+
+  // Other threads see every change as soon as it is made.
+  std::atomic<int> published{0};
+  std::atomic<bool> stop{false};
+  std::atomic<int> stale{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      while (!stop.load()) {
+        const int floor = published.load();
+        if (countOf(a) < floor) ++stale;
+      }
+    });
+  }
+  for (int i = 0; i < 2000; ++i) {
+    a.dispatch(Add{1});
+    published.store(countOf(a));
+  }
+  stop = true;
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(stale.load(), 0);
+}
+
 TEST(StoreDeathTest, SubscribeWithoutOwnerOrQueueIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Store store;
