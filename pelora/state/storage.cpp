@@ -513,7 +513,10 @@ struct GroupCommit {
         lastSync = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::steady_clock::now() - started);
       }
-      lastGroup = target - std::min(target, synced.load(std::memory_order_relaxed));
+      // The writers of this round: those the sync covered and those that wrote while it ran.
+      // Counting the latter keeps threads from settling into two groups that take turns (each
+      // sync covering half of them); the next leader waits for all of them instead.
+      lastGroup = written - std::min(written, synced.load(std::memory_order_relaxed));
       // A failed sync cannot be undone for events of other writers; they stay written.
       if (!ok) {
         log::message("Event storage could not sync a batch: " + std::string(std::strerror(error)),
@@ -532,7 +535,7 @@ struct GroupCommit {
       1024;           // writes that share syncs after a solo write was in the way
   int soloPause = 0;  // under the storage queue
   static constexpr std::chrono::microseconds kMaxWait{200};
-  std::uint64_t lastGroup = 0;            // events the last sync covered
+  std::uint64_t lastGroup = 0;            // events of the last round (see waitFor)
   std::chrono::microseconds lastSync{0};  // how long it took
 };
 
