@@ -61,11 +61,19 @@ template <class E>
 std::optional<E> StartupQueue::hold(std::optional<E> event) {
   if (passes()) return event;
   if (!event) return std::nullopt;
+  bool held = false;
   syncQueue_->sync([&] {
+    // Running may have begun since passes() looked, and its replay may be over already: an event
+    // held now would wait for a replay that never comes. Nothing older waiting means nothing to
+    // keep order with, so the event goes on instead. (With older events waiting, a replay is
+    // still to come: running is set before the replay is queued.)
+    if (running_.get() && queuedEvents_.empty()) return;
     if (queuedEvents_.size() >= maxSize) queuedEvents_.pop_front();
     queuedEvents_.emplace_back(std::move(*event));
+    held = true;
   });
-  return std::nullopt;
+  if (held) return std::nullopt;
+  return event;
 }
 
 std::optional<TrackEvent> StartupQueue::execute(std::optional<TrackEvent> event) {

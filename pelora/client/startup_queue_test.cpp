@@ -9,6 +9,7 @@
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/platform/dispatch.hpp"
 #include "pelora/state/system.hpp"
 #include "tests/support/https_server.hpp"
 #include "tests/support/temp_directory.hpp"
@@ -114,6 +115,32 @@ TEST_F(AnalyticsStartupQueueTest, ReplayDoesNotCompleteEventsAgain) {
   ASSERT_TRUE(eventually([&] { return recorder->seen().size() == 1; }));
   std::lock_guard lock(recorder->mutex);
   EXPECT_EQ(recorder->ids, std::vector<std::string>{"MESSAGE-1"});
+}
+
+// An event that looked while the queue was holding, and was held only after running began and
+// its replay was over, would wait for a replay that never comes. Recording runs on while the
+// running flag goes back and forth; whenever it is on and its replay is done, nothing is held.
+TEST_F(AnalyticsStartupQueueTest, NoEventIsLeftBehindWhenRunningBeginsWhileOneIsBeingHeld) {
+  std::atomic<bool> stop{false};
+  std::atomic<int> recorded{0};
+  std::thread recording([&] {
+    while (!stop.load()) {
+      client->trackBash("E");
+      ++recorded;
+    }
+  });
+  int stranded = 0;
+  for (int toggle = 0; toggle < 1500 && stranded == 0; ++toggle) {
+    setRunning(false);
+    setRunning(true);
+    // The queue hears of the change on the main queue, where it also replays.
+    platform::SerialQueue::main()->sync([] {});
+    if (queue->running() && queue->heldCount() > 0) ++stranded;
+  }
+  stop = true;
+  recording.join();
+  EXPECT_EQ(stranded, 0) << "an event was held after the replay, with nothing to replay it";
+  EXPECT_GT(recorded.load(), 0);
 }
 
 TEST_F(AnalyticsStartupQueueTest, WaitUntilStartedWaitsForTheRunningFlag) {
