@@ -143,6 +143,55 @@ int corruptBatches(const fs::path& data, std::ostream& log) {
   return corrupt;
 }
 
+// Every id written as an event's "id" property (`"id":"<run>-<n>"`) in `text`. Escaped quotes in
+// the padding cannot look like this, and messageId/anonymousId have no quote before the "id".
+void collectIds(std::string_view text, std::set<std::string>& ids) {
+  constexpr std::string_view key = "\"id\":\"";
+  for (auto at = text.find(key); at != std::string_view::npos; at = text.find(key, at)) {
+    at += key.size();
+    const auto end = text.find('"', at);
+    if (end == std::string_view::npos) return;
+    ids.insert(std::string(text.substr(at, end - at)));
+  }
+}
+
+// Ids of the events in every batch file under `data`, finished or not.
+std::set<std::string> idsOnDisk(const fs::path& data) {
+  std::set<std::string> ids;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(data / "Documents", error), end; !error && it != end;
+       it.increment(error)) {
+    std::error_code typeError;
+    if (!it->is_regular_file(typeError)) continue;
+    std::ifstream in(it->path(), std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    collectIds(text, ids);
+  }
+  return ids;
+}
+
+// Follows the collector's JSON lines: the ids of the batches it accepted so far.
+class Received {
+ public:
+  explicit Received(const std::string& file) : file_(file) {}
+  // Reads the lines added since the last call; drops their ids from `pending`.
+  void take(std::set<std::string>& pending) {
+    std::ifstream in(file_, std::ios::binary);
+    in.seekg(offset_);
+    for (std::string line; std::getline(in, line);) {
+      if (in.eof()) break;  // an unfinished line: read it next time
+      offset_ += static_cast<std::streamoff>(line.size()) + 1;
+      std::set<std::string> ids;
+      collectIds(line, ids);
+      for (const auto& id : ids) pending.erase(id);
+    }
+  }
+
+ private:
+  std::string file_;
+  std::streamoff offset_ = 0;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -158,6 +207,10 @@ int main(int argc, char** argv) {
   std::set<std::string> acknowledged;
   std::vector<std::chrono::system_clock::time_point> kills;
   int corrupt = 0;
+  // Acknowledged ids not received yet: after every trial each must still be in a batch on disk.
+  // A trial that loses one keeps a copy of the directory, so that the loss can be looked at.
+  std::set<std::string> undelivered;
+  Received followed(collectorOptions.jsonLinesFile);
   for (int trial = 0; trial < options.trials; ++trial) {
     // Every fourth trial has two processes recording into the directory at once.
     const int writers = trial % 4 == 3 ? 2 : 1;
@@ -207,6 +260,37 @@ int main(int argc, char** argv) {
       }
     }
     corrupt += corruptBatches(data, std::cerr);
+
+    // This trial's ids ("<trial>.<writer>-<n>") sit together in the ordered set.
+    const std::string prefix = std::to_string(trial) + ".";
+    for (auto it = acknowledged.lower_bound(prefix);
+         it != acknowledged.end() && it->starts_with(prefix); ++it) {
+      undelivered.insert(*it);
+    }
+    followed.take(undelivered);
+    std::set<std::string> missing;
+    for (int look = 0; look < 2; ++look) {
+      missing.clear();
+      const std::set<std::string> onDisk = idsOnDisk(data);
+      for (const auto& id : undelivered) {
+        if (!onDisk.count(id)) missing.insert(id);
+      }
+      if (missing.empty()) break;
+      // The collector may still be writing down a batch that arrived as its sender died.
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      followed.take(undelivered);
+    }
+    if (!missing.empty()) {
+      const fs::path kept =
+          fs::temp_directory_path() /
+          ("pelora-crash-loss-" + std::to_string(options.seed) + "-" + std::to_string(trial));
+      std::error_code copyError;
+      fs::copy(data, kept, fs::copy_options::recursive, copyError);
+      std::cerr << "trial " << trial << ": " << missing.size()
+                << " acknowledged events neither on disk nor received (first: " << *missing.begin()
+                << "); directory kept in " << kept << "\n";
+      for (const auto& id : missing) undelivered.erase(id);
+    }
   }
 
   // What is left goes out through one more client that nobody kills.
