@@ -90,6 +90,8 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   std::atomic<std::int64_t> eventCount_{0};
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace
+  // The client's storage, kept for upload completions that end after shutdown let the client go
+  // (recording reaches it through the client, without this lock).
   std::shared_ptr<Storage> storage_;
   std::shared_ptr<HTTPClient> httpClient_;
   std::optional<std::string> apiKey_;
