@@ -202,6 +202,8 @@ int main(int argc, char** argv) {
   pelora::collector::CollectorOptions collectorOptions;
   collectorOptions.jsonLinesFile = (root.path() / "received.jsonl").string();
   collectorOptions.keepEvents = false;
+  // The ids are all that is read back; whole bodies would come to tens of gigabytes a run.
+  collectorOptions.jsonLinesMaxString = 64;
   pelora::collector::Collector collector(collectorOptions);
 
   std::set<std::string> acknowledged;
@@ -286,9 +288,13 @@ int main(int argc, char** argv) {
           ("pelora-crash-loss-" + std::to_string(options.seed) + "-" + std::to_string(trial));
       std::error_code copyError;
       fs::copy(data, kept, fs::copy_options::recursive, copyError);
+      // An event that found the disk full is lost by design: say how much room there is.
+      std::error_code spaceError;
+      const auto space = fs::space(data, spaceError);
       std::cerr << "trial " << trial << ": " << missing.size()
                 << " acknowledged events neither on disk nor received (first: " << *missing.begin()
-                << "); directory kept in " << kept << "\n";
+                << "); directory kept in " << kept << "; " << (space.available >> 20)
+                << " MiB free\n";
       for (const auto& id : missing) undelivered.erase(id);
     }
   }

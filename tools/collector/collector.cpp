@@ -125,6 +125,29 @@ std::string checkedInAppMessage(const std::string& data) {
 }
 
 // The workspace of "/push/push/pull/<workspace>/<user>/".
+// `value` with every string longer than `limit` bytes cut to at most `limit` bytes, never inside
+// a UTF-8 sequence, followed by "...(<length> bytes)".
+JSON shortened(const JSON& value, std::size_t limit) {
+  if (const auto* text = value.stringPointer()) {
+    if (text->size() <= limit) return value;
+    std::size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>((*text)[cut]) & 0xC0) == 0x80) --cut;
+    return JSON(text->substr(0, cut) + "...(" + std::to_string(text->size()) + " bytes)");
+  }
+  if (const auto* list = value.listPointer()) {
+    JSON::List result;
+    result.reserve(list->size());
+    for (const auto& element : *list) result.push_back(shortened(element, limit));
+    return JSON(std::move(result));
+  }
+  if (const auto* map = value.mapPointer()) {
+    JSON::Map result;
+    for (const auto& [key, element] : *map) result.emplace(key, shortened(element, limit));
+    return JSON(std::move(result));
+  }
+  return value;
+}
+
 std::string workspaceOf(std::string_view path) {
   path.remove_prefix(Collector::pullPath.size());
   return std::string(path.substr(0, path.find('/')));
@@ -339,7 +362,10 @@ ScriptedResponse Collector::State::opened(const RecordedRequest& request) {
 void Collector::State::appendJSONLine(const char* kind, const JSON& body) {
   if (options.jsonLinesFile.empty()) return;
   std::ofstream file(options.jsonLinesFile, std::ios::app);
-  file << JSON(JSON::Map{{"kind", kind}, {"receivedAt", platform::iso8601Now()}, {"body", body}})
+  const JSON recorded =
+      options.jsonLinesMaxString > 0 ? shortened(body, options.jsonLinesMaxString) : body;
+  file << JSON(
+              JSON::Map{{"kind", kind}, {"receivedAt", platform::iso8601Now()}, {"body", recorded}})
               .toString()
        << '\n';
   if (!file) platform::printLine("collector: cannot append to " + options.jsonLinesFile);

@@ -30,8 +30,11 @@ struct CollectorOptions {
   int port = 0;  // 0: any free port
   Certificates certificates = Certificates::builtIn();
   std::string jsonLinesFile;  // when set, every accepted body is appended as one JSON line
-  bool printLines = false;    // one line per request on standard output
-  bool keepEvents = true;     // keep what events() and trackingEvents() return
+  // When set, strings longer than this in those lines are cut (at a character boundary) and
+  // marked with their length: a long run of big events would otherwise fill the disk.
+  std::size_t jsonLinesMaxString = 0;
+  bool printLines = false;  // one line per request on standard output
+  bool keepEvents = true;   // keep what events() and trackingEvents() return
   // In-app messages queued at start, for any workspace: the JSON text of an IAMData each.
   std::vector<std::string> inAppMessages;
   // How long a pull is held when no message is queued.

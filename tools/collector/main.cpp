@@ -24,6 +24,8 @@ constexpr const char* usage = R"(usage: pelora_collector [options]
   --port N            listen on 127.0.0.1:N (default 8443; 0 picks a free port)
   --certs DIR         ca.pem, server.pem and server-key.pem to use (default: the ones made at build)
   --jsonl FILE        append every accepted batch and tracking event to FILE, one JSON line each
+  --jsonl-max-string N
+                      cut strings longer than N bytes in those lines (marked with their length)
   --ready-file FILE   once listening, write the connect-to entry that sends the production
                       tracking host here (HOST:443:127.0.0.1:PORT) to FILE
   --fail-status CODE  the status that the two options below answer with (default 503)
@@ -95,6 +97,8 @@ int main(int argc, char** argv) {
       options.certificates = pelora::collector::Certificates::inDirectory(value);
     } else if (option == "--jsonl") {
       options.jsonLinesFile = value;
+    } else if (option == "--jsonl-max-string") {
+      options.jsonLinesMaxString = static_cast<std::size_t>(number(option, value));
     } else if (option == "--ready-file") {
       readyFile = value;
     } else if (option == "--fail-status") {
