@@ -12,9 +12,11 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
@@ -80,6 +82,16 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
       .paths({small / "Documents", small / "config"})
       .connectTo({collector.connectTo(productionTrackingHost)})
       .caBundle(collector.certificates().caFile);
+  // The host hears of the loss: once when it starts, once with the count when it ends.
+  std::mutex printedMutex;
+  std::vector<std::string> printed;
+  PeloraAnalytics::setLogHandler([&](LogLevel, std::string_view line) {
+    std::lock_guard lock(printedMutex);
+    if (line.find("stored") != std::string_view::npos) printed.emplace_back(line);
+  });
+  struct Restore {
+    ~Restore() { PeloraAnalytics::setLogHandler(nullptr); }
+  } restore;
   auto analytics = PeloraAnalytics::create(configuration);
   const std::string pad(2'000, 'p');
   for (int i = 0; i < 600; ++i) {  // 1.2 MB of events: the disk fills on the way
@@ -109,6 +121,14 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
   for (int i = 0; i < 50; ++i) EXPECT_EQ(arrivals["2-" + std::to_string(i)], 1) << i;
   EXPECT_EQ(arrivals.size(), storedWhileFull.size() + 50);
   EXPECT_EQ(collector.counts().rejected, 0u);
+
+  std::lock_guard lock(printedMutex);
+  ASSERT_EQ(printed.size(), 2u) << ::testing::PrintToString(printed);
+  EXPECT_NE(printed[0].find("cannot be stored"), std::string::npos) << printed[0];
+  EXPECT_NE(printed[0].find("No space left on device"), std::string::npos) << printed[0];
+  EXPECT_NE(printed[1].find(std::to_string(600 - storedWhileFull.size()) + " could not be stored"),
+            std::string::npos)
+      << printed[1];
 }
 
 }  // namespace

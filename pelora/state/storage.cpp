@@ -559,6 +559,7 @@ struct Storage::State {
   std::chrono::nanoseconds lastLinkCheck{0};  // coarseNow()
   // Whether writes that sync themselves (RWF_DSYNC) work on this kernel and file system.
   bool syncedWritesWork = true;
+  std::uint64_t lostEvents = 0;  // since the last event that was stored
   GroupCommit commits;
 
   ~State() { closeCurrent(); }
@@ -835,24 +836,43 @@ struct Storage::State {
         if (::fstat(fd, &info) != 0 || info.st_nlink == 0) closeCurrent();
       }
     }
-    if (fd < 0 && !openCurrent(true)) return 0;
+    if (fd < 0 && !openCurrent(true)) return lost(errno);
     if (size >= kRollOverSize) {
       finish();
       // When finishing failed the batch stays open and takes the event after all.
-      if (fd < 0 && !openCurrent(true)) return 0;
+      if (fd < 0 && !openCurrent(true)) return lost(errno);
     }
     const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
     bool durable = syncedWritesWork && commits.alone();
     const bool triedDurable = durable;
     if (!writeAllAt(fd, text.data() + skip, text.size() - skip, size, durable)) {
+      const int error = errno;
       // A torn event would spoil the whole batch: cut the file back to where it was.
       if (!cutBack(fd, size)) closeCurrent();
-      return 0;
+      return lost(error);
     }
     size += static_cast<off_t>(text.size() - skip);
     hasEvents = true;
+    if (lostEvents > 0) {
+      platform::printLine("Pelora: events are stored again; " + std::to_string(lostEvents) +
+                              " could not be stored and are lost",
+                          LogLevel::warning);
+      lostEvents = 0;
+    }
     if (triedDurable && !durable) syncedWritesWork = false;  // not here: don't ask again
     return commits.wrote(file, durable);
+  }
+
+  // An event that found no room (or a failing disk) is lost: the host hears of the first of a run
+  // of them and, once events are stored again, how many there were.
+  std::uint64_t lost(int error) {
+    if (lostEvents++ == 0) {
+      platform::printLine("Pelora: events cannot be stored in " + directory.string() +
+                              " and are lost until they can: " +
+                              (error != 0 ? std::strerror(error) : "no batch file could be opened"),
+                          LogLevel::error);
+    }
+    return 0;
   }
 
   std::vector<std::filesystem::path> finishAndList() {
