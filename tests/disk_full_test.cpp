@@ -131,5 +131,53 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
       << printed[1];
 }
 
+// The collector's own record on a full disk: a batch it cannot write down is refused, not
+// acknowledged, so the sender keeps it and sends it again once there is room; no half line stays.
+TEST(DiskFull, TheCollectorAcknowledgesOnlyWhatItWroteDown) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  test::TempDirectory root;
+  const fs::path small = root.path() / "small";
+  SmallFileSystem fileSystem(small, "1m");
+  if (!fileSystem.error().empty()) GTEST_SKIP() << "cannot mount a tmpfs: " << fileSystem.error();
+
+  std::ofstream(small / "ballast", std::ios::binary) << std::string(950'000, 'b');
+  collector::CollectorOptions options;
+  options.jsonLinesFile = (small / "received.jsonl").string();
+  collector::Collector collector(options);
+  auto configuration = std::make_shared<Configuration>("full-collector-key", std::nullopt, false);
+  configuration->flushAt(1'000'000)
+      .flushInterval(3600)
+      .paths({root.path() / "Documents", root.path() / "config"})
+      .connectTo({collector.connectTo(productionTrackingHost)})
+      .caBundle(collector.certificates().caFile);
+  auto analytics = PeloraAnalytics::create(configuration);
+  const std::string pad(2'000, 'p');
+  for (int i = 0; i < 300; ++i) {  // two batches, each larger than the room left
+    analytics->trackBash("Kept", Dictionary{{"id", std::to_string(i)}, {"pad", pad}});
+  }
+  analytics->flush();
+  ASSERT_TRUE(test::eventually([&] { return collector.counts().unrecorded >= 2; },
+                               std::chrono::seconds(30)));
+  EXPECT_EQ(collector.counts().batches, 0u);
+  EXPECT_EQ(fs::file_size(small / "received.jsonl"), 0u) << "half a line was left";
+
+  fs::remove(small / "ballast");
+  ASSERT_TRUE(test::eventually(
+      [&] {
+        analytics->flush();
+        return !analytics->hasUnsentEvents();
+      },
+      std::chrono::seconds(60)));
+  std::map<std::string, int> arrivals;
+  std::ifstream lines(small / "received.jsonl");
+  for (std::string line; std::getline(lines, line);) {
+    const JSON batch = JSON::parse(line)["body"]->value<JSON>("batch").value_or(JSON::List{});
+    for (const auto& event : *batch.listPointer())
+      ++arrivals[event.value<std::string>("properties.id").value_or("?")];
+  }
+  ASSERT_EQ(arrivals.size(), 300u);
+  for (const auto& [id, times] : arrivals) EXPECT_EQ(times, 1) << id;
+}
+
 }  // namespace
 }  // namespace pelora

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -25,6 +26,11 @@ ScriptedResponse answer(int status, const std::string& message) {
   response.status = status;
   response.body = JSON(JSON::Map{{status < 300 ? "status" : "error", message}}).toString();
   return response;
+}
+
+// A body that could not be written down (a full disk) is not taken: the sender keeps it.
+ScriptedResponse notRecorded() {
+  return answer(507, "cannot record it");
 }
 
 // Why `body` is not an object holding `key` of kind `kind`, or nothing when it is.
@@ -178,8 +184,8 @@ struct Collector::State {
   void print(const std::string& line) const {
     if (options.printLines) platform::printLine(line);
   }
-  // Under `mutex`.
-  void appendJSONLine(const char* kind, const JSON& body);
+  // Under `mutex`. False when the line could not be written (nothing of it is left in the file).
+  bool appendJSONLine(const char* kind, const JSON& body);
 
   const CollectorOptions options;
   mutable std::mutex mutex;
@@ -260,6 +266,11 @@ ScriptedResponse Collector::State::acceptBatch(const JSON& body,
   std::size_t number = 0;
   {
     std::lock_guard lock(mutex);
+    // Written down first: what could not be recorded is not acknowledged, so it is sent again.
+    if (!appendJSONLine("batch", body)) {
+      ++counts.unrecorded;
+      return notRecorded();
+    }
     for (const auto& event : received) {
       if (!messageIds.insert(*event.messageId).second) ++seenBefore;
     }
@@ -267,7 +278,6 @@ ScriptedResponse Collector::State::acceptBatch(const JSON& body,
     counts.distinctEvents = messageIds.size();
     number = ++counts.batches;
     if (options.keepEvents) events.insert(events.end(), received.begin(), received.end());
-    appendJSONLine("batch", body);
     changed.notify_all();
   }
   const auto& map = *body.mapPointer();
@@ -282,9 +292,12 @@ ScriptedResponse Collector::State::acceptTrackingEvent(const JSON& body) {
   std::size_t number = 0;
   {
     std::lock_guard lock(mutex);
+    if (!appendJSONLine("trackingEvent", body)) {
+      ++counts.unrecorded;
+      return notRecorded();
+    }
     number = ++counts.trackingEvents;
     if (options.keepEvents) trackingEvents.push_back(body);
-    appendJSONLine("trackingEvent", body);
     changed.notify_all();
   }
   const auto& map = *body.mapPointer();
@@ -359,8 +372,10 @@ ScriptedResponse Collector::State::opened(const RecordedRequest& request) {
   return answer(200, "opened");
 }
 
-void Collector::State::appendJSONLine(const char* kind, const JSON& body) {
-  if (options.jsonLinesFile.empty()) return;
+bool Collector::State::appendJSONLine(const char* kind, const JSON& body) {
+  if (options.jsonLinesFile.empty()) return true;
+  std::error_code sizeError;
+  const auto before = std::filesystem::file_size(options.jsonLinesFile, sizeError);
   std::ofstream file(options.jsonLinesFile, std::ios::app);
   const JSON recorded =
       options.jsonLinesMaxString > 0 ? shortened(body, options.jsonLinesMaxString) : body;
@@ -368,7 +383,12 @@ void Collector::State::appendJSONLine(const char* kind, const JSON& body) {
               JSON::Map{{"kind", kind}, {"receivedAt", platform::iso8601Now()}, {"body", recorded}})
               .toString()
        << '\n';
-  if (!file) platform::printLine("collector: cannot append to " + options.jsonLinesFile);
+  file.close();
+  if (file) return true;
+  platform::printLine("collector: cannot append to " + options.jsonLinesFile);
+  // Half a line would spoil the next one too.
+  if (!sizeError) std::filesystem::resize_file(options.jsonLinesFile, before, sizeError);
+  return false;
 }
 
 Collector::Collector(CollectorOptions options)

@@ -85,6 +85,7 @@ class Collector {
     std::size_t trackingEvents = 0;  // accepted tracking-event posts
     std::size_t failed = 0;          // answered with the failure status
     std::size_t rejected = 0;        // malformed, answered 400
+    std::size_t unrecorded = 0;      // not written to the JSON-lines file (full disk), answered 507
     std::size_t pulls = 0;           // in-app message pulls answered (or being held)
     std::size_t inAppMessages = 0;   // messages handed out by pulls
     std::size_t opened = 0;          // open notifications
