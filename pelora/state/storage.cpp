@@ -585,6 +585,15 @@ struct Storage::State {
 
   void advanceIndex() { storeIndex(index + 1); }
 
+  // The current number is taken (finished, or another writer's): goes past every number in use at
+  // once. Stepping one by one, a writer far behind another would walk through each of the other's
+  // batches, and could run out of tries before finding a free number (losing the event).
+  void skipTakenNumbers() {
+    std::uint64_t next = index + 1;
+    (void)unfinishedBatches(next);  // a number that cannot be listed is found by trying
+    storeIndex(std::max(next, index + 1));
+  }
+
   void closeCurrent() noexcept {
     file.reset();  // closes it (and so releases the lock) unless a sync still runs on it
     fd = -1;
@@ -693,7 +702,7 @@ struct Storage::State {
         if (errno != ENOENT || !create) return false;
         // A finished batch of this number exists: a new one would only take another name.
         if (::access((currentPath + std::string(kTempExtension)).c_str(), F_OK) == 0) {
-          advanceIndex();
+          skipTakenNumbers();
           continue;
         }
         createDirectory();
@@ -702,7 +711,7 @@ struct Storage::State {
       }
       if (!tryLock(file.get())) {
         if (!create) return false;  // another writer's current batch: nothing of ours to finish
-        advanceIndex();
+        skipTakenNumbers();
         continue;
       }
       struct stat info;
@@ -720,7 +729,7 @@ struct Storage::State {
         const Found found = repair(file.get(), currentPath, info.st_size, holdsEvents);
         if (found == Found::nothing) return false;
         if (found == Found::finished) {
-          advanceIndex();
+          skipTakenNumbers();
           continue;
         }
       }

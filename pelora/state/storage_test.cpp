@@ -239,7 +239,7 @@ TEST_F(StorageTest, WriteKeyIsWrittenIntoTheBatchAsAJSONString) {
   EXPECT_TRUE(readFile(file("0-pelora-events.temp")).ends_with(R"(","writeKey":"write-key"})"));
 }
 
-TEST_F(StorageTest, UnwritableDocumentsLoseEventsQuietlyUntilWritable) {
+TEST_F(StorageTest, UnwritableDocumentsLoseEventsUntilWritable) {
   writeFile(root_.path() / "blocker", "a file where a directory should be");
   paths_.documents = root_.path() / "blocker" / "Documents";
   auto s = storage();
@@ -400,6 +400,29 @@ TEST_F(StorageTest, LockedBatchesBelongToTheirWriter) {
   EXPECT_FALSE(storage()->claimUploads());
   first.release();
   EXPECT_TRUE(storage()->claimUploads());
+}
+
+// Another writer of the key finished a hundred batches while this one filled one: its next batch
+// goes past all of them, whatever their number, and its next event is stored.
+TEST_F(StorageTest, AWriterFarBehindAnotherGoesPastItsBatches) {
+  auto behind = storage();
+  behind->write(Key::events, event("behind-0"));
+  auto ahead = storage();
+  for (int i = 0; i < 100; ++i) {
+    ahead->write(Key::events, event("ahead-" + std::to_string(i)));
+    (void)ahead->read<Files>(Key::events);  // finishes it
+  }
+  (void)behind->read<Files>(Key::events);
+  behind->write(Key::events, event("behind-1"));
+  (void)behind->read<Files>(Key::events);
+
+  std::set<std::string> stored;
+  for (const auto& entry : fs::directory_iterator(eventsDir())) {
+    const JSON events = eventsIn(entry.path());
+    for (const auto& e : *events.listPointer()) stored.insert(*e["event"]->stringPointer());
+  }
+  EXPECT_EQ(stored.size(), 102u);
+  EXPECT_TRUE(stored.count("behind-1"));
 }
 
 // Unfinished batches below the index are finished at start; torn ones are cut back first, empty
