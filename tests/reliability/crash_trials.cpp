@@ -77,6 +77,7 @@ Options parse(int argc, char** argv) {
 struct Host {
   pid_t pid = -1;
   int output = -1;
+  std::string run;
   std::string pending;  // an unfinished line: not acknowledged
 
   void take(std::set<std::string>& acknowledged) {
@@ -86,7 +87,12 @@ struct Host {
       if (n <= 0) return;
       pending.append(buffer, static_cast<std::size_t>(n));
       for (auto end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
-        if (pending.starts_with("ack ")) acknowledged.insert(pending.substr(4, end - 4));
+        if (pending.starts_with("ack ")) {
+          acknowledged.insert(pending.substr(4, end - 4));
+        } else if (pending.starts_with("Pelora: events")) {
+          // The library says events could not be stored: worth seeing next to a loss.
+          std::cerr << "host " << run << ": " << pending.substr(0, end) << "\n";
+        }
         pending.erase(0, end + 1);
       }
     }
@@ -115,6 +121,7 @@ Host start(const Options& options, const fs::path& data, const std::string& run,
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   Host host;
+  host.run = run;
   if (posix_spawn(&host.pid, options.host.c_str(), &actions, nullptr, argv.data(), environ) != 0)
     throw std::runtime_error("cannot start " + options.host);
   posix_spawn_file_actions_destroy(&actions);
