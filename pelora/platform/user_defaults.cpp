@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <iterator>
@@ -25,13 +27,38 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
+// The hidden name a new version of `file` is written under before it replaces it: "." + the file
+// name + "." + six characters that mkostemp chooses.
+std::string temporaryPrefix(const std::filesystem::path& file) {
+  return "." + file.filename().native() + ".";
+}
+
+// Temporary files that writers killed before their rename left beside `file`. Only called under
+// the suite's lock, which every writer holds from creating its temporary file to renaming it, so
+// none of them is still being written.
+void removeLeftovers(const std::filesystem::path& file) {
+  const std::string prefix = temporaryPrefix(file);
+  std::error_code error;
+  std::filesystem::directory_iterator it(file.parent_path(), error);
+  for (std::filesystem::directory_iterator end; !error && it != end; it.increment(error)) {
+    const std::string name = it->path().filename().native();
+    const bool temporary =
+        name.size() == prefix.size() + 6 && name.starts_with(prefix) &&
+        std::all_of(name.end() - 6, name.end(), [](unsigned char c) { return std::isalnum(c); });
+    if (temporary) {
+      std::error_code ignored;
+      std::filesystem::remove(it->path(), ignored);
+    }
+  }
+}
+
 // Writes `text` to `file` so that a crash at any point leaves either the old or the new content.
 bool replaceAtomically(const std::filesystem::path& file, std::string_view text) {
   std::error_code ignored;
   std::filesystem::create_directories(file.parent_path(), ignored);
 
-  std::string hidden(".");  // a dot file, so that listings skip it
-  hidden.append(file.filename().native()).append(".XXXXXX");
+  std::string hidden = temporaryPrefix(file);  // a dot file, so that listings skip it
+  hidden.append("XXXXXX");
   std::string temp = file.parent_path() / hidden;
   const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
   if (fd < 0) return false;
@@ -147,6 +174,10 @@ bool UserDefaults::synchronize() noexcept {
     if (!lock) return false;
     // Another writer's values are read first, so that this one's changes go on top of them. A
     // missing or corrupt file holds none: this suite's own values go back in.
+    if (!sweptLeftovers_) {
+      removeLeftovers(file_);
+      sweptLeftovers_ = true;
+    }
     Contents current = read(file_);
     if (!current.readable) return false;
     JSON::Map merged = current.map ? std::move(*current.map) : values_;

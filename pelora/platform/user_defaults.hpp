@@ -45,6 +45,7 @@ class UserDefaults {
   JSON::Map values_;
   // Changes not yet written: a value, or nothing for a removal.
   std::map<std::string, std::optional<JSON>, std::less<>> pending_;
+  bool sweptLeftovers_ = false;  // killed writers' temporary files, once per suite
 };
 
 }  // namespace pelora::platform

@@ -115,5 +115,21 @@ TEST_F(UserDefaultsTest, UnwritableDirectoryKeepsValuesAndRetries) {
   EXPECT_EQ(reopened->get("b"), JSON(2));
 }
 
+// A writer killed between writing its temporary file and renaming it leaves the file behind; the
+// next write of the suite removes it (and nothing of other suites, nor the lock).
+TEST_F(UserDefaultsTest, KilledWritersTemporaryFilesAreRemoved) {
+  const fs::path directory = file().parent_path();
+  writeFile(directory / ".suite.json.Ab12Cd", R"({"a":1})");
+  writeFile(directory / ".other.json.Ab12Cd", R"({"a":1})");
+  auto suite = UserDefaults::open(root_, "suite");
+  suite->set("a", JSON(2));
+  ASSERT_TRUE(suite->synchronize());
+
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(directory))
+    names.insert(entry.path().filename().string());
+  EXPECT_EQ(names, (std::set<std::string>{".other.json.Ab12Cd", ".suite.json.lock", "suite.json"}));
+}
+
 }  // namespace
 }  // namespace pelora::platform
