@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -66,22 +67,49 @@ std::multiset<std::string> storedIds(const fs::path& documents) {
   return ids;
 }
 
-TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
-  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+// A 1 MiB tmpfs at `small`, inside a temporary directory on the ordinary disk.
+class DiskFull : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+    fileSystem_.emplace(small, "1m");
+    if (!fileSystem_->error().empty())
+      GTEST_SKIP() << "cannot mount a tmpfs: " << fileSystem_->error();
+  }
+  // A client of `key` that keeps its files under `data` and sends to `collector`, flushing only
+  // when told.
+  static std::shared_ptr<PeloraAnalytics> client(const std::string& key, const fs::path& data,
+                                                 const collector::Collector& collector) {
+    auto configuration = std::make_shared<Configuration>(key, std::nullopt, false);
+    configuration->flushAt(1'000'000)
+        .flushInterval(3600)
+        .paths({data / "Documents", data / "config"})
+        .connectTo({collector.connectTo(productionTrackingHost)})
+        .caBundle(collector.certificates().caFile);
+    return PeloraAnalytics::create(configuration);
+  }
+
+  // Flushes until nothing is left unsent (false after a minute).
+  static bool deliverAll(PeloraAnalytics& analytics) {
+    return test::eventually(
+        [&] {
+          analytics.flush();
+          return !analytics.hasUnsentEvents();
+        },
+        std::chrono::seconds(60));
+  }
+
   test::TempDirectory root;
   const fs::path small = root.path() / "small";
-  SmallFileSystem fileSystem(small, "1m");
-  if (!fileSystem.error().empty()) GTEST_SKIP() << "cannot mount a tmpfs: " << fileSystem.error();
 
+ private:
+  std::optional<SmallFileSystem> fileSystem_;
+};
+
+TEST_F(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
   // Room to free later.
   std::ofstream(small / "ballast", std::ios::binary) << std::string(200'000, 'b');
   collector::Collector collector;
-  auto configuration = std::make_shared<Configuration>("disk-full-key", std::nullopt, false);
-  configuration->flushAt(1'000'000)
-      .flushInterval(3600)
-      .paths({small / "Documents", small / "config"})
-      .connectTo({collector.connectTo(productionTrackingHost)})
-      .caBundle(collector.certificates().caFile);
   // The host hears of the loss: once when it starts, once with the count when it ends.
   std::mutex printedMutex;
   std::vector<std::string> printed;
@@ -92,7 +120,7 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
   struct Restore {
     ~Restore() { PeloraAnalytics::setLogHandler(nullptr); }
   } restore;
-  auto analytics = PeloraAnalytics::create(configuration);
+  auto analytics = client("disk-full-key", small, collector);
   const std::string pad(2'000, 'p');
   for (int i = 0; i < 600; ++i) {  // 1.2 MB of events: the disk fills on the way
     analytics->trackBash("Full", Dictionary{{"id", "1-" + std::to_string(i)}, {"pad", pad}});
@@ -107,12 +135,7 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
   for (int i = 0; i < 50; ++i) {
     analytics->trackBash("Room again", Dictionary{{"id", "2-" + std::to_string(i)}, {"pad", pad}});
   }
-  ASSERT_TRUE(test::eventually(
-      [&] {
-        analytics->flush();
-        return !analytics->hasUnsentEvents();
-      },
-      std::chrono::seconds(60)));
+  ASSERT_TRUE(deliverAll(*analytics));
 
   std::map<std::string, int> arrivals;
   for (const auto& event : collector.events())
@@ -133,24 +156,12 @@ TEST(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
 
 // The collector's own record on a full disk: a batch it cannot write down is refused, not
 // acknowledged, so the sender keeps it and sends it again once there is room; no half line stays.
-TEST(DiskFull, TheCollectorAcknowledgesOnlyWhatItWroteDown) {
-  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
-  test::TempDirectory root;
-  const fs::path small = root.path() / "small";
-  SmallFileSystem fileSystem(small, "1m");
-  if (!fileSystem.error().empty()) GTEST_SKIP() << "cannot mount a tmpfs: " << fileSystem.error();
-
+TEST_F(DiskFull, TheCollectorAcknowledgesOnlyWhatItWroteDown) {
   std::ofstream(small / "ballast", std::ios::binary) << std::string(950'000, 'b');
   collector::CollectorOptions options;
   options.jsonLinesFile = (small / "received.jsonl").string();
   collector::Collector collector(options);
-  auto configuration = std::make_shared<Configuration>("full-collector-key", std::nullopt, false);
-  configuration->flushAt(1'000'000)
-      .flushInterval(3600)
-      .paths({root.path() / "Documents", root.path() / "config"})
-      .connectTo({collector.connectTo(productionTrackingHost)})
-      .caBundle(collector.certificates().caFile);
-  auto analytics = PeloraAnalytics::create(configuration);
+  auto analytics = client("full-collector-key", root.path(), collector);
   const std::string pad(2'000, 'p');
   for (int i = 0; i < 300; ++i) {  // two batches, each larger than the room left
     analytics->trackBash("Kept", Dictionary{{"id", std::to_string(i)}, {"pad", pad}});
@@ -162,12 +173,7 @@ TEST(DiskFull, TheCollectorAcknowledgesOnlyWhatItWroteDown) {
   EXPECT_EQ(fs::file_size(small / "received.jsonl"), 0u) << "half a line was left";
 
   fs::remove(small / "ballast");
-  ASSERT_TRUE(test::eventually(
-      [&] {
-        analytics->flush();
-        return !analytics->hasUnsentEvents();
-      },
-      std::chrono::seconds(60)));
+  ASSERT_TRUE(deliverAll(*analytics));
   std::map<std::string, int> arrivals;
   std::ifstream lines(small / "received.jsonl");
   for (std::string line; std::getline(lines, line);) {
