@@ -2,12 +2,15 @@
 // land inside a write) with flushes against the collector, and after each trackBash returns
 // writes "ack <id>" and a newline to standard output, so the driver knows what was acknowledged
 // (the library prints other lines there too). Runs until killed, or with --events N records N
-// events, waits until everything is delivered and exits.
+// events (per thread), waits until everything is delivered and exits. With --threads N, N threads
+// record at once (their events share syncs), each with its own ids "<run>-<thread>.<n>".
 //
 // usage: pelora_crash_host --data DIR --key KEY --run ID --connect-to ENTRY --ca-file FILE
-//                          [--seed N] [--events N]
+//                          [--seed N] [--events N] [--threads N]
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <iostream>
@@ -15,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include <pelora/pelora.hpp>
 
@@ -28,6 +32,7 @@ struct Options {
   std::string caFile;
   std::uint64_t seed = 1;
   std::int64_t events = -1;  // until killed
+  int threads = 1;
 };
 
 Options parse(int argc, char** argv) {
@@ -49,6 +54,8 @@ Options parse(int argc, char** argv) {
       options.seed = std::stoull(value);
     } else if (name == "--events") {
       options.events = std::stoll(value);
+    } else if (name == "--threads") {
+      options.threads = std::max(1, std::stoi(value));
     } else {
       std::cerr << "pelora_crash_host: unknown option " << name << "\n";
       std::exit(2);
@@ -105,12 +112,26 @@ int main(int argc, char** argv) {
   auto analytics = pelora::PeloraAnalytics::create(configuration);
 
   const auto flushEvery = 10 + random() % 90;
-  for (std::int64_t i = 0; options.events < 0 || i < options.events; ++i) {
-    const std::string id = options.run + "-" + std::to_string(i);
-    analytics->trackBash("Crash trial", properties(random, id));
-    if (!report(id)) return 1;  // the driver has gone
-    if (static_cast<std::uint64_t>(i) % flushEvery == flushEvery - 1) analytics->flush();
-  }
+  std::atomic<bool> driverGone{false};
+  auto record = [&](int thread, std::uint64_t seed) {
+    std::mt19937_64 threadRandom(seed);
+    const std::string prefix =
+        options.threads == 1 ? options.run + "-" : options.run + "-" + std::to_string(thread) + ".";
+    for (std::int64_t i = 0; options.events < 0 || i < options.events; ++i) {
+      const std::string id = prefix + std::to_string(i);
+      analytics->trackBash("Crash trial", properties(threadRandom, id));
+      if (!report(id)) {
+        driverGone = true;
+        return;
+      }
+      if (static_cast<std::uint64_t>(i) % flushEvery == flushEvery - 1) analytics->flush();
+    }
+  };
+  std::vector<std::thread> others;
+  for (int t = 1; t < options.threads; ++t) others.emplace_back(record, t, random());
+  record(0, random());
+  for (auto& thread : others) thread.join();
+  if (driverGone) return 1;
   // Everything recorded: deliver it before exiting.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
   while (analytics->hasUnsentEvents()) {

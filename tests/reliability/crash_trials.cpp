@@ -1,5 +1,6 @@
 // Crash trials: hosts (pelora_crash_host) record events into one data directory and are killed
 // with SIGKILL at random instants, one or two at a time, then restarted on the same directories.
+// A third of the hosts record from 2 to 8 threads at once.
 // At the end a client delivers what is left. Every event that a host acknowledged must have
 // reached the collector; an event may arrive twice only inside a whole batch sent again after a
 // kill took the answer to its first upload (the same batch, accepted around a kill and again
@@ -100,7 +101,7 @@ struct Host {
 };
 
 Host start(const Options& options, const fs::path& data, const std::string& run, std::uint64_t seed,
-           const pelora::collector::Collector& collector) {
+           int threads, const pelora::collector::Collector& collector) {
   int pipeFds[2];
   if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   posix_spawn_file_actions_t actions;
@@ -116,7 +117,9 @@ Host start(const Options& options, const fs::path& data, const std::string& run,
                                               "--connect-to",
                                               collector.connectTo(pelora::productionTrackingHost),
                                               "--ca-file",
-                                              collector.certificates().caFile};
+                                              collector.certificates().caFile,
+                                              "--threads",
+                                              std::to_string(threads)};
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -225,8 +228,10 @@ int main(int argc, char** argv) {
     const int writers = trial % 4 == 3 ? 2 : 1;
     std::vector<Host> hosts;
     for (int w = 0; w < writers; ++w) {
+      // A third of the hosts record from several threads at once, which then share syncs.
+      const int threads = random() % 3 == 0 ? 2 + static_cast<int>(random() % 7) : 1;
       hosts.push_back(start(options, data, std::to_string(trial) + "." + std::to_string(w),
-                            random(), collector));
+                            random(), threads, collector));
     }
     // A fifth of the kills come early, during start-up and recovery.
     const int killMs = random() % 5 == 0 ? static_cast<int>(random() % 60)
