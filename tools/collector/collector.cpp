@@ -28,11 +28,6 @@ ScriptedResponse answer(int status, const std::string& message) {
   return response;
 }
 
-// A body that could not be written down (a full disk) is not taken: the sender keeps it.
-ScriptedResponse notRecorded() {
-  return answer(507, "cannot record it");
-}
-
 // Why `body` is not an object holding `key` of kind `kind`, or nothing when it is.
 std::optional<std::string> missing(const JSON::Map& body, const char* key, JSON::Kind kind,
                                    const char* what) {
@@ -130,7 +125,6 @@ std::string checkedInAppMessage(const std::string& data) {
   return data;
 }
 
-// The workspace of "/push/push/pull/<workspace>/<user>/".
 // `value` with every string longer than `limit` bytes cut to at most `limit` bytes, never inside
 // a UTF-8 sequence, followed by "...(<length> bytes)".
 JSON shortened(const JSON& value, std::size_t limit) {
@@ -154,6 +148,7 @@ JSON shortened(const JSON& value, std::size_t limit) {
   return value;
 }
 
+// The workspace of "/push/push/pull/<workspace>/<user>/".
 std::string workspaceOf(std::string_view path) {
   path.remove_prefix(Collector::pullPath.size());
   return std::string(path.substr(0, path.find('/')));
@@ -186,6 +181,12 @@ struct Collector::State {
   }
   // Under `mutex`. False when the line could not be written (nothing of it is left in the file).
   bool appendJSONLine(const char* kind, const JSON& body);
+  // Under `mutex`: a body that could not be written down (a full disk) is not taken, so that the
+  // sender keeps it.
+  ScriptedResponse notRecorded() {
+    ++counts.unrecorded;
+    return answer(507, "cannot record it");
+  }
 
   const CollectorOptions options;
   mutable std::mutex mutex;
@@ -267,10 +268,7 @@ ScriptedResponse Collector::State::acceptBatch(const JSON& body,
   {
     std::lock_guard lock(mutex);
     // Written down first: what could not be recorded is not acknowledged, so it is sent again.
-    if (!appendJSONLine("batch", body)) {
-      ++counts.unrecorded;
-      return notRecorded();
-    }
+    if (!appendJSONLine("batch", body)) return notRecorded();
     for (const auto& event : received) {
       if (!messageIds.insert(*event.messageId).second) ++seenBefore;
     }
@@ -292,10 +290,7 @@ ScriptedResponse Collector::State::acceptTrackingEvent(const JSON& body) {
   std::size_t number = 0;
   {
     std::lock_guard lock(mutex);
-    if (!appendJSONLine("trackingEvent", body)) {
-      ++counts.unrecorded;
-      return notRecorded();
-    }
+    if (!appendJSONLine("trackingEvent", body)) return notRecorded();
     number = ++counts.trackingEvents;
     if (options.keepEvents) trackingEvents.push_back(body);
     changed.notify_all();
