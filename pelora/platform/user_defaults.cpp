@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <system_error>
+
+#include "pelora/platform/private_files.hpp"
 
 namespace pelora::platform {
 namespace {
@@ -53,26 +53,20 @@ void removeLeftovers(const std::filesystem::path& file) {
 }
 
 // Writes `text` to `file` so that a crash at any point leaves either the old or the new content.
+// The rename replaces whatever had the name (a link included) without touching what it named.
 bool replaceAtomically(const std::filesystem::path& file, std::string_view text) {
-  std::error_code ignored;
-  std::filesystem::create_directories(file.parent_path(), ignored);
-
   std::string hidden = temporaryPrefix(file);  // a dot file, so that listings skip it
   hidden.append("XXXXXX");
   std::string temp = file.parent_path() / hidden;
-  const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool written = writeAll(fd, text) && ::fsync(fd) == 0;
-  if (::close(fd) != 0 || !written || ::rename(temp.c_str(), file.c_str()) != 0) {
+  UniqueFd fd = createTemporaryFile(temp);
+  if (!fd) return false;
+  const bool written = writeAll(fd.get(), text) && ::fsync(fd.get()) == 0;
+  if (::close(fd.release()) != 0 || !written || ::rename(temp.c_str(), file.c_str()) != 0) {
     ::unlink(temp.c_str());
     return false;
   }
   // The rename is durable only once the directory itself is on disk.
-  const int directory = ::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directory >= 0) {
-    ::fsync(directory);
-    ::close(directory);
-  }
+  syncDirectory(file.parent_path());
   return true;
 }
 
@@ -84,13 +78,23 @@ struct Contents {
 };
 
 Contents read(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
+  const UniqueFd in = openOwnFile(file, O_RDONLY);
   if (!in) {
-    std::error_code error;
-    return {!std::filesystem::exists(file, error) && !error, std::nullopt};
+    // Missing, or a link or something else that is not our file: it holds nothing of ours, and
+    // the next write puts a file of ours in its place.
+    return {errno == ENOENT || errno == ELOOP || errno == EPERM, std::nullopt};
   }
-  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) return {false, std::nullopt};
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(in.get(), buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return {false, std::nullopt};
+    }
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
   try {
     JSON json = JSON::parse(text);
     if (const auto* map = json.mapPointer()) return {true, *map};
@@ -111,24 +115,15 @@ JSON::Map load(const std::filesystem::path& file) {
 // An exclusive flock on `path` (created when missing) for the life of the object.
 class FileLock {
  public:
-  explicit FileLock(const std::string& path)
-      : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-    while (fd_ >= 0 && ::flock(fd_, LOCK_EX) != 0) {
-      if (errno != EINTR) {
-        ::close(fd_);
-        fd_ = -1;
-      }
+  explicit FileLock(const std::string& path) : fd_(openOwnFile(path, O_RDWR | O_CREAT)) {
+    while (fd_ && ::flock(fd_.get(), LOCK_EX) != 0) {
+      if (errno != EINTR) fd_.reset();
     }
   }
-  ~FileLock() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-  explicit operator bool() const noexcept { return fd_ >= 0; }
+  explicit operator bool() const noexcept { return static_cast<bool>(fd_); }
 
  private:
-  int fd_;
+  UniqueFd fd_;
 };
 
 bool isSingleFileName(std::string_view name) {
@@ -141,7 +136,7 @@ bool isSingleFileName(std::string_view name) {
 std::optional<UserDefaults> UserDefaults::open(const std::filesystem::path& preferences,
                                                std::string_view name) {
   if (!isSingleFileName(name)) return std::nullopt;
-  UserDefaults suite(preferences / "pelora" / (std::string(name) + ".json"));
+  UserDefaults suite(preferences, preferences / "pelora" / (std::string(name) + ".json"));
   suite.values_ = load(suite.file_);
   return suite;
 }
@@ -166,8 +161,7 @@ void UserDefaults::remove(std::string_view key) {
 bool UserDefaults::synchronize() noexcept {
   if (pending_.empty()) return true;
   try {
-    std::error_code ignored;
-    std::filesystem::create_directories(file_.parent_path(), ignored);
+    if (!makePrivateDirectory(preferences_, "pelora")) return false;
     // A hidden lock file beside the suite: the suite file itself is replaced by every write.
     const std::string lockPath = file_.parent_path() / ("." + file_.filename().native() + ".lock");
     const FileLock lock(lockPath);

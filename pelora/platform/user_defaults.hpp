@@ -39,8 +39,10 @@ class UserDefaults {
   const std::filesystem::path& file() const noexcept { return file_; }
 
  private:
-  explicit UserDefaults(std::filesystem::path file) : file_(std::move(file)) {}
+  UserDefaults(std::filesystem::path preferences, std::filesystem::path file)
+      : preferences_(std::move(preferences)), file_(std::move(file)) {}
 
+  std::filesystem::path preferences_;
   std::filesystem::path file_;
   JSON::Map values_;
   // Changes not yet written: a value, or nothing for a removal.

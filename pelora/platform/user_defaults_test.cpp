@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -113,6 +114,41 @@ TEST_F(UserDefaultsTest, UnwritableDirectoryKeepsValuesAndRetries) {
   auto reopened = UserDefaults::open(root_ / "blocker", "suite");
   EXPECT_EQ(reopened->get("a"), JSON(1));
   EXPECT_EQ(reopened->get("b"), JSON(2));
+}
+
+// The suite, its lock and their directories are the user's alone, whatever the umask; a link
+// planted as the suite or its lock is never written through.
+TEST_F(UserDefaultsTest, FilesArePrivateAndLinksAreNotFollowed) {
+  const fs::path preferences = root_ / "config";
+  const mode_t saved = ::umask(002);
+  auto suite = UserDefaults::open(preferences, "suite");
+  suite->set("a", JSON(1));
+  const bool written = suite->synchronize();
+  ::umask(saved);
+  ASSERT_TRUE(written);
+  const auto mode = [](const fs::path& path) {
+    return static_cast<unsigned>(fs::symlink_status(path).permissions());
+  };
+  for (const fs::path& dir : {preferences, preferences / "pelora"}) EXPECT_EQ(mode(dir), 0700u);
+  for (const fs::path& made : {suite->file(), preferences / "pelora" / ".suite.json.lock"})
+    EXPECT_EQ(mode(made), 0600u) << made;
+
+  const fs::path outside = root_ / "outside";
+  writeFile(outside / "values.json", R"({"b":2})");
+  fs::create_symlink(outside / "values.json", preferences / "pelora" / "linked.json");
+  auto linked = UserDefaults::open(preferences, "linked");
+  EXPECT_EQ(linked->get("b"), std::nullopt);
+  linked->set("c", JSON(3));
+  ASSERT_TRUE(linked->synchronize());
+  std::ifstream target(outside / "values.json");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(target), {}), R"({"b":2})");
+  EXPECT_FALSE(fs::is_symlink(linked->file()));
+
+  fs::create_symlink(outside / "lock", preferences / "pelora" / ".locked.json.lock");
+  auto locked = UserDefaults::open(preferences, "locked");
+  locked->set("d", JSON(4));
+  EXPECT_FALSE(locked->synchronize());
+  EXPECT_FALSE(fs::exists(outside / "lock"));
 }
 
 // A writer killed between writing its temporary file and renaming it leaves the file behind; the
