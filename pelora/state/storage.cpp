@@ -1,6 +1,5 @@
 #include "pelora/state/storage.hpp"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -25,11 +24,15 @@
 #include "pelora/platform/clock.hpp"
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/http_session.hpp"
 #include "pelora/platform/logging.hpp"
+#include "pelora/platform/private_files.hpp"
 #include "pelora/platform/user_defaults.hpp"
 
 namespace pelora {
 namespace {
+
+using platform::UniqueFd;
 
 constexpr std::string_view kSuitePrefix = "com.pelora.storage.";
 constexpr std::string_view kFileSuffix = "-pelora-events";
@@ -134,14 +137,6 @@ bool cutBack(int fd, off_t size) noexcept {
   return ::ftruncate(fd, size) == 0 && ::fdatasync(fd) == 0;
 }
 
-// A rename or a new file is durable only once its directory is.
-void syncDirectory(const std::filesystem::path& directory) noexcept {
-  const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  ::fsync(fd);
-  ::close(fd);
-}
-
 // Renames without ever replacing `to`; 0 or the errno of the failure.
 int renameNoReplace(const char* from, const char* to) noexcept {
   if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
@@ -158,39 +153,24 @@ bool tryLock(int fd) noexcept {
   return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
-// An open descriptor (and the flock on it, if any) that is closed however the scope is left.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) noexcept : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = other.release();
-    }
-    return *this;
-  }
-  int get() const noexcept { return fd_; }
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-  int release() noexcept { return std::exchange(fd_, -1); }
-  void reset() noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
+// Whether anything (a link included) has the name `path`.
+bool named(const std::string& path) noexcept {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0;
+}
 
 // Whether `path` still names the file open as `fd` (someone may have renamed or deleted it
-// between our open and our lock); `info` receives the open file's status.
+// between our open and our lock); `info` receives the open file's status. A link to it does not.
 bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept {
-  struct stat named;
-  return ::fstat(fd, &info) == 0 && info.st_nlink > 0 && ::stat(path.c_str(), &named) == 0 &&
-         named.st_ino == info.st_ino && named.st_dev == info.st_dev;
+  struct stat entry;
+  return ::fstat(fd, &info) == 0 && info.st_nlink > 0 && ::lstat(path.c_str(), &entry) == 0 &&
+         entry.st_ino == info.st_ino && entry.st_dev == info.st_dev;
+}
+
+// Why a batch name could not be opened, when the reason is that what has the name is not a batch
+// file of ours (a link, a directory, a stranger's file): writers pass it by and never touch it.
+bool notOurs(int error) noexcept {
+  return error == ELOOP || error == EPERM || error == EISDIR;
 }
 
 // What an unfinished batch file holds, for recovery: whole events (objects that the strict reader
@@ -363,15 +343,12 @@ std::string safeFileName(std::string_view writeKey) {
 
   std::string encoded;
   const std::size_t head = std::min(writeKey.size(), kMaxLength);
-  if (char* escaped = curl_easy_escape(nullptr, writeKey.data(), static_cast<int>(head))) {
-    for (const char* p = escaped; *p != '\0'; ++p) {
-      if (*p == '.') {
-        encoded.append("%2E");  // so that "." and ".." never appear
-      } else {
-        encoded.push_back(*p);
-      }
+  for (const char c : platform::percentEncoded(writeKey.substr(0, head))) {
+    if (c == '.') {
+      encoded.append("%2E");  // so that "." and ".." never appear
+    } else {
+      encoded.push_back(c);
     }
-    curl_free(escaped);
   }
   if (head == writeKey.size() && !encoded.empty() && encoded.size() <= kMaxLength) return encoded;
 
@@ -542,7 +519,9 @@ struct GroupCommit {
 struct Storage::State {
   std::string writeKey;
   std::string closingEnd;  // `","writeKey":"<key as a JSON string>"}`
-  std::filesystem::path directory;
+  std::filesystem::path documents;
+  std::filesystem::path directory;     // documents / ownDirectory
+  std::filesystem::path ownDirectory;  // "pelora/<key as one file name>"
   std::optional<platform::UserDefaults> suite;
 
   bool recovered = false;
@@ -564,9 +543,9 @@ struct Storage::State {
 
   ~State() { closeCurrent(); }
 
-  void createDirectory() const noexcept {
-    std::error_code ignored;
-    std::filesystem::create_directories(directory, ignored);
+  // False when the events directory cannot be made, or is not ours to keep batches in.
+  bool createDirectory() const noexcept {
+    return platform::makePrivateDirectory(documents, ownDirectory);
   }
 
   std::string pathFor(std::uint64_t number) const { return directory / eventsFileName(number); }
@@ -628,7 +607,7 @@ struct Storage::State {
       error = renameNoReplace(path.c_str(), alternative.c_str());
     }
     if (error == 0) {
-      syncDirectory(directory);
+      platform::syncDirectory(directory);
       return;
     }
     const std::string message =
@@ -697,17 +676,25 @@ struct Storage::State {
   // finished, moves the index on.
   bool openCurrent(bool create) {
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      UniqueFd file(::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+      UniqueFd file = platform::openOwnFile(currentPath, O_RDWR | O_APPEND);
       if (!file) {
-        if (errno != ENOENT || !create) return false;
-        // A finished batch of this number exists: a new one would only take another name.
-        if (::access((currentPath + std::string(kTempExtension)).c_str(), F_OK) == 0) {
+        if (!create) return false;
+        if (notOurs(errno)) {
           skipTakenNumbers();
           continue;
         }
-        createDirectory();
-        file = UniqueFd(::open(currentPath.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-        if (!file) return false;
+        if (errno != ENOENT) return false;
+        // A finished batch of this number exists: a new one would only take another name.
+        if (named(currentPath + std::string(kTempExtension))) {
+          skipTakenNumbers();
+          continue;
+        }
+        if (!createDirectory()) return false;
+        file = platform::createNewFile(currentPath, O_RDWR | O_APPEND);
+        if (!file) {
+          if (errno != EEXIST) return false;
+          continue;  // another writer's new batch, or a link: looked at again
+        }
       }
       if (!tryLock(file.get())) {
         if (!create) return false;  // another writer's current batch: nothing of ours to finish
@@ -724,7 +711,7 @@ struct Storage::State {
           ::unlink(currentPath.c_str());
           return false;
         }
-        syncDirectory(directory);
+        platform::syncDirectory(directory);
       } else {
         const Found found = repair(file.get(), currentPath, info.st_size, holdsEvents);
         if (found == Found::nothing) return false;
@@ -752,7 +739,7 @@ struct Storage::State {
     if (fd < 0 && !openCurrent(false)) return;
     if (!hasEvents) return;
     struct stat info;
-    if (!stillNamed(fd, currentPath, info) && ::access(currentPath.c_str(), F_OK) == 0) {
+    if (!stillNamed(fd, currentPath, info) && named(currentPath)) {
       // Deleted behind our back and the name taken by another writer since: that batch is not
       // ours to finish (ours went with the deletion).
       closeCurrent();
@@ -776,7 +763,7 @@ struct Storage::State {
 
   // Finishes an unfinished batch that no writer holds (a crashed one's).
   void finishStale(const std::string& path) {
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+    const UniqueFd file = platform::openOwnFile(path, O_RDWR | O_APPEND);
     struct stat info;
     if (!file || !tryLock(file.get()) || !stillNamed(file.get(), path, info)) return;
     bool holdsEvents = false;
@@ -816,23 +803,26 @@ struct Storage::State {
   // between the rename and storing the index leaves a ".temp" at the stored index, a lost suite
   // leaves files above it. Unfinished files below the index (a crashed writer's, or a rename that
   // failed earlier) are repaired and finished now; ones that hold no event are deleted. Tried
-  // again while the directory cannot be listed.
-  void recover() {
-    if (recovered) return;
+  // again while the directory cannot be listed. False when there is no directory of ours to keep
+  // batches in (errno says why).
+  bool recover() {
+    if (recovered) return true;
+    if (!createDirectory()) return false;
     std::uint64_t next = index;
     const auto unfinished = unfinishedBatches(next);
-    if (!unfinished) return;
+    if (!unfinished) return true;
     recovered = true;
     for (const std::uint64_t stale : *unfinished) {
       if (stale < next) finishStale(pathFor(stale));
     }
     if (next != index) storeIndex(next);
+    return true;
   }
 
   // Appends `text` ("," + one event's text) to the current batch. Returns the event's ticket
   // for GroupCommit::waitFor, or 0 when nothing was written.
   std::uint64_t append(std::string_view text) {
-    recover();
+    if (!recover()) return lost(errno);
 
     // A batch deleted behind our back (its link count 0) is left for a new one. Looked at now and
     // then rather than for every event: a status call would cost as much as the write itself.
@@ -885,22 +875,23 @@ struct Storage::State {
   }
 
   std::vector<std::filesystem::path> finishAndList() {
-    recover();
+    if (!recover()) return {};
     finish();
     // Batches that crashed writers left behind (or that other clients gave up) go out too.
     std::uint64_t next = index;
     if (const auto unfinished = unfinishedBatches(next)) {
       for (const std::uint64_t stale : *unfinished) finishStale(pathFor(stale));
     }
-    createDirectory();
+    if (!createDirectory()) return {};
     std::vector<std::filesystem::path> files;
     std::error_code error;
     for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
          it.increment(error)) {
       const std::string name = it->path().filename().native();
+      // The entry itself, not what a link names: a link would send a file that is not ours.
       std::error_code typeError;
       if (name.starts_with('.') || it->path().extension().native() != kTempExtension ||
-          !it->is_regular_file(typeError))
+          it->symlink_status(typeError).type() != std::filesystem::file_type::regular)
         continue;
       files.push_back(it->path());
     }
@@ -926,7 +917,9 @@ Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::P
   state_->writeKey = writeKey_;
   // The key as a JSON string, so that the batch stays JSON whatever the key holds.
   state_->closingEnd = std::string(kWriteKeyKey).append(toString(writeKey_)).append("}");
-  state_->directory = paths.documents / "pelora" / name;
+  state_->documents = paths.documents;
+  state_->ownDirectory = std::filesystem::path("pelora") / name;
+  state_->directory = state_->documents / state_->ownDirectory;
   state_->suite = platform::UserDefaults::open(paths.preferences, std::string(kSuitePrefix) + name);
   std::uint64_t stored = 0;
   if (state_->suite) {
@@ -1024,16 +1017,11 @@ void UploadClaim::release() noexcept {
 }
 
 UploadClaim Storage::claimUploads() const {
-  state_->createDirectory();
+  if (!state_->createDirectory()) return {};
   // A hidden file: listings skip it and it never looks like a batch.
-  const std::string path = state_->directory / ".uploads.lock";
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) return {};
-  if (!tryLock(fd)) {
-    ::close(fd);
-    return {};
-  }
-  return UploadClaim(fd);
+  UniqueFd file = platform::openOwnFile(state_->directory / ".uploads.lock", O_RDWR | O_CREAT);
+  if (!file || !tryLock(file.get())) return {};
+  return UploadClaim(file.release());
 }
 
 void Storage::remove(const std::filesystem::path& file) {

@@ -121,7 +121,7 @@ class PELORA_API Storage {
 PELORA_API std::string_view rawValue(Storage::Constants key) noexcept;
 
 namespace detail {
-// The write key as one safe file name: percent-encoded (curl_easy_escape) with "." encoded too,
+// The write key as one safe file name: percent-encoded as a URL component, "." encoded too,
 // so it never holds "/", NUL, "." or ".."; distinct keys give distinct names.
 std::string safeFileName(std::string_view writeKey);
 

@@ -6,6 +6,7 @@
 
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 
@@ -69,6 +70,12 @@ std::string batchOfSize(std::size_t size) {
 // The batch events in a finished file.
 JSON eventsIn(const fs::path& file) {
   return JSON::parse(readFile(file))["batch"].value_or(JSON());
+}
+
+mode_t modeOf(const fs::path& path) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) return 0;
+  return info.st_mode & 07777;
 }
 
 // What `action` prints with debug logs on.
@@ -480,6 +487,65 @@ TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
   EXPECT_NE(output.find(message + "\n"), std::string::npos);  // the console line
   EXPECT_NE(output.find("finish(file:):"), std::string::npos);
   EXPECT_EQ(storedIndex(), JSON(1));
+}
+
+// Batches hold the user's id and event properties: no other user may read them, whatever the
+// umask, and a directory an older version left open is closed up.
+TEST_F(StorageTest, EverythingOnDiskIsPrivate) {
+  leave("0-pelora-events", batchOf({"old"}), "older");
+  for (const fs::path& dir : {paths_.documents, paths_.documents / "pelora", eventsDir("older")})
+    fs::permissions(dir, static_cast<fs::perms>(0755));
+  storage("older")->write(Key::events, event("a"));
+  EXPECT_EQ(modeOf(paths_.documents), 0755u) << "the user's, not ours";
+  EXPECT_EQ(modeOf(paths_.documents / "pelora"), 0700u);
+  EXPECT_EQ(modeOf(eventsDir("older")), 0700u);
+
+  const mode_t saved = ::umask(002);
+  paths_ = {root_.path() / "new" / "Documents", root_.path() / "new" / "config"};
+  auto s = storage();
+  s->write(Key::userId, std::string("user-1"));
+  s->write(Key::events, event("a"));
+  EXPECT_EQ(listed(*s), Names{"0-pelora-events.temp"});
+  s->write(Key::events, event("b"));
+  const UploadClaim claim = s->claimUploads();
+  ::umask(saved);
+
+  EXPECT_TRUE(claim);
+  const fs::path suiteDir = paths_.preferences / "pelora";
+  for (const fs::path& dir : {root_.path() / "new", paths_.documents, paths_.documents / "pelora",
+                              eventsDir(), paths_.preferences, suiteDir})
+    EXPECT_EQ(modeOf(dir), 0700u) << dir;
+  const fs::path suiteFile = suite()->file();
+  for (const fs::path& made :
+       {file("0-pelora-events.temp"), file("1-pelora-events"), file(".uploads.lock"), suiteFile,
+        suiteDir / ("." + suiteFile.filename().string() + ".lock")})
+    EXPECT_EQ(modeOf(made), 0600u) << made;
+}
+
+// Links planted under batch names lead nowhere: the next batch name (a dangling link) is not
+// written through, start-up recovery leaves the target of an unfinished one alone, and a finished
+// one is never listed for upload. Events go into batches of our own.
+TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
+  const fs::path outside = root_.path() / "outside";
+  fs::create_directories(outside);
+  const std::string batchLike = batchOf({"x"}) + ",{\"ty";
+  writeFile(outside / "batch-like", batchLike);
+  writeFile(outside / "private", closedBatchOf("private"));
+  storeIndex(2);
+  fs::create_directories(eventsDir());
+  fs::create_symlink(outside / "batch-like", file("0-pelora-events"));
+  fs::create_symlink(outside / "private", file("1-pelora-events.temp"));
+  fs::create_symlink(outside / "created", file("2-pelora-events"));
+
+  auto s = storage();
+  s->write(Key::events, event("a"));
+  const Names names = listed(*s);
+
+  EXPECT_EQ(readFile(outside / "batch-like"), batchLike);
+  EXPECT_EQ(readFile(outside / "private"), closedBatchOf("private"));
+  EXPECT_FALSE(fs::exists(outside / "created"));
+  ASSERT_EQ(names, Names{"3-pelora-events.temp"});
+  EXPECT_EQ(eventsIn(file(names[0])), JSON(JSON::List{JSON::with(event("a"))}));
 }
 
 // Threads recording at once share syncs: across roll-overs every event lands once, in a whole
