@@ -1,0 +1,55 @@
+// What batch files are called and what they hold: the names of open and finished batches, the
+// fixed pieces of their text, and the scan that tells recovery how much of an unfinished batch is
+// whole. Pure functions, safe on any thread; Storage's batch writer and its recovery use them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace pelora::detail {
+
+// Names: an open batch is "<n>-pelora-events", a finished one the same with ".temp", and a file
+// named like a batch that is none (a stranger's) is set aside with ".unreadable".
+inline constexpr std::string_view kFileSuffix = "-pelora-events";
+inline constexpr std::string_view kTempExtension = ".temp";
+inline constexpr std::string_view kSetAsideExtension = ".unreadable";
+// Text: a batch opens with the header, and finishing appends
+// `],"sentAt":"<time>","writeKey":<key as a JSON string>}`.
+inline constexpr std::string_view kBatchHeader = "{ \"batch\": [";
+inline constexpr std::string_view kSentAtKey = "],\"sentAt\":\"";
+inline constexpr std::string_view kWriteKeyKey = "\",\"writeKey\":";
+
+// "<index>-pelora-events".
+std::string eventsFileName(std::uint64_t index);
+
+// "<n>-pelora-events" (open) or "<n>-pelora-events.temp" (finished).
+struct EventsFileName {
+  std::uint64_t index;
+  bool finished;
+};
+
+// The batch that `name` names, or nothing for any other name.
+std::optional<EventsFileName> parseEventsFileName(std::string_view name);
+
+// What an unfinished batch file holds, for recovery: whole events (objects that the strict reader
+// takes) up to `keep` bytes, perhaps followed by a torn event, or by closing text (then the batch
+// was finished but not renamed).
+struct BatchScan {
+  enum class Kind {
+    headerOnly,  // no more than a prefix of the header: the file holds no event
+    open,        // header and whole events up to `keep`; anything after it is torn
+    closed,      // a finished batch that parses as a whole
+    foreign,     // does not start as a batch file does
+  };
+  Kind kind = Kind::foreign;
+  std::size_t keep = 0;
+  bool hasEvents = false;
+};
+
+// What `text`, the whole content of an unfinished batch file, holds.
+BatchScan scanBatch(std::string_view text);
+
+}  // namespace pelora::detail

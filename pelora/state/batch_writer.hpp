@@ -1,0 +1,167 @@
+// Storage's queue-confined part, Storage::State: the suite, the event-file index and the open batch
+// file; appending, finishing and listing batches (batch_writer.cpp) and recovering what crashed
+// writers left (batch_recovery.cpp). Every member function runs on the storage queue only.
+//
+// Several writers may share an events directory: two clients of one process, or two processes of
+// one application. Each writes only to a batch file it holds an exclusive flock on, from opening it
+// until it is finished and renamed, so a file has one writer at a time and a crashed writer's lock
+// goes with it. A writer that finds its next file locked moves on to the next number; unlocked
+// unfinished files are a crashed writer's, and are repaired and finished by whoever comes next.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pelora/platform/private_files.hpp"
+#include "pelora/platform/user_defaults.hpp"
+#include "pelora/state/batch_format.hpp"
+#include "pelora/state/group_commit.hpp"
+#include "pelora/state/storage.hpp"
+
+namespace pelora {
+namespace detail {
+
+// The function name that batch failures are logged under.
+inline constexpr std::string_view kFinishFunction = "finish(file:)";
+
+// Writes all of `text` at the end of `fd` (opened with O_APPEND).
+bool writeAll(int fd, std::string_view text) noexcept;
+// Drops a torn tail.
+bool cutBack(int fd, off_t size) noexcept;
+// Renames without ever replacing `to`; 0 or the errno of the failure.
+int renameNoReplace(const char* from, const char* to) noexcept;
+// Every writer of a batch file, in this process or another, holds an exclusive flock on it for as
+// long as it has it open; a file that cannot be locked belongs to a live writer.
+bool tryLock(int fd) noexcept;
+// Whether `path` still names the file open as `fd` (someone may have renamed or deleted it
+// between our open and our lock); `info` receives the open file's status. A link to it does not.
+bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept;
+
+}  // namespace detail
+
+struct Storage::State {
+  std::string writeKey;
+  std::string closingEnd;  // `","writeKey":"<key as a JSON string>"}`
+  std::filesystem::path documents;
+  std::filesystem::path directory;     // documents / ownDirectory
+  std::filesystem::path ownDirectory;  // "pelora/<key as one file name>"
+  std::optional<platform::UserDefaults> suite;
+
+  bool recovered = false;
+  std::uint64_t index = 0;
+  std::string currentPath;  // directory / "<index>-pelora-events"
+
+  // The open current batch (locked by us), and whether it holds an event yet. `fd` is the
+  // descriptor of `file`, which a sync in progress may keep open a little longer.
+  int fd = -1;
+  std::shared_ptr<const detail::BatchFile> file;
+  off_t size = 0;  // its size: only this writer changes it while it holds the lock
+  bool hasEvents = false;
+  // When the open batch was last seen to still have a name (see append).
+  std::chrono::nanoseconds lastLinkCheck{0};  // coarseNow()
+  // Whether writes that sync themselves (RWF_DSYNC) work on this kernel and file system.
+  bool syncedWritesWork = true;
+  std::uint64_t lostEvents = 0;  // since the last event that was stored
+  detail::GroupCommit commits;
+
+  ~State() { closeCurrent(); }
+
+  // False when the events directory cannot be made, or is not ours to keep batches in.
+  bool createDirectory() const noexcept {
+    return platform::makePrivateDirectory(documents, ownDirectory);
+  }
+
+  std::string pathFor(std::uint64_t number) const {
+    return directory / detail::eventsFileName(number);
+  }
+
+  void setIndex(std::uint64_t value) {
+    index = value;
+    currentPath = pathFor(index);
+  }
+
+  void storeIndex(std::uint64_t value);
+
+  void advanceIndex() { storeIndex(index + 1); }
+
+  // The current number is taken (finished, or another writer's): goes past every number in use at
+  // once. Stepping one by one, a writer far behind another would walk through each of the other's
+  // batches, and could run out of tries before finding a free number (losing the event).
+  void skipTakenNumbers();
+
+  void closeCurrent() noexcept {
+    file.reset();  // closes it (and so releases the lock) unless a sync still runs on it
+    fd = -1;
+    hasEvents = false;
+  }
+
+  enum class Closing { written, notWritten, torn };
+
+  // Appends `],"sentAt":"<now>","writeKey":"<key>"}`. On failure the file is cut back to what it
+  // was, so a later finish can try again, and the batch is reported. `torn` when even the cut
+  // failed: then nothing may be appended to this descriptor (recovery cuts the tail on reopening).
+  Closing appendClosing(int file, const std::string& path);
+
+  // Moves a closed batch to its ".temp" name, never over an existing one (which a crash or a
+  // stranger may have left); then the name gets a number before ".temp".
+  void moveToTemp(const std::string& path);
+
+  // A file named like a batch that is none of ours: kept for a person to look at, out of the way.
+  // When no name is free it stays where it is, and writers pass it by.
+  void setAside(const std::string& path);
+
+  enum class Found { open, finished, nothing };
+
+  // Brings an unfinished batch that a crashed writer left (and that we have just locked) into a
+  // state we can append to: a torn event or torn closing text is cut back to the end of the last
+  // whole event. A batch that turns out to be closed is moved to ".temp"; an empty or foreign one
+  // is removed or set aside. `hasEventsOut` tells whether an open one holds an event.
+  Found repair(int file, const std::string& path, off_t size, bool& hasEventsOut);
+
+  // Opens the current batch file for appending into `fd`, locked, creating it with the batch
+  // header when `create` is set. A file that another writer holds, or that turns out to be
+  // finished, moves the index on.
+  bool openCurrent(bool create);
+
+  // Closes the current batch, moves it to ".temp" and advances the index. A missing file, or one
+  // holding no event, is left alone: no empty batch, and the index stays. The file is renamed
+  // before its lock goes, so that no other writer can take it for an unfinished one.
+  void finish();
+
+  // Finishes an unfinished batch that no writer holds (a crashed one's).
+  void finishStale(const std::string& path);
+
+  // The unfinished batches in the directory other than our own current one, and the number after
+  // the highest one in use. Nothing when the directory cannot be listed.
+  std::optional<std::vector<std::uint64_t>> unfinishedBatches(std::uint64_t& next) const;
+
+  // First use on the queue. The stored index holds unless the files are ahead of it: a crash
+  // between the rename and storing the index leaves a ".temp" at the stored index, a lost suite
+  // leaves files above it. Unfinished files below the index (a crashed writer's, or a rename that
+  // failed earlier) are repaired and finished now; ones that hold no event are deleted. Tried
+  // again while the directory cannot be listed. False when there is no directory of ours to keep
+  // batches in (errno says why).
+  bool recover();
+
+  // Appends `text` ("," + one event's text) to the current batch. Returns the event's ticket
+  // for GroupCommit::waitFor, or 0 when nothing was written.
+  std::uint64_t append(std::string_view text);
+
+  // An event that found no room (or a failing disk) is lost: the host hears of the first of a run
+  // of them and, once events are stored again, how many there were.
+  std::uint64_t lost(int error);
+
+  // Finishes the current batch and those that crashed writers left, and lists the finished ones.
+  std::vector<std::filesystem::path> finishAndList();
+};
+
+}  // namespace pelora
