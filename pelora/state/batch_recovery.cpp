@@ -17,6 +17,7 @@ using detail::cutBack;
 using detail::kBatchHeader;
 using detail::kFinishFunction;
 using detail::kSetAsideExtension;
+using detail::notOurs;
 using detail::parseEventsFileName;
 using detail::renameNoReplace;
 using detail::scanBatch;
@@ -90,6 +91,7 @@ Storage::State::Found Storage::State::repair(int file, const std::string& path, 
 
 void Storage::State::finishStale(const std::string& path) {
   const UniqueFd file = platform::openOwnFile(path, O_RDWR | O_APPEND);
+  if (!file && notOurs(errno)) setAside(path);
   struct stat info;
   if (!file || !tryLock(file.get()) || !stillNamed(file.get(), path, info)) return;
   bool holdsEvents = false;

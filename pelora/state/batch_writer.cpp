@@ -24,6 +24,7 @@ using detail::kBatchHeader;
 using detail::kFinishFunction;
 using detail::kSentAtKey;
 using detail::kTempExtension;
+using detail::notOurs;
 using detail::renameNoReplace;
 using detail::stillNamed;
 using detail::tryLock;
@@ -74,12 +75,6 @@ bool named(const std::string& path) noexcept {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
-// Why a batch name could not be opened, when the reason is that what has the name is not a batch
-// file of ours (a link, a directory, a stranger's file): writers pass it by and never touch it.
-bool notOurs(int error) noexcept {
-  return error == ELOOP || error == EPERM || error == EISDIR;
-}
-
 }  // namespace
 
 namespace detail {
@@ -120,6 +115,10 @@ bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept {
   struct stat entry;
   return ::fstat(fd, &info) == 0 && info.st_nlink > 0 && ::lstat(path.c_str(), &entry) == 0 &&
          entry.st_ino == info.st_ino && entry.st_dev == info.st_dev;
+}
+
+bool notOurs(int error) noexcept {
+  return error == ELOOP || error == EPERM || error == EISDIR;
 }
 
 }  // namespace detail
@@ -173,6 +172,8 @@ bool Storage::State::openCurrent(bool create) {
     if (!file) {
       if (!create) return false;
       if (notOurs(errno)) {
+        // Out of the way, so that its number cannot hold the index back.
+        setAside(currentPath);
         skipTakenNumbers();
         continue;
       }

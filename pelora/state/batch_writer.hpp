@@ -45,6 +45,9 @@ bool tryLock(int fd) noexcept;
 // Whether `path` still names the file open as `fd` (someone may have renamed or deleted it
 // between our open and our lock); `info` receives the open file's status. A link to it does not.
 bool stillNamed(int fd, const std::string& path, struct stat& info) noexcept;
+// Whether a batch name failed to open because what has the name is not a batch file of ours (a
+// link, a directory, a stranger's file): it is set aside, never followed or written to.
+bool notOurs(int error) noexcept;
 
 }  // namespace detail
 
@@ -115,8 +118,9 @@ struct Storage::State {
   // stranger may have left); then the name gets a number before ".temp".
   void moveToTemp(const std::string& path);
 
-  // A file named like a batch that is none of ours: kept for a person to look at, out of the way.
-  // When no name is free it stays where it is, and writers pass it by.
+  // A file named like a batch that is none of ours (its text, or a link, a directory, a stranger's
+  // file, which the rename does not follow): kept for a person to look at, out of the way. When no
+  // name is free it stays where it is, and writers pass it by.
   void setAside(const std::string& path);
 
   enum class Found { open, finished, nothing };

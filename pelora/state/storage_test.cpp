@@ -524,7 +524,8 @@ TEST_F(StorageTest, EverythingOnDiskIsPrivate) {
 
 // Links planted under batch names lead nowhere: the next batch name (a dangling link) is not
 // written through, start-up recovery leaves the target of an unfinished one alone, and a finished
-// one is never listed for upload. Events go into batches of our own.
+// one is never listed for upload. Events go into batches of our own; the unfinished names are set
+// aside, so that their numbers hold nothing back.
 TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
   const fs::path outside = root_.path() / "outside";
   fs::create_directories(outside);
@@ -546,6 +547,19 @@ TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
   EXPECT_FALSE(fs::exists(outside / "created"));
   ASSERT_EQ(names, Names{"3-pelora-events.temp"});
   EXPECT_EQ(eventsIn(file(names[0])), JSON(JSON::List{JSON::with(event("a"))}));
+  for (const char* left :
+       {"0-pelora-events.unreadable", "1-pelora-events.temp", "2-pelora-events.unreadable"})
+    EXPECT_TRUE(fs::is_symlink(file(left))) << left;
+
+  // Under the highest number there is, a link would have held the index there for good.
+  fs::create_directories(eventsDir("last"));
+  fs::create_symlink(outside / "last", file("18446744073709551615-pelora-events", "last"));
+  auto last = storage("last");
+  last->write(Key::events, event("b"));
+  EXPECT_FALSE(fs::exists(outside / "last"));
+  const Files files = *last->read<Files>(Key::events);
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(eventsIn(files[0]), JSON(JSON::List{JSON::with(event("b"))}));
 }
 
 // Threads recording at once share syncs: across roll-overs every event lands once, in a whole
