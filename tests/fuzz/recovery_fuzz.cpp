@@ -1,9 +1,10 @@
 // Start-up recovery from whatever an earlier run (or anything else) left: unfinished and finished
 // batch files with fuzzed names and contents, torn copies of real batches, and a fuzzed suite
-// holding the index. After a storage starts there, takes one event and lists its batches:
-// a valid finished batch that was there is listed and unchanged; every batch that recovery or
-// finishing produced is strict JSON; every whole event of a torn real batch is still there; and
-// the new event is in exactly one batch.
+// holding the index; some of them are links to files outside, or dangling ones. After a storage
+// starts there, takes one event and lists its batches: a valid finished batch that was there is
+// listed and unchanged; every batch that recovery or finishing produced is strict JSON; every whole
+// event of a torn real batch is still there; the new event is in exactly one batch; and no link is
+// listed or followed (its target is unchanged, a dangling one's is never created).
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -53,7 +55,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fs::remove_all(root());
   const platform::Paths paths{root() / "Documents", root() / "config"};
   const fs::path directory = paths.documents / "pelora" / kKey;
+  const fs::path outside = root() / "outside";
   fs::create_directories(directory);
+  fs::create_directories(outside);
   fs::create_directories(paths.preferences / "pelora");
 
   // The index, as a suite file: a fuzzed number or fuzzed bytes.
@@ -71,6 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::set<std::string> leftTemp = {kKept};  // finished files not of recovery's making
   std::set<std::string> wholeEvents;         // events that must survive recovery
+  std::map<fs::path, std::optional<std::string>> targets;  // of links: content, or none (dangling)
   const int files = input.ConsumeIntegralInRange(0, 4);
   for (int f = 0; f < files; ++f) {
     const auto index = input.ConsumeBool() ? input.ConsumeIntegralInRange<std::uint64_t>(0, 6)
@@ -100,7 +105,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       }
       content += input.ConsumeRandomLengthString(32);
     }
-    if (fs::exists(directory / name)) continue;
+    if (fs::exists(fs::symlink_status(directory / name))) continue;
+    const int kind = input.ConsumeIntegralInRange(0, 3);  // 2: a link to a file, 3: a dangling one
+    if (kind >= 2) {
+      const fs::path target = outside / std::to_string(f);
+      if (kind == 2) std::ofstream(target, std::ios::binary) << content;
+      targets.emplace(target, kind == 2 ? std::optional(content) : std::nullopt);
+      fs::create_symlink(target, directory / name);
+      continue;
+    }
     std::ofstream(directory / name, std::ios::binary) << content;
     if (finished) {
       leftTemp.insert(name);
@@ -117,10 +130,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   PELORA_FUZZ_CHECK(read(directory / kKept) == kept, "the valid finished batch changed");
+  for (const auto& [target, content] : targets) {
+    PELORA_FUZZ_CHECK(content ? read(target) == *content : !fs::exists(target),
+                      "a link was followed: " + target.filename().string());
+  }
   std::map<std::string, int> found;
   bool keptListed = false;
   for (const auto& file : listed) {
     const std::string name = file.filename().string();
+    PELORA_FUZZ_CHECK(!fs::is_symlink(file), "a link is listed for upload: " + name);
     if (name == kKept) keptListed = true;
     if (leftTemp.count(name)) continue;
     const JSON batch = fuzz::readBackWritten(read(file));
