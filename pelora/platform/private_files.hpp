@@ -1,6 +1,6 @@
 // The one place where the library creates and opens its files and directories, private to the user
 // running it: new directories 0700 and new files 0600 whatever the umask, nothing opened through a
-// link. Storage and the user-defaults suite call it from their own queues; it keeps no state.
+// link. Storage and the user-defaults suite call it, from any thread: it keeps no state.
 #pragma once
 
 #include <sys/stat.h>
