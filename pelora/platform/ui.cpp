@@ -137,6 +137,20 @@ SharedApplication& sharedSlot() {
   return *slot;
 }
 
+// Timer arithmetic held at the far end instead of overflowing (a message may ask for a wait of
+// centuries, which must not come out as "at once").
+std::chrono::milliseconds saturatingSum(std::chrono::milliseconds a, std::chrono::milliseconds b) {
+  if (b > std::chrono::milliseconds::zero() && a > std::chrono::milliseconds::max() - b) {
+    return std::chrono::milliseconds::max();
+  }
+  return a + b;
+}
+std::chrono::nanoseconds inNanoseconds(std::chrono::milliseconds interval) {
+  constexpr auto most =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds::max());
+  return interval >= most ? std::chrono::nanoseconds::max() : std::chrono::nanoseconds(interval);
+}
+
 // A timer on the main queue's timer source.
 class MainQueueTimer final : public Timer, public std::enable_shared_from_this<MainQueueTimer> {
  public:
@@ -150,7 +164,8 @@ class MainQueueTimer final : public Timer, public std::enable_shared_from_this<M
       if (!self->repeats_) self->invalidate();
       block(*self);
     });
-    source_->schedule(interval, repeats_ ? interval : std::chrono::milliseconds::zero());
+    source_->schedule(inNanoseconds(interval),
+                      repeats_ ? inNanoseconds(interval) : std::chrono::nanoseconds::zero());
     source_->resume();
   }
   void invalidate() override {
@@ -265,8 +280,8 @@ std::shared_ptr<Timer> HeadlessApplication::scheduledTimer(std::chrono::millisec
     lock.unlock();
     return Application::scheduledTimer(interval, repeats, std::move(block));
   }
-  auto timer =
-      std::make_shared<ManualTimer>(state_->now + interval, interval, repeats, std::move(block));
+  auto timer = std::make_shared<ManualTimer>(saturatingSum(state_->now, interval), interval,
+                                             repeats, std::move(block));
   state_->timers.push_back(timer);
   return timer;
 }
@@ -307,7 +322,7 @@ void HeadlessApplication::useManualClock() {
 
 void HeadlessApplication::advance(std::chrono::milliseconds duration) {
   std::unique_lock lock(state_->mutex);
-  const auto target = state_->now + duration;
+  const auto target = saturatingSum(state_->now, duration);
   for (;;) {
     std::erase_if(state_->timers, [](const auto& timer) { return !timer->valid; });
     auto next = std::min_element(state_->timers.begin(), state_->timers.end(),
@@ -316,7 +331,7 @@ void HeadlessApplication::advance(std::chrono::milliseconds duration) {
     const std::shared_ptr<ManualTimer> timer = *next;
     state_->now = timer->due;
     if (timer->repeats) {
-      timer->due += timer->interval;
+      timer->due = saturatingSum(timer->due, timer->interval);
     } else {
       timer->valid = false;
     }
