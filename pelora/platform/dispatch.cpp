@@ -390,6 +390,14 @@ class TimerSourceImpl;
 
 // One thread that sleeps until the earliest deadline and submits what is due to its queue.
 // Also guards the state of every TimerSourceImpl (timer calls are rare; one lock is plenty).
+// `now` + `delay`, held at the far end of the clock instead of overflowing into the past (a delay
+// of centuries must not fire at once).
+Clock::time_point deadlineAfter(Clock::time_point now, std::chrono::nanoseconds delay) noexcept {
+  if (delay <= std::chrono::nanoseconds::zero()) return now;
+  if (delay > Clock::time_point::max() - now) return Clock::time_point::max();
+  return now + delay;
+}
+
 class TimerThread {
  public:
   static TimerThread& shared() {
@@ -462,7 +470,7 @@ class TimerSourceImpl final : public TimerSource,
     auto& timers = TimerThread::shared();
     std::lock_guard lock(timers.mutex);
     if (cancelled_) return;
-    nextDeadline_ = Clock::now() + std::max(start, std::chrono::nanoseconds::zero());
+    nextDeadline_ = deadlineAfter(Clock::now(), start);
     interval_ = std::max(interval, std::chrono::nanoseconds::zero());
     scheduled_ = true;
     missed_ = false;
@@ -554,8 +562,11 @@ class TimerSourceImpl final : public TimerSource,
       scheduled_ = false;
       return;
     }
-    nextDeadline_ += interval_;
-    if (nextDeadline_ <= now) nextDeadline_ += ((now - nextDeadline_) / interval_ + 1) * interval_;
+    nextDeadline_ = deadlineAfter(nextDeadline_, interval_);
+    if (nextDeadline_ <= now) {
+      nextDeadline_ =
+          deadlineAfter(nextDeadline_, ((now - nextDeadline_) / interval_ + 1) * interval_);
+    }
   }
 
   // On the queue: one firing.
@@ -664,7 +675,7 @@ void asyncAfter(const std::shared_ptr<SerialQueue>& queue, std::chrono::nanoseco
                 Task task) {
   if (!queue) fatalError("asyncAfter needs a queue");
   TimerThread::Entry entry;
-  entry.deadline = Clock::now() + std::max(delay, std::chrono::nanoseconds::zero());
+  entry.deadline = deadlineAfter(Clock::now(), delay);
   entry.queue = queue;
   entry.task = std::move(task);
   auto& timers = TimerThread::shared();
