@@ -230,6 +230,7 @@ TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
   // Something that is not an HTTP server answers: the error says so, not that the URL is bad.
   RawReplyServer notHttp("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n");
   HttpRequest plain;
+  plain.purpose = platform::HttpPurpose::link;  // the only purpose that may go over plain http
   plain.url = "http://127.0.0.1:" + std::to_string(notHttp.port()) + "/";
   Outcome outcome = await(start(*HttpSession::create({}), plain));
   ASSERT_TRUE(outcome.error);

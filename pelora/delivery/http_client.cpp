@@ -79,6 +79,7 @@ std::shared_ptr<platform::HttpTask> HTTPClient::startBatchUpload(const std::stri
     return nullptr;
   }
   platform::HttpRequest request;
+  request.purpose = platform::HttpPurpose::delivery;  // never follows a redirect
   request.method = "POST";
   request.url = std::move(*url);
   request.timeout = requestTimeout;
@@ -117,6 +118,7 @@ void HTTPClient::trackingEventPayload(const JSON& identityId, const std::string&
                       {"profile", JSON(JSON::List(profile))}});
 
   platform::HttpRequest request;
+  request.purpose = platform::HttpPurpose::delivery;  // never follows a redirect
   request.method = "POST";
   request.url = std::move(*url);
   request.timeout = requestTimeout;
@@ -131,6 +133,10 @@ void HTTPClient::trackingEventPayload(const JSON& identityId, const std::string&
         handleResponse(response, error, completion, log, trackingEventFunction, line);
       });
   task->resume();
+}
+
+void HTTPClient::cancelAll() {
+  session_->cancelAll();
 }
 
 void HTTPClient::handleResponse(const std::optional<platform::HttpResponse>& response,

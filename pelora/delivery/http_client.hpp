@@ -89,6 +89,10 @@ class HTTPClient {
                             const JSON& eventData, const std::vector<JSON>& profile,
                             HTTPCompletion completion);
 
+  // Cancels every request of this client still in flight (their completions see a cancelled
+  // transport error), for an owner shutting down.
+  void cancelAll();
+
  private:
   friend struct HTTPClientTestPeer;
 

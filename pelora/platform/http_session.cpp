@@ -235,6 +235,45 @@ HttpError cancelledError() {
   return makeError(HttpError::Code::cancelled, "cancelled", {}, 0);
 }
 
+// What a transfer may receive and follow, by the purpose of its request. Every byte of an answer
+// comes from a service that may be hostile or broken: an answer past its limit ends the transfer
+// as an error instead of growing in memory, and the user's data never follows a redirect.
+struct TransferPolicy {
+  std::size_t maxBodyBytes;    // the body as decoded: a small gzip answer may inflate to GiBs
+  std::size_t maxHeaderBytes;  // all header lines, of redirects and interim answers too
+  long maxRedirects;           // 0: a 3xx answer is the answer
+  const char* protocols;       // of the request itself
+  const char* redirectProtocols;
+};
+
+constexpr std::size_t KiB = 1024;
+constexpr std::size_t MiB = 1024 * KiB;
+
+const TransferPolicy& policyFor(HttpPurpose purpose) noexcept {
+  // clang-format off
+  //                                       body      headers   redirects protocols     redirects to
+  static constexpr TransferPolicy delivery{64 * KiB, 64 * KiB, 0,        "https",      "https"};
+  static constexpr TransferPolicy pull{    4 * MiB,  64 * KiB, 5,        "https",      "https"};
+  static constexpr TransferPolicy link{    64 * KiB, 64 * KiB, 5,        "http,https", "https"};
+  // clang-format on
+  switch (purpose) {
+    case HttpPurpose::messagePull:
+      return pull;
+    case HttpPurpose::link:
+      return link;
+    case HttpPurpose::delivery:
+      break;
+  }
+  return delivery;
+}
+
+HttpError tooLargeError(const TransferPolicy& policy) {
+  return makeError(HttpError::Code::responseTooLarge, "The server's answer was too large",
+                   "over " + std::to_string(policy.maxBodyBytes) + " bytes of body or " +
+                       std::to_string(policy.maxHeaderBytes) + " bytes of header",
+                   CURLE_WRITE_ERROR);
+}
+
 class Engine;
 
 class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
@@ -270,7 +309,11 @@ struct Transfer {
   curl_slist* headers = nullptr;
   std::string body;  // POSTFIELDS points here
   int fd = -1;       // the upload file
+  const TransferPolicy* policy = &policyFor(HttpPurpose::delivery);
   std::string responseBody;
+  std::size_t headerBytes = 0;
+  bool tooLarge = false;     // the answer went past the policy's limits
+  bool outOfMemory = false;  // the answer could not be kept
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
   // Starts once the connection is ready: connecting has its own limit, and waiting in curl's
@@ -286,24 +329,44 @@ struct Transfer {
     if (fd >= 0) ::close(fd);
   }
 
-  void touch() {
+  void touch() noexcept {
     if (lastActivity) lastActivity = Clock::now();
   }
 };
 
-size_t onWrite(char* data, size_t size, size_t count, void* context) {
+// The callbacks below run inside libcurl, which is C: nothing may be thrown through it. Returning
+// less than was handed over ends the transfer (CURLE_WRITE_ERROR).
+
+size_t onWrite(char* data, size_t size, size_t count, void* context) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
-  transfer->responseBody.append(data, size * count);
+  const size_t bytes = size * count;
   transfer->touch();
-  return size * count;
+  if (bytes > transfer->policy->maxBodyBytes - transfer->responseBody.size()) {
+    transfer->tooLarge = true;
+    return 0;
+  }
+  try {
+    transfer->responseBody.append(data, bytes);
+  } catch (...) {
+    transfer->outOfMemory = true;
+    return 0;
+  }
+  return bytes;
 }
 
-size_t onHeader(char*, size_t size, size_t count, void* context) {
-  static_cast<Transfer*>(context)->touch();
-  return size * count;
+size_t onHeader(char*, size_t size, size_t count, void* context) noexcept {
+  auto* transfer = static_cast<Transfer*>(context);
+  const size_t bytes = size * count;
+  transfer->touch();
+  if (bytes > transfer->policy->maxHeaderBytes - transfer->headerBytes) {
+    transfer->tooLarge = true;
+    return 0;
+  }
+  transfer->headerBytes += bytes;
+  return bytes;
 }
 
-size_t onRead(char* buffer, size_t size, size_t count, void* context) {
+size_t onRead(char* buffer, size_t size, size_t count, void* context) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
   for (;;) {
     ssize_t n = ::read(transfer->fd, buffer, size * count);
@@ -316,20 +379,20 @@ size_t onRead(char* buffer, size_t size, size_t count, void* context) {
 }
 
 // curl rewinds the body when it retries on a fresh connection or follows a redirect.
-int onSeek(void* context, curl_off_t offset, int origin) {
+int onSeek(void* context, curl_off_t offset, int origin) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
   return ::lseek(transfer->fd, static_cast<off_t>(offset), origin) < 0 ? CURL_SEEKFUNC_FAIL
                                                                        : CURL_SEEKFUNC_OK;
 }
 
-int onConnectionReady(void* context, char*, char*, int, int) {
+int onConnectionReady(void* context, char*, char*, int, int) noexcept {
   static_cast<Transfer*>(context)->lastActivity = Clock::now();
   return CURL_PREREQFUNC_OK;
 }
 
 struct Message {
-  enum class Kind { start, cancel } kind;
-  std::shared_ptr<Task> task;
+  enum class Kind { start, cancel, cancelAll } kind;
+  std::shared_ptr<Task> task;  // none for cancelAll
 };
 
 class Engine : public std::enable_shared_from_this<Engine> {
@@ -400,11 +463,15 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void attach(CURLM* multi, const std::shared_ptr<Task>& task);
   void attachWaiting(CURLM* multi);
   void cancel(CURLM* multi, const std::shared_ptr<Task>& task);
+  void cancelAll(CURLM* multi);
+  void handle(CURLM* multi, const Message& message);
   void collectFinished(CURLM* multi);
   void expireIdle(CURLM* multi);
   int waitMilliseconds() const;
   std::unique_ptr<Transfer> makeTransfer(const std::shared_ptr<Task>& task,
                                          std::optional<HttpError>& error);
+  std::vector<std::string> headerLines(const HttpRequest& request, bool hasBody) const;
+  void setTransport(CURL* easy, Transfer& transfer, std::chrono::milliseconds idle) const;
   void deliver(const std::shared_ptr<Task>& task, const std::optional<HttpResponse>& response,
                const std::optional<HttpError>& error);
   std::unique_ptr<Transfer> detach(CURLM* multi, CURL* easy);
@@ -460,23 +527,27 @@ void Engine::run(CURLM* multi) {
         break;
       }
     }
-    for (auto& message : messages) {
-      if (message.kind == Message::Kind::start) {
-        start(multi, message.task);
-      } else {
-        cancel(multi, message.task);
-      }
-    }
-    messages.clear();
+    bool attachedMore = false;
+    // Nothing may leave this thread as an exception (that would end the process): what fails here
+    // for want of memory is reported by the transfer it belongs to where that is possible.
+    try {
+      for (const auto& message : messages) handle(multi, message);
+      messages.clear();
 
-    int running = 0;
-    curl_multi_perform(multi, &running);
-    collectFinished(multi);
-    expireIdle(multi);
-    if (!waiting_.empty() && transfers_.size() < maxAttachedTransfers) {
-      attachWaiting(multi);
-      continue;  // lets curl start the newly attached transfers before waiting
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      collectFinished(multi);
+      expireIdle(multi);
+      if (!waiting_.empty() && transfers_.size() < maxAttachedTransfers) {
+        attachWaiting(multi);
+        attachedMore = true;
+      }
+    } catch (const std::exception& failure) {
+      messages.clear();
+      printLine(std::string("pelora: the HTTP worker ran out of resources: ") + failure.what(),
+                LogLevel::error);
     }
+    if (attachedMore) continue;  // lets curl start the newly attached transfers before waiting
     {
       // The session may have gone while this round ran (its wakeup spent on the round): then
       // there is nothing to wait for, and the worker must end now rather than after a long poll.
@@ -493,6 +564,20 @@ void Engine::run(CURLM* multi) {
   currentWorkerMulti = nullptr;
   // Closes the cached connections.
   curl_multi_cleanup(multi);
+}
+
+void Engine::handle(CURLM* multi, const Message& message) {
+  switch (message.kind) {
+    case Message::Kind::start:
+      start(multi, message.task);
+      break;
+    case Message::Kind::cancel:
+      cancel(multi, message.task);
+      break;
+    case Message::Kind::cancelAll:
+      cancelAll(multi);
+      break;
+  }
 }
 
 void Engine::start(CURLM* multi, const std::shared_ptr<Task>& task) {
@@ -520,7 +605,13 @@ void Engine::attach(CURLM* multi, const std::shared_ptr<Task>& task) {
     return;
   }
   std::optional<HttpError> error;
-  auto transfer = makeTransfer(task, error);
+  std::unique_ptr<Transfer> transfer;
+  try {
+    transfer = makeTransfer(task, error);
+  } catch (const std::exception& failure) {
+    error =
+        makeError(HttpError::Code::other, "The request could not be created", failure.what(), 0);
+  }
   if (!transfer) {
     deliver(task, std::nullopt, error);
     return;
@@ -547,6 +638,12 @@ void Engine::cancel(CURLM* multi, const std::shared_ptr<Task>& task) {
   deliver(task, std::nullopt, cancelledError());
 }
 
+void Engine::cancelAll(CURLM* multi) {
+  std::vector<std::shared_ptr<Task>> tasks(waiting_.begin(), waiting_.end());
+  for (const auto& [easy, transfer] : transfers_) tasks.push_back(transfer->task);
+  for (const auto& task : tasks) cancel(multi, task);
+}
+
 std::unique_ptr<Transfer> Engine::detach(CURLM* multi, CURL* easy) {
   auto node = transfers_.extract(easy);
   curl_multi_remove_handle(multi, easy);
@@ -562,21 +659,38 @@ void Engine::collectFinished(CURLM* multi) {
     CURLcode result = message->data.result;
     auto transfer = detach(multi, easy);
     if (!transfer) continue;
+    if (transfer->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+      deliver(transfer->task, std::nullopt, tooLargeError(*transfer->policy));
+      continue;
+    }
+    if (transfer->outOfMemory) {
+      deliver(transfer->task, std::nullopt,
+              makeError(HttpError::Code::other, "The server's answer could not be kept",
+                        "out of memory", CURLE_WRITE_ERROR));
+      continue;
+    }
     if (result != CURLE_OK) {
       deliver(transfer->task, std::nullopt,
               errorFor(result, transfer->errorBuffer, connected(easy)));
       continue;
     }
-    HttpResponse response;
-    long status = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-    response.status = static_cast<int>(status);
-    curl_header* previous = nullptr;
-    while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
-      response.headers.emplace_back(header->name, header->value);
-      previous = header;
+    std::optional<HttpResponse> response(std::in_place);
+    try {
+      long status = 0;
+      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+      response->status = static_cast<int>(status);
+      curl_header* previous = nullptr;
+      while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
+        response->headers.emplace_back(header->name, header->value);
+        previous = header;
+      }
+      response->body = std::move(transfer->responseBody);
+    } catch (const std::exception&) {
+      deliver(transfer->task, std::nullopt,
+              makeError(HttpError::Code::other, "The server's answer could not be kept",
+                        "out of memory", 0));
+      continue;
     }
-    response.body = std::move(transfer->responseBody);
     deliver(transfer->task, response, std::nullopt);
   }
 }
@@ -634,35 +748,25 @@ std::string headerLine(const std::string& name, const std::string& value) {
   return value.empty() ? name + ";" : name + ": " + value;
 }
 
-std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task,
-                                               std::optional<HttpError>& error) {
-  auto transfer = std::make_unique<Transfer>();
-  transfer->task = task;
-  HttpRequest& request = task->request;
-  transfer->easy = curl_easy_init();
-  if (!transfer->easy) {
-    error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
-    return nullptr;
-  }
-  CURL* easy = transfer->easy;
-  Transfer* context = transfer.get();
+bool sendsBody(const HttpRequest& request, bool upload) {
+  return upload || !request.body.empty() || request.method == "POST" || request.method == "PUT" ||
+         request.method == "PATCH";
+}
 
-  bool hasBody = !request.body.empty() || request.method == "POST" || request.method == "PUT" ||
-                 request.method == "PATCH";
-  curl_off_t uploadSize = 0;
-  if (task->uploadFile) {
-    hasBody = true;
-    transfer->fd = ::open(task->uploadFile->c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat info {};
-    if (transfer->fd < 0 || ::fstat(transfer->fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-      error = makeError(HttpError::Code::fileError, "The upload file could not be read",
-                        *task->uploadFile, 0);
-      return nullptr;
-    }
-    uploadSize = static_cast<curl_off_t>(info.st_size);
+// The upload file, opened for the transfer to stream; its size, or nothing (with `error` set).
+std::optional<curl_off_t> openUploadFile(Transfer& transfer, const std::string& path,
+                                         std::optional<HttpError>& error) {
+  transfer.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  struct stat info {};
+  if (transfer.fd < 0 || ::fstat(transfer.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    error = makeError(HttpError::Code::fileError, "The upload file could not be read", path, 0);
+    return std::nullopt;
   }
+  return static_cast<curl_off_t>(info.st_size);
+}
 
-  // Session fields first; a request field of the same name replaces the session's value.
+// The header lines to send: the session's fields, replaced by the request's own of the same name.
+std::vector<std::string> Engine::headerLines(const HttpRequest& request, bool hasBody) const {
   HttpHeaders fields = options.headers;
   for (const auto& field : request.headers) {
     auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& existing) {
@@ -691,26 +795,25 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
     // Without this, curl holds bodies over 1 MiB for up to a second waiting for 100-continue.
     lines.push_back("Expect:");
   }
-  for (const auto& line : lines) {
-    curl_slist* list = curl_slist_append(transfer->headers, line.c_str());
-    if (!list) {
-      error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
-      return nullptr;
-    }
-    transfer->headers = list;
-  }
+  return lines;
+}
 
-  auto idle = request.timeout.value_or(options.requestTimeout);
-  transfer->idleTimeout = idle;
-
-  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+// What a transfer may receive and where it may go, from its purpose's policy.
+void applyPolicy(CURL* easy, const TransferPolicy& policy) {
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, policy.protocols);
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, policy.redirectProtocols);
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, policy.maxRedirects > 0 ? 1L : 0L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, policy.maxRedirects);
+  // Answers may come compressed; the body limit counts the bytes as decoded.
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(policy.maxBodyBytes));
+}
+
+// Where and how the transfer connects, its time limits and the callbacks that see its bytes.
+void Engine::setTransport(CURL* easy, Transfer& transfer, std::chrono::milliseconds idle) const {
+  Transfer* context = &transfer;
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
   curl_easy_setopt(easy, CURLOPT_PRIVATE, context);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onWrite);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, context);
@@ -720,33 +823,74 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, context);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idle.count()));
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(options.resourceTimeout.count()));
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
   if (connectTo_) curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connectTo_);
   if (!options.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle.c_str());
+}
 
+// The method and the body: a file streamed with its size, a body in memory, or none.
+void applyMethod(CURL* easy, Transfer& transfer, HttpRequest& request,
+                 std::optional<curl_off_t> uploadSize, bool hasBody) {
+  Transfer* context = &transfer;
   const std::string method = request.method.empty() ? "GET" : request.method;
-  if (task->uploadFile) {
+  if (uploadSize) {
     // POST with a known size: a Content-Length body read from the file as curl sends it.
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, onRead);
     curl_easy_setopt(easy, CURLOPT_READDATA, context);
     curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, onSeek);
     curl_easy_setopt(easy, CURLOPT_SEEKDATA, context);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, uploadSize);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, *uploadSize);
   } else if (hasBody) {
-    transfer->body = std::move(request.body);
+    transfer.body = std::move(request.body);
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(transfer->body.size()));
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->body.data());
+                     static_cast<curl_off_t>(transfer.body.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer.body.data());
   } else if (method == "GET") {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
   } else if (method == "HEAD") {
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
   }
   if (method != "GET" && method != "HEAD" && !(hasBody && method == "POST")) {
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
   }
+}
+
+std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task,
+                                               std::optional<HttpError>& error) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->task = task;
+  HttpRequest& request = task->request;
+  transfer->policy = &policyFor(request.purpose);
+  transfer->easy = curl_easy_init();
+  if (!transfer->easy) {
+    error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
+    return nullptr;
+  }
+  CURL* easy = transfer->easy;
+
+  std::optional<curl_off_t> uploadSize;
+  if (task->uploadFile) {
+    uploadSize = openUploadFile(*transfer, *task->uploadFile, error);
+    if (!uploadSize) return nullptr;
+  }
+  const bool hasBody = sendsBody(request, uploadSize.has_value());
+  for (const auto& line : headerLines(request, hasBody)) {
+    curl_slist* list = curl_slist_append(transfer->headers, line.c_str());
+    if (!list) {
+      error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
+      return nullptr;
+    }
+    transfer->headers = list;
+  }
+  const auto idle = request.timeout.value_or(options.requestTimeout);
+  transfer->idleTimeout = idle;
+
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+  applyPolicy(easy, *transfer->policy);
+  setTransport(easy, *transfer, idle);
+  applyMethod(easy, *transfer, request, uploadSize, hasBody);
   return transfer;
 }
 
@@ -767,6 +911,8 @@ class Session final : public HttpSession {
     return std::make_shared<Task>(engine_, std::move(request), std::move(filePath),
                                   std::move(completion));
   }
+
+  void cancelAll() override { engine_->post({Message::Kind::cancelAll, nullptr}); }
 
  private:
   std::shared_ptr<Engine> engine_;

@@ -37,7 +37,21 @@ struct PELORA_API HttpSessionOptions {
   bool ephemeral = true;
 };
 
+// What a request is for. It alone decides what the answer may be: how large, whether a redirect is
+// followed, and over which protocols (the table in http_session.cpp).
+enum class HttpPurpose {
+  // The user's data to the tracking service (a batch, a tracking event): https only, no redirect
+  // (a 3xx is the answer), an answer of a few KiB.
+  delivery,
+  // A long poll for in-app messages: https only, https redirects only, an answer of a few MiB.
+  messagePull,
+  // A GET of a link the service handed out (a message's open notification): http or https,
+  // https redirects only, an answer of a few KiB.
+  link,
+};
+
 struct PELORA_API HttpRequest {
+  HttpPurpose purpose = HttpPurpose::delivery;
   std::string method = "GET";
   std::string url;  // absolute
   HttpHeaders headers;
@@ -66,6 +80,7 @@ struct PELORA_API HttpError {
     badURL,
     badServerResponse,  // something answered, but not with HTTP
     fileError,          // the upload file could not be read
+    responseTooLarge,   // the answer (decoded) or its header went past what the purpose allows
     other,
   };
   Code code = Code::other;
@@ -110,6 +125,9 @@ class PELORA_API HttpSession {
   // A suspended task sending the file at `filePath` as the body, streamed with a Content-Length.
   virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::string filePath,
                                                HttpCompletion completion) = 0;
+  // Cancels every task of this session that has not completed (each completes with cancelled);
+  // later tasks run as usual. For an owner shutting down, so that no transfer outlives it.
+  virtual void cancelAll() = 0;
 
  protected:
   HttpSession() = default;
