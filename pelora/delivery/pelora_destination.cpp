@@ -70,6 +70,17 @@ void PeloraDestination::shutdown() {
     client = std::move(httpClient_);
   }
   // Released unlocked: stopping the timer may wait for a firing that takes mutex_.
+  timer.reset();
+  // Uploads still in flight end now (their batches stay for the next run), including those of an
+  // HTTP client that settings replaced: no transfer outlives the client's shutdown.
+  std::vector<std::shared_ptr<platform::HttpTask>> running;
+  uploadsQueue_->sync([&] {
+    for (const auto& info : uploads_) {
+      if (info.task) running.push_back(info.task);
+    }
+  });
+  for (const auto& task : running) task->cancel();
+  if (client) client->cancelAll();
 }
 
 void PeloraDestination::update(const Settings& settings, UpdateType /*type*/) {

@@ -78,6 +78,8 @@ void PeloraMonitorEvent::shutdown() {
     std::lock_guard lock(mutex_);
     client = std::move(httpClient_);
   }
+  // Posts still in flight end now: no transfer outlives the client's shutdown.
+  if (client) client->cancelAll();
 }
 
 std::shared_ptr<HTTPClient> PeloraMonitorEvent::httpClient() const {
