@@ -28,16 +28,26 @@ std::string lowercased(std::string text) {
   return text;
 }
 
-// A long poll is held open by the service until it has a message: no limit on the whole
-// transfer (the phone's default session allows a week), only on silence.
-std::shared_ptr<platform::HttpSession> makeSession(const IAMManager::Setup& setup) {
+// A long poll is held open by the service until it has a message: a minute of silence ends it, and
+// so does the pull time limit, so that a service dripping its answer cannot hold it for ever.
+std::shared_ptr<platform::HttpSession> makeSession(const std::vector<std::string>& connectTo,
+                                                   const std::string& caBundle,
+                                                   std::chrono::milliseconds pullTimeLimit) {
   platform::HttpSessionOptions options;
   options.requestTimeout = 60s;
-  options.resourceTimeout = std::chrono::hours(24 * 7);
+  options.resourceTimeout = pullTimeLimit > 0ms ? pullTimeLimit : IAMManager::kPullTimeLimit;
   options.ephemeral = false;
-  options.connectTo = setup.connectTo;
-  options.caBundle = setup.caBundle;
+  options.connectTo = connectTo;
+  options.caBundle = caBundle;
   return platform::HttpSession::create(std::move(options));
+}
+
+// One component of the pull path: percent-encoded, so that a key or id holding "/", "?", "#",
+// spaces or line breaks stays one component; "." and ".." also lose their meaning as path steps.
+// Ordinary keys and ids keep their bytes.
+std::string pathComponent(const std::string& text) {
+  if (text == "." || text == "..") return text == "." ? "%2E" : "%2E%2E";
+  return platform::percentEncoded(text);
 }
 
 std::shared_ptr<platform::SerialQueue> retryQueue() {
@@ -57,8 +67,9 @@ IAMManager::IAMManager() : hostDomain_(productionIAMBaseURL) {}
 
 void IAMManager::start(Setup setup) {
   print("IAM : Init -enableIAM");
-  auto session = makeSession(setup);
+  auto session = makeSession(setup.connectTo, setup.caBundle, setup.pullTimeLimit);
   std::shared_ptr<platform::HttpTask> previous;
+  std::shared_ptr<platform::TimerSource> retry;
   {
     std::lock_guard lock(mutex_);
     hostDomain_ = std::move(setup.hostDomain);
@@ -67,10 +78,13 @@ void IAMManager::start(Setup setup) {
     retryDelay_ = setup.retryDelay;
     connectTo_ = setup.connectTo;
     caBundle_ = setup.caBundle;
+    pullTimeLimit_ = setup.pullTimeLimit;
     defaultSession_ = std::move(session);
     ++generation_;  // a loop of an earlier start ends with its pull
     previous = std::move(dataTask_);
+    retry = std::move(retryTimer_);
   }
+  if (retry) retry->cancel();
   if (previous) previous->cancel();
   print("--- Start Polling ----");
   longPoll();
@@ -83,13 +97,23 @@ void IAMManager::longPoll() {
 void IAMManager::stopPolling() {
   std::shared_ptr<platform::HttpTask> task;
   std::shared_ptr<platform::HttpSession> session;
+  std::vector<std::weak_ptr<platform::HttpTask>> notices;
+  std::shared_ptr<platform::TimerSource> retry;
   {
     std::lock_guard lock(mutex_);
     ++generation_;
     task = std::move(dataTask_);
-    session = std::move(defaultSession_);  // its worker thread ends once the pull is cancelled
+    session = std::move(defaultSession_);
+    notices = std::move(noticeTasks_);
+    retry = std::move(retryTimer_);
   }
+  // A cancelled wait leaves the timer thread free to end; cancelled transfers let the sessions'
+  // worker threads end now rather than when the service lets go.
+  if (retry) retry->cancel();
   if (task) task->cancel();
+  for (const auto& notice : notices) {
+    if (auto running = notice.lock()) running->cancel();
+  }
   session.reset();
   // A completion that passed its generation check just before may still be starting the next
   // pull with its own hold on the session; it sees the new generation and lets go. Not from such
@@ -135,8 +159,8 @@ void IAMManager::startPolling() {
     print("--- Error : Pelora SDK isn't initialized ---");
     return;
   }
-  const std::string text =
-      hostDomain_ + "/push/push/pull/" + workSpaceId_ + "/" + peloraUserId_ + "/";
+  const std::string text = hostDomain_ + "/push/push/pull/" + pathComponent(workSpaceId_) + "/" +
+                           pathComponent(peloraUserId_) + "/";
   auto stored = std::move(dataTask_);
   const auto session = defaultSession_;
   const auto generation = generation_;
@@ -144,9 +168,16 @@ void IAMManager::startPolling() {
   print(text);
   if (stored) stored->cancel();
   const auto url = platform::normalizedURL(text);
-  if (!url || !session) return;
+  if (!url) {
+    platform::printLine("Pelora: in-app messages are off: \"" + text +
+                            "\" is not a valid pull address (check the message host)",
+                        LogLevel::warning);
+    return;
+  }
+  if (!session) return;
 
   platform::HttpRequest request;
+  request.purpose = platform::HttpPurpose::messagePull;
   request.url = *url;
   std::weak_ptr<IAMManager> weak = weak_from_this();
   auto holder = std::make_shared<std::weak_ptr<platform::HttpTask>>();
@@ -207,8 +238,10 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
     longPoll();
     return;
   }
+  // A timer rather than a plain delayed task, so that stopping can call the wait off.
   std::weak_ptr<IAMManager> weak = weak_from_this();
-  platform::asyncAfter(retryQueue(), delay, [weak, generation] {
+  auto retry = platform::TimerSource::create(retryQueue());
+  retry->setHandler([weak, generation] {
     auto self = weak.lock();
     if (!self) return;
     std::optional<CallbackScope> running;
@@ -219,6 +252,15 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
     }
     self->longPoll();
   });
+  retry->schedule(delay, std::chrono::nanoseconds::zero());
+  std::shared_ptr<platform::TimerSource> replaced;
+  {
+    std::lock_guard lock(mutex_);
+    if (generation != generation_) return;  // stopped meanwhile: the timer goes unstarted
+    replaced = std::exchange(retryTimer_, retry);
+  }
+  if (replaced) replaced->cancel();
+  retry->resume();
 }
 
 void IAMManager::appendError(const std::string& text) {
@@ -250,8 +292,7 @@ void IAMManager::handleBody(const std::string& body) {
     if (auto data = answer->decodedData()) {
       print("Type: " + description(data->activeType));
       print("Value: " + description(data->activeValue));
-      std::lock_guard lock(mutex_);
-      mQueue_.enqueue(std::move(*data));
+      enqueue(std::move(*data));
     }
   }
   bool waiting = false;
@@ -264,6 +305,27 @@ void IAMManager::handleBody(const std::string& body) {
   platform::SerialQueue::main()->async([weak] {
     if (auto self = weak.lock()) self->showNext();
   });
+}
+
+void IAMManager::enqueue(IAMData data) {
+  std::uint64_t dropped = 0;
+  {
+    std::lock_guard lock(mutex_);
+    mQueue_.enqueue(std::move(data));
+    while (mQueue_.count() > kMaxQueuedMessages) {
+      mQueue_.dequeue();
+      dropped = ++dropped_;
+    }
+  }
+  // Said at the first drop and then at each power of ten, so that a flood cannot flood the log.
+  if (dropped == 0) return;
+  std::uint64_t mark = 1;
+  while (mark < dropped && mark <= UINT64_MAX / 10) mark *= 10;
+  if (mark != dropped) return;
+  platform::printLine("Pelora: " + std::to_string(dropped) +
+                          " in-app messages dropped unshown so far: the service sent more than " +
+                          std::to_string(kMaxQueuedMessages) + " faster than they could be shown",
+                      LogLevel::warning);
 }
 
 void IAMManager::showNext() {
@@ -286,7 +348,8 @@ void IAMManager::showNext() {
     return;
   }
   std::weak_ptr<IAMManager> weak = weak_from_this();
-  const std::int64_t seconds = *next->activeValue;
+  // The service's number, however large, must not overflow into "at once".
+  const std::int64_t seconds = std::min<std::int64_t>(*next->activeValue, kMaxShowDelay.count());
   application->scheduledTimer(std::chrono::seconds(seconds), false,
                               [weak, data = *next](platform::ui::Timer& timer) {
                                 if (auto self = weak.lock()) self->present(data, "IAM Ads Timer");
@@ -345,36 +408,38 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   {
     std::lock_guard lock(mutex_);
     session = defaultSession_;
-    if (!session) {
-      // Polling stopped (or never started): a session for this request alone, whose thread ends
-      // with it.
-      Setup transport;
-      transport.connectTo = connectTo_;
-      transport.caBundle = caBundle_;
-      session = makeSession(transport);
-    }
+    // Polling stopped (or never started): a session for this request alone, whose thread ends
+    // with it.
+    if (!session) session = makeSession(connectTo_, caBundle_, pullTimeLimit_);
   }
   platform::HttpRequest request;
+  request.purpose = platform::HttpPurpose::link;
   request.method = "GET";
   request.url = *url;
   request.timeout = 60s;
   print(platform::cURL(request, true));
-  auto task = session->dataTask(std::move(request), [](const auto& response, const auto& error) {
-    if (error) {
-      print("Error uploading request " + error->description);
-      return;
-    }
-    const int status = response ? response->status : 0;
-    if (status >= 1 && status <= 299) {
-      print("OK");
-    } else if (status >= 300 && status <= 399) {
-      print("Server responded with unexpected HTTP code " + std::to_string(status));
-    } else if (status == 429) {
-      print("Server limited client with response code " + std::to_string(status));
-    } else {
-      print("Server rejected payload with HTTP code " + std::to_string(status));
-    }
-  });
+  const auto task =
+      session->dataTask(std::move(request), [](const auto& response, const auto& error) {
+        if (error) {
+          print("Error uploading request " + error->description);
+          return;
+        }
+        const int status = response ? response->status : 0;
+        if (status >= 1 && status <= 299) {
+          print("OK");
+        } else if (status >= 300 && status <= 399) {
+          print("Server responded with unexpected HTTP code " + std::to_string(status));
+        } else if (status == 429) {
+          print("Server limited client with response code " + std::to_string(status));
+        } else {
+          print("Server rejected payload with HTTP code " + std::to_string(status));
+        }
+      });
+  {
+    std::lock_guard lock(mutex_);
+    std::erase_if(noticeTasks_, [](const auto& notice) { return notice.expired(); });
+    noticeTasks_.push_back(task);
+  }
   task->resume();
 }
 

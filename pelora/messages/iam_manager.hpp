@@ -18,6 +18,7 @@
 #include "pelora/core/export.hpp"
 #include "pelora/messages/iam_records.hpp"
 #include "pelora/platform/concurrency.hpp"
+#include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/http_session.hpp"
 #include "pelora/platform/ui.hpp"
 
@@ -36,7 +37,17 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
     // Beyond the phone's behaviour, off (zero) by default: the wait before the next pull after a
     // pull that failed (a network error or an answer other than 200).
     std::chrono::milliseconds retryDelay{0};
+    // The longest one pull may take, however the service drips its answer; the next one follows.
+    std::chrono::milliseconds pullTimeLimit{kPullTimeLimit};
   };
+
+  // A pull is held open by the service until it has a message; past this it is started afresh.
+  static constexpr std::chrono::milliseconds kPullTimeLimit{std::chrono::minutes(5)};
+  // Messages waiting to be shown; past this the oldest unshown one is dropped (a service may send
+  // them faster than anyone can read them).
+  static constexpr std::size_t kMaxQueuedMessages = 16;
+  // The longest wait before a timed message is shown.
+  static constexpr std::chrono::seconds kMaxShowDelay{std::chrono::hours(24)};
 
   // The single instance, made on first use; never destroyed.
   static std::shared_ptr<IAMManager> shared();
@@ -64,6 +75,8 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::int64_t countDown() const noexcept { return countDown_; }
   // Messages received and not yet shown.
   std::size_t queuedCount() const;
+  // Messages dropped unshown because the queue was full, since the process began.
+  std::uint64_t droppedCount() const noexcept { return dropped_.load(); }
 
   IAMManager();
   IAMManager(const IAMManager&) = delete;
@@ -75,6 +88,8 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
                     const std::optional<platform::HttpResponse>& response,
                     const std::optional<platform::HttpError>& error);
   void handleBody(const std::string& body);
+  // Queues `data`, dropping the oldest unshown messages past kMaxQueuedMessages.
+  void enqueue(IAMData data);
   void appendError(const std::string& text);
   // Main queue.
   void showNext();
@@ -89,6 +104,10 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   Queue<IAMData> mQueue_;
   std::shared_ptr<platform::HttpTask> dataTask_;
   std::shared_ptr<platform::HttpSession> defaultSession_;  // none while stopped
+  // Open notifications in flight (a session drops a task once it completes); ended with the pulls.
+  std::vector<std::weak_ptr<platform::HttpTask>> noticeTasks_;
+  std::shared_ptr<platform::TimerSource> retryTimer_;  // the wait before the next pull, if any
+  std::chrono::milliseconds pullTimeLimit_{kPullTimeLimit};
   std::vector<std::string> connectTo_;
   std::string caBundle_;
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
@@ -98,6 +117,7 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::condition_variable callbacksDone_;
   std::string errorMessage_;
   std::atomic<std::uint64_t> pullsStarted_{0};
+  std::atomic<std::uint64_t> dropped_{0};
 
   // Main queue only.
   bool isPresenting_ = false;

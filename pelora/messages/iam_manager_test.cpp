@@ -9,6 +9,7 @@
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/logging.hpp"
+#include "tests/support/https_server.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tests/support/waiting.hpp"
@@ -182,6 +183,80 @@ TEST_F(IAMManagerTest, TimeMessagesWaitTheirSeconds) {
   auto immediate = shown();
   ASSERT_TRUE(immediate);
   EXPECT_EQ(immediate->title, "IAM Ads Immediately");
+  close(immediate);
+  screen.application->advance(300ms);
+
+  // The largest number the service can send waits (a day at most) instead of overflowing into
+  // "at once".
+  collector.queueInAppMessage(
+      test::iamData(R"("activeType":"time","activeValue":9223372036854775807)"));
+  ASSERT_TRUE(eventually([&] {
+    return platform::SerialQueue::main()->sync([&] { return manager->isPresenting(); });
+  }));
+  screen.application->advance(5s);
+  EXPECT_EQ(screen.top(), nullptr);
+}
+
+// Each part of the pull address is one path component whatever the key or id holds, and ordinary
+// ones keep their bytes; an address that cannot be formed says so instead of polling silently.
+TEST_F(IAMManagerTest, PullAddressesCannotBeBentByTheKeyOrTheUser) {
+  test::TestHttpsServer server;
+  server.setDefaultResponse({.delay = 20s});
+  auto setupFor = [&](std::string key, std::string user) {
+    IAMManager::Setup setup = test::setupFor(collector, std::move(key), std::move(user));
+    setup.connectTo = {server.connectTo(test::iamHost())};
+    setup.caBundle = server.certificates().caFile;
+    return setup;
+  };
+  const std::vector<std::pair<std::pair<std::string, std::string>, std::string>> cases = {
+      {{"Key-1_a.b~c", "DEVICE-1"}, "Key-1_a.b~c/DEVICE-1/"},
+      {{"u/../../../../admin", ".."}, "u%2F..%2F..%2F..%2F..%2Fadmin/%2E%2E/"},
+      {{"k?x=1#f", "a b\r\nc"}, "k%3Fx%3D1%23f/a%20b%0D%0Ac/"},
+      {{std::string("nul\0key", 7), ""}, "nul%00key//"},
+  };
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const auto& [input, expected] = cases[i];
+    SCOPED_TRACE(expected);
+    manager->start(setupFor(input.first, input.second));
+    ASSERT_TRUE(server.waitForRequests(i + 1));
+    EXPECT_EQ(server.requests()[i].target, "/push/push/pull/" + expected);
+  }
+  manager->stopPolling();
+
+  std::mutex mutex;
+  std::string printed;
+  platform::setLogHandler([&](LogLevel level, std::string_view line) {
+    std::lock_guard lock(mutex);
+    if (level == LogLevel::warning) printed.append(line).append("\n");
+  });
+  auto broken = setupFor("key", "user");
+  broken.hostDomain = "https://bad host";
+  manager->start(broken);
+  const bool warned = eventually([&] {
+    std::lock_guard lock(mutex);
+    return printed.find("in-app messages are off") != std::string::npos;
+  });
+  platform::setLogHandler(nullptr);
+  EXPECT_TRUE(warned) << printed;
+}
+
+// A service that drips its answer cannot hold a pull past the pull time limit: the next one
+// follows.
+TEST_F(IAMManagerTest, APullEndsAtItsTimeLimitHoweverTheServiceDrips) {
+  test::TestHttpsServer server;
+  server.setDefaultResponse({.body = " ",
+                             .contentType = "application/octet-stream",
+                             .streamBytes = test::ScriptedResponse::kEndless,
+                             .pieceDelay = 50ms});
+  auto setup = test::setupFor(collector);
+  setup.connectTo = {server.connectTo(test::iamHost())};
+  setup.caBundle = server.certificates().caFile;
+  setup.pullTimeLimit = 500ms;
+  const auto begin = std::chrono::steady_clock::now();
+  manager->start(setup);
+  ASSERT_TRUE(server.waitForRequests(2, 10s));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 500ms);
+  manager->stopPolling();
 }
 
 // A host may end its process while a pull is held open: exit() neither hangs nor crashes.
