@@ -91,7 +91,9 @@ class Walk {
 
  private:
   static constexpr int kMaxSteps = 10'000;
-  static constexpr int kMaxNesting = 256;
+  // A path within KeyPath::maxComponents nests one level per component, with room left for
+  // "@path" and "@if" hops on the way.
+  static constexpr int kMaxNesting = 2 * static_cast<int>(KeyPath::maxComponents);
 
   class Step {
    public:
@@ -219,14 +221,17 @@ std::any transformValue(const std::any& value, const std::map<std::string, std::
 }  // namespace
 
 std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath) {
+  if (!keyPath.withinLimit()) return {};
   return Walk({&dictionary, nullptr}).find(keyPath.text());
 }
 
 std::any valueForKeyPath(const JSON& object, const KeyPath& keyPath) {
+  if (!keyPath.withinLimit()) return {};
   return Walk({nullptr, object.mapPointer()}).find(keyPath.text());
 }
 
 void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath) {
+  if (!keyPath.withinLimit()) return;
   writePath(dictionary, std::move(value), keyPath.text());
 }
 

@@ -35,11 +35,13 @@ using Dictionary = std::map<std::string, std::any>;
 using ValueTransform = std::function<std::any(const std::string& key, const std::any& value)>;
 
 // The value at `keyPath`, or an empty std::any when there is none. A lookup takes at most a fixed
-// number of steps: "@path" and "@if" values that refer to themselves find nothing.
+// number of steps: "@path" and "@if" values that refer to themselves find nothing. A path of more
+// than KeyPath::maxComponents components finds nothing.
 PELORA_API std::any valueForKeyPath(const Dictionary& dictionary, const KeyPath& keyPath);
 
 // Stores `value` at `keyPath`, creating dictionaries for missing levels and replacing
-// non-dictionary values on the way; an empty `value` removes the entry.
+// non-dictionary values on the way; an empty `value` removes the entry. A path of more than
+// KeyPath::maxComponents components changes nothing.
 PELORA_API void setValueForKeyPath(Dictionary& dictionary, std::any value, const KeyPath& keyPath);
 
 class JSON;

@@ -518,6 +518,26 @@ TEST(JSONKeyPaths, WritesCreateLevelsAndKeepValueSemantics) {
   EXPECT_EQ(before.toString(), R"({"a":{"keep":true},"s":"x"})");
 }
 
+// One limit both ways: what a path writes, the same path reads back; a longer path does neither
+// (a write past what reads reach would leave a value nobody can find).
+TEST(JSONKeyPaths, WritesAndReadsShareOneLengthLimit) {
+  for (const std::size_t components :
+       {std::size_t{1}, KeyPath::maxComponents, KeyPath::maxComponents + 1, std::size_t{267}}) {
+    SCOPED_TRACE(components);
+    std::string path = "k";
+    for (std::size_t i = 1; i < components; ++i) path += ".k";
+    const bool allowed = components <= KeyPath::maxComponents;
+    JSON json(JSON::Map{});
+    json.setValue(7, path);
+    EXPECT_EQ(json.value<int>(path), allowed ? std::optional(7) : std::nullopt);
+    EXPECT_EQ(json == JSON(JSON::Map{}), !allowed);
+    Dictionary dictionary;
+    setValueForKeyPath(dictionary, 7, path);
+    EXPECT_EQ(dictionary.empty(), !allowed);
+    EXPECT_EQ(valueForKeyPath(dictionary, path).has_value(), allowed);
+  }
+}
+
 TEST(JSONKeyPaths, PathAndIfIndirectionsResolveAgainstTheRoot) {
   Dictionary d{
       {"context", Dictionary{{"id", std::string("abc")}, {"empty", std::string()}}},
