@@ -191,7 +191,41 @@ void HttpsServer::State::handle(const httplib::Request& request, httplib::Respon
   }
   response.status = answer->status;
   for (const auto& [name, value] : answer->headers) response.set_header(name, value);
-  response.set_content(answer->body, answer->contentType);
+  if (answer->streamBytes == 0 || answer->body.empty()) {
+    response.set_content(answer->body, answer->contentType);
+    return;
+  }
+  // The pieces go out after this handler returns, on the connection's thread; the state outlives
+  // every connection (stop() waits for them).
+  auto piece = std::make_shared<const std::string>(std::move(answer->body));
+  const std::uint64_t total = answer->streamBytes;
+  const auto pause = answer->pieceDelay;
+  auto next = [this, piece, total, pause](std::uint64_t offset, httplib::DataSink& sink) {
+    if (pause.count() > 0) {
+      std::unique_lock lock(mutex);
+      if (changed.wait_for(lock, pause, [&] { return stopping; })) return false;
+    } else {
+      std::lock_guard lock(mutex);
+      if (stopping) return false;
+    }
+    const std::uint64_t size = std::min<std::uint64_t>(piece->size(), total - offset);
+    return sink.write(piece->data(), static_cast<std::size_t>(size));
+  };
+  if (answer->declareLength) {
+    response.set_content_provider(static_cast<std::size_t>(total), answer->contentType,
+                                  [next](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                                    return next(offset, sink);
+                                  });
+  } else {
+    response.set_chunked_content_provider(
+        answer->contentType, [next, total](std::size_t offset, httplib::DataSink& sink) {
+          if (offset >= total) {
+            sink.done();
+            return true;
+          }
+          return next(offset, sink);
+        });
+  }
 }
 
 HttpsServer::HttpsServer(Certificates certificates, int port)
@@ -209,12 +243,14 @@ HttpsServer::HttpsServer(Certificates certificates, int port)
   auto handler = [state](const httplib::Request& request, httplib::Response& response) {
     state->handle(request, response);
   };
-  server.Get(".*", handler);
-  server.Post(".*", handler);
-  server.Put(".*", handler);
-  server.Patch(".*", handler);
-  server.Delete(".*", handler);
-  server.Options(".*", handler);
+  // Every path, also one whose decoded form holds a line break (which "." does not match).
+  const std::string any = R"([\s\S]*)";
+  server.Get(any, handler);
+  server.Post(any, handler);
+  server.Put(any, handler);
+  server.Patch(any, handler);
+  server.Delete(any, handler);
+  server.Options(any, handler);
 
   if (port == 0) {
     state->port = server.bind_to_any_port("127.0.0.1");

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -37,6 +38,14 @@ struct ScriptedResponse {
   Headers headers{};
   std::chrono::milliseconds delay{0};  // before answering; cut short when the server stops
   bool dropConnection = false;         // close the connection instead of answering
+  // A streamed answer instead: `body` sent as one piece after another until `streamBytes` have
+  // gone (kEndless: until the client gives up), waiting `pieceDelay` before each piece. Chunked,
+  // or with a Content-Length of `streamBytes` when `declareLength`. For huge, endless and
+  // dripping answers.
+  std::uint64_t streamBytes = 0;
+  std::chrono::milliseconds pieceDelay{0};
+  bool declareLength = false;
+  static constexpr std::uint64_t kEndless = ~std::uint64_t{0};
 };
 
 // PEM files: the authority clients trust, and the server's certificate and key.
