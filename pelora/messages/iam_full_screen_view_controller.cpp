@@ -116,13 +116,15 @@ void IAMFullScreenViewController::close() {
 }
 
 void IAMFullScreenViewController::decidePolicy(platform::ui::WebView& /*webView*/,
-                                               const std::optional<std::string>& url,
+                                               const platform::ui::NavigationAction& action,
                                                std::function<void(NavigationActionPolicy)> decide) {
-  const std::string link = url.value_or("");
+  const std::string link = action.url.value_or("");
   if (link.find("http") != std::string::npos) {
     print(link);
     auto application = platform::ui::Application::shared();
-    if (platform::isAbsoluteURL(link) && application->canOpenURL(link)) {
+    // Message content is not trusted to open anything on its own: a script, a refresh or a frame
+    // pointing at a link is not a person choosing it.
+    if (action.userInitiated && platform::isAbsoluteURL(link) && application->canOpenURL(link)) {
       const std::string target = (iamData ? iamData->actionClick.value_or("") : "") + link;
       print("Open URL --- " + target);
       if (platform::isAbsoluteURL(target)) application->openURL(target);

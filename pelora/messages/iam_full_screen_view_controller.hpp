@@ -35,9 +35,11 @@ class PELORA_API IAMFullScreenViewController : public platform::ui::ViewControll
   void viewSafeAreaInsetsDidChange() override;
   // One countdown step (every second): the step after 0 closes the view and tells the manager.
   void updateCounter();
-  // http(s) links open (behind actionClick) and close the view without telling the manager;
-  // "pelora://exit" closes it and tells the manager; everything else loads.
-  void decidePolicy(platform::ui::WebView& webView, const std::optional<std::string>& url,
+  // http(s) links a person follows open (behind actionClick) and close the view without telling
+  // the manager; ones the page follows by itself are refused and the view stays; "pelora://exit"
+  // closes it and tells the manager (a countdown script may close its own message); everything
+  // else loads.
+  void decidePolicy(platform::ui::WebView& webView, const platform::ui::NavigationAction& action,
                     std::function<void(platform::ui::NavigationActionPolicy)> decide) override;
 
  private:

@@ -94,33 +94,46 @@ TEST_F(IAMViewTest, ClosesOnTheTickAfterZeroAndTellsTheManager) {
   screen.application->advance(300ms);  // the manager's hand-over
 }
 
-// Links: http(s) ones open behind actionClick and close the view without telling the manager;
-// the exit link (a query allowed) closes it and tells the manager; an exit link whose query holds
-// "http" is an external link that cannot be opened; anything else loads.
+// Links a person follows: http(s) ones open behind actionClick and close the view without telling
+// the manager; the exit link (a query allowed) closes it and tells the manager; an exit link whose
+// query holds "http" is an external link that cannot be opened, as is any other scheme; anything
+// else loads. What the page follows by itself (scripts, refreshes, frames) opens nothing and
+// leaves the view up, though it may still close its message through the exit link.
 TEST_F(IAMViewTest, NavigationsOpenCloseOrLoad) {
   struct Case {
     std::string fields;
     std::string link;
+    bool clicked;
     NavigationActionPolicy policy;
     std::string opened;  // empty: nothing opened
     bool closed;
     bool managerTold;
   };
+  const std::string actionClick = R"("actionClick":"https://r.example/c?u=")";
   const std::vector<Case> cases = {
-      {R"("closingAfter":5)", "https://example.com/a?b=1", NavigationActionPolicy::cancel,
+      {R"("closingAfter":5)", "https://example.com/a?b=1", true, NavigationActionPolicy::cancel,
        "https://example.com/a?b=1", true, false},
-      {R"("actionClick":"https://r.example/c?u=")", "http://example.com/x",
-       NavigationActionPolicy::cancel, "https://r.example/c?u=http://example.com/x", true, false},
-      {"", "pelora://exit?reason=done", NavigationActionPolicy::cancel, "", true, true},
-      {"", "pelora://exit?next=http", NavigationActionPolicy::cancel, "", false, false},
-      {"", "about:blank", NavigationActionPolicy::allow, "", false, false},
+      {actionClick, "http://example.com/x", true, NavigationActionPolicy::cancel,
+       "https://r.example/c?u=http://example.com/x", true, false},
+      {"", "pelora://exit?reason=done", true, NavigationActionPolicy::cancel, "", true, true},
+      {"", "pelora://exit?next=http", true, NavigationActionPolicy::cancel, "", false, false},
+      {"", "ssh://host?http", true, NavigationActionPolicy::cancel, "", false, false},
+      {"", "about:blank", true, NavigationActionPolicy::allow, "", false, false},
+      {R"("closingAfter":5)", "https://example.com/a", false, NavigationActionPolicy::cancel, "",
+       false, false},
+      {actionClick, "probe-scheme://x?via=http", false, NavigationActionPolicy::cancel, "", false,
+       false},
+      {"", "pelora://exit", false, NavigationActionPolicy::cancel, "", true, true},
+      {"", "about:blank", false, NavigationActionPolicy::allow, "", false, false},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.link);
+    SCOPED_TRACE(c.link + (c.clicked ? " (clicked)" : " (by the page)"));
     auto view = show(c.fields);
     const auto openedBefore = screen.application->openedURLs().size();
     NavigationActionPolicy policy = NavigationActionPolicy::allow;
-    const std::string printed = printedBy([&] { policy = view->webView->navigate(c.link); });
+    const std::string printed = printedBy([&] {
+      policy = view->webView->navigate(platform::ui::NavigationAction{c.link, c.clicked});
+    });
     EXPECT_EQ(policy, c.policy);
     const auto opened = screen.application->openedURLs();
     if (c.opened.empty()) {
@@ -132,10 +145,10 @@ TEST_F(IAMViewTest, NavigationsOpenCloseOrLoad) {
     }
     EXPECT_EQ(screen.top() == nullptr, c.closed);
     EXPECT_EQ(printed.find("dismissIAM ...") != std::string::npos, c.managerTold) << printed;
-    if (c.link == "pelora://exit?next=http") {
+    if (c.opened.empty() && c.link.find("http") != std::string::npos) {
       EXPECT_NE(printed.find("Link Invalid --- " + c.link), std::string::npos) << printed;
     }
-    // An opened link leaves the countdown running, as it always did.
+    // An opened link leaves the countdown running, as it always did; a refused one too.
     if (c.fields == R"("closingAfter":5)") {
       EXPECT_TRUE(view->timer->isValid());
     }

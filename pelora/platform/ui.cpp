@@ -74,11 +74,15 @@ void WebView::loadHTMLString(std::string html) {
 }
 
 NavigationActionPolicy WebView::navigate(const std::optional<std::string>& url) {
+  return navigate(NavigationAction{url, true});
+}
+
+NavigationActionPolicy WebView::navigate(const NavigationAction& action) {
   auto delegate = navigationDelegate();
   if (!delegate) return NavigationActionPolicy::allow;
   // A delegate that decides later than this call leaves the navigation to its default.
   auto decided = std::make_shared<NavigationActionPolicy>(NavigationActionPolicy::allow);
-  delegate->decidePolicy(*this, url,
+  delegate->decidePolicy(*this, action,
                          [decided](NavigationActionPolicy policy) { *decided = policy; });
   return *decided;
 }

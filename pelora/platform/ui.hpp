@@ -123,12 +123,22 @@ class PELORA_API Label : public View {
 
 class WebView;
 
+// One navigation of a web view: where it goes and how it came about.
+struct PELORA_API NavigationAction {
+  // The target; nothing when it has none.
+  std::optional<std::string> url;
+  // A person started it (a click, a key press) rather than the page on its own (a script, a
+  // refresh, a frame loading, the document's first load).
+  bool userInitiated = false;
+};
+
 // Decides every navigation of a web view, its first load included.
 class PELORA_API NavigationDelegate {
  public:
   virtual ~NavigationDelegate() = default;
-  // `url` is the navigation's target (nothing when it has none); `decide` must be called once.
-  virtual void decidePolicy(WebView& webView, const std::optional<std::string>& url,
+  // `decide` must be called once. Allowing a navigation lets the view follow it only as far as
+  // its toolkit lets a page go (a real one keeps to the document it was given).
+  virtual void decidePolicy(WebView& webView, const NavigationAction& action,
                             std::function<void(NavigationActionPolicy)> decide) = 0;
 };
 
@@ -149,9 +159,11 @@ class PELORA_API WebView : public View {
   virtual void loadHTMLString(std::string html);
   // The last document loaded, if any.
   const std::optional<std::string>& loadedHTML() const noexcept { return html_; }
-  // A navigation to `url` (a link followed in the page): asks the delegate, and returns what it
+  // A person following a link to `url` in the page: asks the delegate, and returns what it
   // decided (allow when there is no delegate). The headless view does nothing more.
   NavigationActionPolicy navigate(const std::optional<std::string>& url);
+  // The same for any navigation, one the page starts by itself included.
+  NavigationActionPolicy navigate(const NavigationAction& action);
 
  private:
   bool opaque_ = true;

@@ -2,11 +2,15 @@
 
 #include <cmath>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
+#include <utility>
 
+#include "pelora/platform/console.hpp"
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/gtk/message_content.hpp"
 #include "pelora/platform/http_session.hpp"
 
 namespace pelora::gtk {
@@ -118,9 +122,11 @@ class LabelView final : public platform::ui::Label, public Widget {
 
 class WebKitView final : public platform::ui::WebView, public Widget {
  public:
-  explicit WebKitView(Rect frame) : WebView(frame), view_(WEBKIT_WEB_VIEW(webkit_web_view_new())) {
+  WebKitView(Rect frame, const detail::MessageContent& content)
+      : WebView(frame), view_(content.makeWebView()) {
     g_object_ref_sink(view_);
     g_signal_connect(view_, "decide-policy", G_CALLBACK(&WebKitView::decide), this);
+    g_signal_connect(view_, "create", G_CALLBACK(&WebKitView::create), this);
     changed();
   }
   ~WebKitView() override {
@@ -148,29 +154,64 @@ class WebKitView final : public platform::ui::WebView, public Widget {
   }
 
  private:
-  // Every navigation (the HTML's own load too) goes to the delegate; responses and new windows
-  // keep WebKit's default.
+  // What the delegate is told: the target, and whether WebKit counts it as a person's gesture
+  // (scripts on their own, refreshes and frame loads are not).
+  static platform::ui::NavigationAction navigationOf(WebKitNavigationAction* action) {
+    platform::ui::NavigationAction navigation;
+    WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+    if (const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr) {
+      navigation.url = uri;
+    }
+    navigation.userInitiated = webkit_navigation_action_is_user_gesture(action);
+    return navigation;
+  }
+
+  // Every navigation (the HTML's own load too) and every new window goes to the delegate. Whatever
+  // it decides, the view shows nothing but the message's own document, and never opens a window
+  // or downloads: what WebKit cannot show is dropped.
   static gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision,
                          WebKitPolicyDecisionType type, WebKitView* self) {
-    if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
-    auto delegate = self->navigationDelegate();
-    if (!delegate) return FALSE;
-    WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
-        WEBKIT_NAVIGATION_POLICY_DECISION(decision));
-    WebKitURIRequest* request = webkit_navigation_action_get_request(action);
-    const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
-    std::optional<std::string> url;
-    if (uri) url = uri;
-    g_object_ref(decision);
-    delegate->decidePolicy(*self, url, [decision](platform::ui::NavigationActionPolicy policy) {
-      if (policy == platform::ui::NavigationActionPolicy::allow) {
+    if (type == WEBKIT_POLICY_DECISION_TYPE_RESPONSE) {
+      auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+      WebKitURIRequest* request = webkit_response_policy_decision_get_request(response);
+      if (webkit_response_policy_decision_is_mime_type_supported(response) && request &&
+          detail::MessageContent::isOwnDocument(webkit_uri_request_get_uri(request))) {
         webkit_policy_decision_use(decision);
       } else {
         webkit_policy_decision_ignore(decision);
       }
-      g_object_unref(decision);
-    });
+      return TRUE;
+    }
+    const auto navigation = navigationOf(webkit_navigation_policy_decision_get_navigation_action(
+        WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
+    const bool mayLoad = type == WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION && navigation.url &&
+                         detail::MessageContent::isOwnDocument(navigation.url->c_str());
+    auto delegate = self->navigationDelegate();
+    if (!delegate) {
+      mayLoad ? webkit_policy_decision_use(decision) : webkit_policy_decision_ignore(decision);
+      return TRUE;
+    }
+    g_object_ref(decision);
+    delegate->decidePolicy(*self, navigation,
+                           [decision, mayLoad](platform::ui::NavigationActionPolicy policy) {
+                             if (mayLoad && policy == platform::ui::NavigationActionPolicy::allow) {
+                               webkit_policy_decision_use(decision);
+                             } else {
+                               webkit_policy_decision_ignore(decision);
+                             }
+                             g_object_unref(decision);
+                           });
     return TRUE;
+  }
+
+  // window.open (which asks no policy first): no window ever, though the delegate hears of it
+  // like any navigation, so that one a person clicked for opens as a link would.
+  static GtkWidget* create(WebKitWebView*, WebKitNavigationAction* action, WebKitView* self) {
+    if (auto delegate = self->navigationDelegate()) {
+      delegate->decidePolicy(*self, navigationOf(action),
+                             [](platform::ui::NavigationActionPolicy) {});
+    }
+    return nullptr;
   }
 
   WebKitWebView* view_;
@@ -179,6 +220,7 @@ class WebKitView final : public platform::ui::WebView, public Widget {
 struct OpenURLHandler {
   std::mutex mutex;
   std::function<bool(const std::string&)> handler;
+  std::function<bool(const std::string&)> canOpen;
 };
 
 OpenURLHandler& openURLHandler() {
@@ -186,10 +228,18 @@ OpenURLHandler& openURLHandler() {
   return *slot;
 }
 
+std::pair<std::function<bool(const std::string&)>, std::function<bool(const std::string&)>>
+currentOpenURLHandler() {
+  auto& slot = openURLHandler();
+  std::lock_guard lock(slot.mutex);
+  return {slot.handler, slot.canOpen};
+}
+
 class Toolkit final : public platform::ui::Application {
  public:
   explicit Toolkit(GtkWindow* host)
       : host_(host),
+        content_(std::make_unique<detail::MessageContent>()),
         window_(std::make_shared<platform::ui::Window>(
             platform::ui::Window{std::make_shared<platform::ui::ViewController>()})) {
     g_object_ref(host_);
@@ -200,13 +250,15 @@ class Toolkit final : public platform::ui::Application {
 
   std::vector<std::shared_ptr<platform::ui::Window>> windows() const override { return {window_}; }
 
+  // Web links only (an http or https URL, as curl reads it), unless the host's handler has a
+  // canOpen of its own; without a handler, only when the desktop has an application for them.
   bool canOpenURL(const std::string& url) const override {
-    {
-      auto& slot = openURLHandler();
-      std::lock_guard lock(slot.mutex);
-      if (slot.handler) return platform::isAbsoluteURL(url);
-    }
-    char* scheme = g_uri_parse_scheme(url.c_str());
+    const auto [handler, canOpen] = currentOpenURLHandler();
+    if (canOpen) return canOpen(url);
+    const auto web = platform::normalizedURL(url);
+    if (!web) return false;
+    if (handler) return true;
+    char* scheme = g_uri_parse_scheme(web->c_str());
     if (!scheme) return false;
     GAppInfo* application = g_app_info_get_default_for_uri_scheme(scheme);
     g_free(scheme);
@@ -215,18 +267,26 @@ class Toolkit final : public platform::ui::Application {
     return true;
   }
 
+  // Checked again here: what arrives is the service's actionClick followed by the link, so a
+  // prefix can turn a web link into anything.
   void openURL(const std::string& url) override {
-    std::function<bool(const std::string&)> handler;
-    {
-      auto& slot = openURLHandler();
-      std::lock_guard lock(slot.mutex);
-      handler = slot.handler;
-    }
-    if (handler) {
-      handler(url);
+    const auto [handler, canOpen] = currentOpenURLHandler();
+    if (canOpen) {
+      if (canOpen(url)) handler(url);
       return;
     }
-    g_app_info_launch_default_for_uri(url.c_str(), nullptr, nullptr);
+    const auto web = platform::normalizedURL(url);
+    if (!web) {
+      platform::printLine(
+          "Pelora: not opening a message link that is not an http or https URL: " + url,
+          LogLevel::warning);
+      return;
+    }
+    if (handler) {
+      handler(*web);
+    } else {
+      g_app_info_launch_default_for_uri(web->c_str(), nullptr, nullptr);
+    }
   }
 
   std::shared_ptr<platform::ui::View> makeRootView() override {
@@ -240,7 +300,7 @@ class Toolkit final : public platform::ui::Application {
     return std::make_shared<LabelView>(frame);
   }
   std::shared_ptr<platform::ui::WebView> makeWebView(Rect frame) override {
-    return std::make_shared<WebKitView>(frame);
+    return std::make_shared<WebKitView>(frame, *content_);
   }
 
   GtkWindow* windowOf(const platform::ui::ViewController& controller) const {
@@ -253,6 +313,9 @@ class Toolkit final : public platform::ui::Application {
             bool /*animated*/) override {
     GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
     gtk_window_set_transient_for(GTK_WINDOW(window), host_);
+    // Keys the person was typing into the host must not land on the message (an Enter on a link
+    // the page focused would follow it): the message gets the keyboard once clicked.
+    gtk_window_set_focus_on_map(GTK_WINDOW(window), FALSE);
     gtk_window_set_title(GTK_WINDOW(window), presented.title.value_or("").c_str());
     const Rect frame = presented.view()->frame();
     gtk_window_set_default_size(GTK_WINDOW(window), static_cast<int>(frame.width),
@@ -285,6 +348,7 @@ class Toolkit final : public platform::ui::Application {
 
  private:
   GtkWindow* host_;
+  const std::unique_ptr<detail::MessageContent> content_;
   std::shared_ptr<platform::ui::Window> window_;
   std::map<const platform::ui::ViewController*, GtkWindow*> windows_;
 };
@@ -317,8 +381,14 @@ std::shared_ptr<platform::ui::Application> install(GtkWindow* hostWindow) {
 }
 
 void setOpenURLHandler(std::function<bool(const std::string& url)> handler) {
+  setOpenURLHandler(std::move(handler), nullptr);
+}
+
+void setOpenURLHandler(std::function<bool(const std::string& url)> handler,
+                       std::function<bool(const std::string& url)> canOpen) {
   auto& slot = openURLHandler();
   std::lock_guard lock(slot.mutex);
+  slot.canOpen = handler ? std::move(canOpen) : nullptr;
   slot.handler = std::move(handler);
 }
 
