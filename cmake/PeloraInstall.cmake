@@ -7,6 +7,13 @@ set(PELORA_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/pelora"
     CACHE STRING "Where peloraConfig.cmake goes, relative to the install prefix")
 mark_as_advanced(PELORA_INSTALL_CMAKEDIR)
 
+# Installed shared libraries find their siblings where they lie (libpelora-gtk.so needs
+# libpelora.so.1), whatever the prefix, without LD_LIBRARY_PATH or ldconfig.
+set_target_properties(pelora_shared PROPERTIES INSTALL_RPATH "$ORIGIN")
+if(PELORA_HAS_GTK)
+  set_target_properties(pelora_gtk_shared PROPERTIES INSTALL_RPATH "$ORIGIN")
+endif()
+
 # Two export sets: the shared library needs nothing of our dependencies at build time, the static
 # one needs their development files, so the package loads it (and looks for them) only on demand.
 install(TARGETS pelora_shared EXPORT peloraTargets

@@ -7,6 +7,8 @@
 # set: each header compiles on its own, none of ours is private, and <pelora/pelora.hpp> pulls in
 # no third-party header. Then the C API: <pelora/pelora.h> compiles as C11 and a C program built
 # with pkg-config runs; and the Python package (python/) finds the installed library by its prefix.
+# The installed shared libraries find each other where they lie (run path $ORIGIN), so that the
+# GTK consumer, installed under a prefix of its own, starts without LD_LIBRARY_PATH.
 #
 # usage: tests/install/check.sh BUILD_DIR
 # Environment (each unset one is read from BUILD_DIR/CMakeCache.txt):
@@ -59,6 +61,14 @@ needs_libpelora() {
 
 step "cmake --install $build --prefix $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; exit 1; }
+
+step "installed shared libraries find their siblings (\$ORIGIN)"
+while IFS= read -r library; do
+  if ! LC_ALL=C readelf -d "$library" | grep -Eq '\((RUNPATH|RPATH)\).*(\[|:)\$ORIGIN(\]|:)'; then
+    echo "install check: $library has no run path \$ORIGIN" >&2
+    exit 1
+  fi
+done < <(find "$prefix" -name 'libpelora*.so.*' -type f)
 
 # The header set: no private ones; each compiles alone; no third-party header behind pelora.hpp.
 private=$(cd "$prefix/include" && find pelora \( -name '*_test*' -o -name '*_internal.hpp' \
@@ -148,7 +158,10 @@ if [ -n "$(find "$prefix" -name peloraGtkTargets.cmake -print -quit)" ]; then
     -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_BUILD_TYPE="$CMAKE_BUILD_TYPE" \
     -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/gtk.log" || { cat "$work/gtk.log"; exit 1; }
   cmake --build "$work/gtk"
-  expect_42 cmake-gtk "$work/gtk/pelora_gtk_consumer"
+  expect_42 cmake-gtk env -u LD_LIBRARY_PATH "$work/gtk/pelora_gtk_consumer"
+  cmake --install "$work/gtk" --prefix "$work/opt" >"$work/gtk-install.log" \
+    || { cat "$work/gtk-install.log"; exit 1; }
+  expect_42 cmake-gtk-installed env -u LD_LIBRARY_PATH "$work/opt/bin/pelora_gtk_consumer"
 fi
 
 step "passed"
