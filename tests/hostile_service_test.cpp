@@ -261,6 +261,54 @@ TEST_F(HostileService, PullsFollowOnlyHttpsRedirects) {
   EXPECT_EQ(requestsFor("/moved/"), 1u);
 }
 
+// A URL the service hands out (a message's open notification), or any redirect, never leads to
+// this machine or its network: nothing is sent there. Names the host reroutes itself still go.
+TEST_F(HostileService, ServiceGivenLinksAndRedirectsNeverReachTheLocalNetwork) {
+  auto session = HttpSession::create(sessionOptions());
+  const std::string local = "https://127.0.0.1:" + std::to_string(server.port());
+  server.enqueue("/pull", {.status = 302, .headers = {{"Location", local + "/moved"}}});
+  struct Case {
+    std::string name;
+    HttpPurpose purpose;
+    std::string url;
+  };
+  for (const auto& c :
+       {Case{"a link to plain http", HttpPurpose::link, plain.url("/opened")},
+        Case{"a link to https", HttpPurpose::link, local + "/opened"},
+        Case{"a link to localhost", HttpPurpose::link,
+             "http://localhost:" + std::to_string(plain.port()) + "/"},
+        Case{"a pull sent on", HttpPurpose::messagePull, "https://" + test::iamHost() + "/pull"}}) {
+    SCOPED_TRACE(c.name);
+    HttpRequest request;
+    request.purpose = c.purpose;
+    request.url = c.url;
+    const Outcome outcome = run(*session, request);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, HttpError::Code::cannotConnect) << outcome.error->description;
+  }
+  EXPECT_EQ(plain.bytesReceived(), 0);
+  EXPECT_EQ(requestsFor("/opened") + requestsFor("/moved"), 0u);
+
+  // The message's open notification, as the view asks for it.
+  test::ManualHeadless screen;
+  IAMData data;
+  data.actionOpen = plain.url("/iam/opened/x");
+  const int before = plain.connections();
+  IAMManager::shared()->activeOpenIAM(data);
+  EXPECT_TRUE(test::eventually([&] {
+    return plain.connections() > before && plain.closedConnections() == plain.connections();
+  }));
+  EXPECT_EQ(plain.bytesReceived(), 0);
+
+  // A name the host rerouted here is its own choice.
+  HttpRequest rerouted;
+  rerouted.purpose = HttpPurpose::link;
+  rerouted.url = "https://" + kTrackingHost + "/opened";
+  const Outcome outcome = run(*session, rerouted);
+  ASSERT_TRUE(outcome.response);
+  EXPECT_EQ(outcome.response->status, 200);
+}
+
 // A service answering every pull at once with a big message: the queue keeps the newest few and
 // says how many it dropped; the heap stays within the bound.
 TEST_F(HostileService, AFloodOfMessagesIsBounded) {

@@ -231,8 +231,11 @@ TEST_F(HttpSessionTest, TransportFailuresAndTimeoutsReachTheCompletion) {
   RawReplyServer notHttp("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n");
   HttpRequest plain;
   plain.purpose = platform::HttpPurpose::link;  // the only purpose that may go over plain http
-  plain.url = "http://127.0.0.1:" + std::to_string(notHttp.port()) + "/";
-  Outcome outcome = await(start(*HttpSession::create({}), plain));
+  plain.url = "http://not-http.test/";
+  // A name the host itself sends to this machine (a link may not lead there on its own).
+  HttpSessionOptions rerouted;
+  rerouted.connectTo = {"not-http.test:80:127.0.0.1:" + std::to_string(notHttp.port())};
+  Outcome outcome = await(start(*HttpSession::create(rerouted), plain));
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->code, HttpError::Code::badServerResponse) << outcome.error->description;
   EXPECT_EQ(outcome.error->description.rfind("The server's reply was not HTTP", 0), 0u)

@@ -1,5 +1,6 @@
 #include "pelora/platform/http_session.hpp"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <openssl/crypto.h>
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
@@ -244,6 +246,9 @@ struct TransferPolicy {
   long maxRedirects;           // 0: a 3xx answer is the answer
   const char* protocols;       // of the request itself
   const char* redirectProtocols;
+  // The URL itself came from the service, so it may not lead to this machine or its network.
+  // Redirects never may, whatever the purpose.
+  bool publicAddressOnly;
 };
 
 constexpr std::size_t KiB = 1024;
@@ -251,10 +256,11 @@ constexpr std::size_t MiB = 1024 * KiB;
 
 const TransferPolicy& policyFor(HttpPurpose purpose) noexcept {
   // clang-format off
-  //                                       body      headers   redirects protocols     redirects to
-  static constexpr TransferPolicy delivery{64 * KiB, 64 * KiB, 0,        "https",      "https"};
-  static constexpr TransferPolicy pull{    4 * MiB,  64 * KiB, 5,        "https",      "https"};
-  static constexpr TransferPolicy link{    64 * KiB, 64 * KiB, 5,        "http,https", "https"};
+  // purpose   answer    header    redirects protocols     to         public only
+  static constexpr TransferPolicy
+      delivery{64 * KiB, 64 * KiB, 0,        "https",      "https",   false},
+      pull{    4 * MiB,  64 * KiB, 5,        "https",      "https",   false},
+      link{    64 * KiB, 64 * KiB, 5,        "http,https", "https",   true};
   // clang-format on
   switch (purpose) {
     case HttpPurpose::messagePull:
@@ -265,6 +271,49 @@ const TransferPolicy& policyFor(HttpPurpose purpose) noexcept {
       break;
   }
   return delivery;
+}
+
+// Whether `ip` (curl's text of the connected address) is this machine or a private network:
+// loopback, RFC 1918, link-local, carrier-grade NAT, "this network", IPv6 unique-local.
+bool isLocalAddress(const char* ip) noexcept {
+  auto localV4 = [](std::uint32_t a) {
+    return (a >> 24) == 127 || (a >> 24) == 10 || (a >> 24) == 0 ||
+           (a & 0xFFF00000u) == 0xAC100000u ||  // 172.16/12
+           (a & 0xFFFF0000u) == 0xC0A80000u ||  // 192.168/16
+           (a & 0xFFFF0000u) == 0xA9FE0000u ||  // 169.254/16
+           (a & 0xFFC00000u) == 0x64400000u;    // 100.64/10
+  };
+  in_addr v4{};
+  if (::inet_pton(AF_INET, ip, &v4) == 1) return localV4(ntohl(v4.s_addr));
+  in6_addr v6{};
+  if (::inet_pton(AF_INET6, ip, &v6) != 1) return false;
+  const unsigned char* b = v6.s6_addr;
+  if (IN6_IS_ADDR_V4MAPPED(&v6) || IN6_IS_ADDR_V4COMPAT(&v6)) {
+    return localV4(std::uint32_t{b[12]} << 24 | std::uint32_t{b[13]} << 16 |
+                   std::uint32_t{b[14]} << 8 | b[15]);
+  }
+  return IN6_IS_ADDR_LOOPBACK(&v6) || IN6_IS_ADDR_UNSPECIFIED(&v6) || (b[0] & 0xFE) == 0xFC ||
+         (b[0] == 0xFE && (b[1] & 0xC0) == 0x80);
+}
+
+// "host:port" of `url` (the port the scheme implies when none is given); empty when unparsable.
+std::string hostAndPort(const char* url) {
+  CURLU* parsed = curl_url();
+  if (!parsed) return {};
+  std::string result;
+  char* host = nullptr;
+  char* port = nullptr;
+  if (curl_url_set(parsed, CURLUPART_URL, url, 0) == CURLUE_OK &&
+      curl_url_get(parsed, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
+      curl_url_get(parsed, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK) {
+    result = std::string(host) + ":" + port;
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  }
+  curl_free(host);
+  curl_free(port);
+  curl_url_cleanup(parsed);
+  return result;
 }
 
 HttpError tooLargeError(const TransferPolicy& policy) {
@@ -312,7 +361,10 @@ struct Transfer {
   const TransferPolicy* policy = &policyFor(HttpPurpose::delivery);
   std::string responseBody;
   std::size_t headerBytes = 0;
-  bool tooLarge = false;     // the answer went past the policy's limits
+  bool tooLarge = false;      // the answer went past the policy's limits
+  bool refusedLocal = false;  // it led to a local address it may not reach
+  // "host:port" pairs the session's connectTo entries reroute: where the host itself chose to go.
+  const std::vector<std::string>* reroutedHosts = nullptr;
   bool outOfMemory = false;  // the answer could not be kept
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
@@ -385,9 +437,29 @@ int onSeek(void* context, curl_off_t offset, int origin) noexcept {
                                                                        : CURL_SEEKFUNC_OK;
 }
 
-int onConnectionReady(void* context, char*, char*, int, int) noexcept {
-  static_cast<Transfer*>(context)->lastActivity = Clock::now();
-  return CURL_PREREQFUNC_OK;
+// Connected, nothing sent yet: the last moment to refuse where a service-given URL or a redirect
+// has led (to this machine or its network), unless the host itself rerouted that name there.
+int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept {
+  auto* transfer = static_cast<Transfer*>(context);
+  transfer->lastActivity = Clock::now();
+  if (!primaryIP || !isLocalAddress(primaryIP)) return CURL_PREREQFUNC_OK;
+  long redirects = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_REDIRECT_COUNT, &redirects);
+  if (!transfer->policy->publicAddressOnly && redirects == 0) return CURL_PREREQFUNC_OK;
+  try {
+    char* url = nullptr;
+    if (transfer->reroutedHosts &&
+        curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK && url) {
+      const std::string target = hostAndPort(url);
+      const auto& rerouted = *transfer->reroutedHosts;
+      if (std::find(rerouted.begin(), rerouted.end(), target) != rerouted.end()) {
+        return CURL_PREREQFUNC_OK;
+      }
+    }
+  } catch (...) {
+  }
+  transfer->refusedLocal = true;
+  return CURL_PREREQFUNC_ABORT;
 }
 
 struct Message {
@@ -401,6 +473,15 @@ class Engine : public std::enable_shared_from_this<Engine> {
     for (const auto& entry : this->options.connectTo) {
       connectTo_ = curl_slist_append(connectTo_, entry.c_str());
       if (!connectTo_) throw std::bad_alloc();
+      // "HOST:PORT:..." with a host and port named: that pair goes where the host said.
+      const auto first = entry.find(':');
+      const auto second = first == std::string::npos ? first : entry.find(':', first + 1);
+      if (first > 0 && second != std::string::npos && second > first + 1) {
+        std::string pair = entry.substr(0, second);
+        std::transform(pair.begin(), pair.end(), pair.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        reroutedHosts_.push_back(std::move(pair));
+      }
     }
   }
   ~Engine() { curl_slist_free_all(connectTo_); }
@@ -466,6 +547,9 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void cancelAll(CURLM* multi);
   void handle(CURLM* multi, const Message& message);
   void collectFinished(CURLM* multi);
+  void finish(Transfer& transfer, CURLcode result);
+  // A task whose handling failed for want of memory: completes it with an error if it can.
+  void failUnreported(CURLM* multi, const std::shared_ptr<Task>& task) noexcept;
   void expireIdle(CURLM* multi);
   int waitMilliseconds() const;
   std::unique_ptr<Transfer> makeTransfer(const std::shared_ptr<Task>& task,
@@ -477,6 +561,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   std::unique_ptr<Transfer> detach(CURLM* multi, CURL* easy);
 
   curl_slist* connectTo_ = nullptr;
+  std::vector<std::string> reroutedHosts_;  // lower-case "host:port" of the connectTo entries
 
   std::mutex mutex_;
   std::vector<Message> inbox_;  // guarded by mutex_
@@ -528,12 +613,18 @@ void Engine::run(CURLM* multi) {
       }
     }
     bool attachedMore = false;
-    // Nothing may leave this thread as an exception (that would end the process): what fails here
-    // for want of memory is reported by the transfer it belongs to where that is possible.
+    // Nothing may leave this thread as an exception (that would end the process). What fails for
+    // want of memory fails the one task it belongs to, which hears of it: a task lost in silence
+    // would hold its owner up for ever.
+    for (const auto& message : messages) {
+      try {
+        handle(multi, message);
+      } catch (const std::exception&) {
+        if (message.task) failUnreported(multi, message.task);
+      }
+    }
+    messages.clear();
     try {
-      for (const auto& message : messages) handle(multi, message);
-      messages.clear();
-
       int running = 0;
       curl_multi_perform(multi, &running);
       collectFinished(multi);
@@ -543,7 +634,6 @@ void Engine::run(CURLM* multi) {
         attachedMore = true;
       }
     } catch (const std::exception& failure) {
-      messages.clear();
       printLine(std::string("pelora: the HTTP worker ran out of resources: ") + failure.what(),
                 LogLevel::error);
     }
@@ -659,57 +749,83 @@ void Engine::collectFinished(CURLM* multi) {
     CURLcode result = message->data.result;
     auto transfer = detach(multi, easy);
     if (!transfer) continue;
-    if (transfer->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
-      deliver(transfer->task, std::nullopt, tooLargeError(*transfer->policy));
-      continue;
-    }
-    if (transfer->outOfMemory) {
-      deliver(transfer->task, std::nullopt,
-              makeError(HttpError::Code::other, "The server's answer could not be kept",
-                        "out of memory", CURLE_WRITE_ERROR));
-      continue;
-    }
-    if (result != CURLE_OK) {
-      deliver(transfer->task, std::nullopt,
-              errorFor(result, transfer->errorBuffer, connected(easy)));
-      continue;
-    }
-    std::optional<HttpResponse> response(std::in_place);
     try {
-      long status = 0;
-      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-      response->status = static_cast<int>(status);
-      curl_header* previous = nullptr;
-      while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
-        response->headers.emplace_back(header->name, header->value);
-        previous = header;
-      }
-      response->body = std::move(transfer->responseBody);
+      finish(*transfer, result);
     } catch (const std::exception&) {
-      deliver(transfer->task, std::nullopt,
-              makeError(HttpError::Code::other, "The server's answer could not be kept",
-                        "out of memory", 0));
-      continue;
+      failUnreported(multi, transfer->task);
     }
-    deliver(transfer->task, response, std::nullopt);
+  }
+}
+
+// Tells the task of a finished transfer how it went: its answer, or why there is none.
+void Engine::finish(Transfer& transfer, CURLcode result) {
+  const std::shared_ptr<Task>& task = transfer.task;
+  if (transfer.refusedLocal) {
+    deliver(task, std::nullopt,
+            makeError(HttpError::Code::cannotConnect,
+                      "The address is on this machine or its network, where a service-given "
+                      "link or a redirect may not lead",
+                      {}, CURLE_ABORTED_BY_CALLBACK));
+  } else if (transfer.tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+    deliver(task, std::nullopt, tooLargeError(*transfer.policy));
+  } else if (transfer.outOfMemory) {
+    deliver(task, std::nullopt,
+            makeError(HttpError::Code::other, "The server's answer could not be kept",
+                      "out of memory", CURLE_WRITE_ERROR));
+  } else if (result != CURLE_OK) {
+    deliver(task, std::nullopt, errorFor(result, transfer.errorBuffer, connected(transfer.easy)));
+  } else {
+    std::optional<HttpResponse> response(std::in_place);
+    long status = 0;
+    curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+    response->status = static_cast<int>(status);
+    curl_header* previous = nullptr;
+    while (curl_header* header = curl_easy_nextheader(transfer.easy, CURLH_HEADER, -1, previous)) {
+      response->headers.emplace_back(header->name, header->value);
+      previous = header;
+    }
+    response->body = std::move(transfer.responseBody);
+    deliver(task, response, std::nullopt);
   }
 }
 
 void Engine::expireIdle(CURLM* multi) {
-  auto now = Clock::now();
-  std::vector<CURL*> expired;
-  for (const auto& [easy, transfer] : transfers_) {
-    if (transfer->lastActivity && now - *transfer->lastActivity >= transfer->idleTimeout) {
-      expired.push_back(easy);
+  const auto now = Clock::now();
+  for (auto it = transfers_.begin(); it != transfers_.end();) {
+    const Transfer& transfer = *it->second;
+    CURL* easy = it->first;
+    ++it;  // detach() removes the entry
+    if (!transfer.lastActivity || now - *transfer.lastActivity < transfer.idleTimeout) continue;
+    auto expired = detach(multi, easy);
+    try {
+      const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(expired->idleTimeout);
+      deliver(
+          expired->task, std::nullopt,
+          makeError(HttpError::Code::timedOut, "The request timed out",
+                    "no data for " + std::to_string(ms.count()) + " ms", CURLE_OPERATION_TIMEDOUT));
+    } catch (const std::exception&) {
+      failUnreported(multi, expired->task);
     }
   }
-  for (CURL* easy : expired) {
-    auto transfer = detach(multi, easy);
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(transfer->idleTimeout);
-    deliver(
-        transfer->task, std::nullopt,
-        makeError(HttpError::Code::timedOut, "The request timed out",
-                  "no data for " + std::to_string(ms.count()) + " ms", CURLE_OPERATION_TIMEDOUT));
+}
+
+void Engine::failUnreported(CURLM* multi, const std::shared_ptr<Task>& task) noexcept {
+  if (task->delivered) return;
+  try {
+    // Still handed to curl or waiting for it: it goes now, or it would be finished a second time.
+    for (auto& [easy, transfer] : transfers_) {
+      if (transfer->task == task) {
+        detach(multi, easy);
+        break;
+      }
+    }
+    std::erase(waiting_, task);
+    deliver(task, std::nullopt, makeError(HttpError::Code::other, "out of memory", {}, 0));
+  } catch (...) {
+    // Not even the error could be made: the task ends, its completion released unrun.
+    task->delivered = true;
+    task->completion = nullptr;
+    task->markCompleted();
   }
 }
 
@@ -862,6 +978,7 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
   transfer->task = task;
   HttpRequest& request = task->request;
   transfer->policy = &policyFor(request.purpose);
+  transfer->reroutedHosts = &reroutedHosts_;
   transfer->easy = curl_easy_init();
   if (!transfer->easy) {
     error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);

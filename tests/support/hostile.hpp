@@ -128,6 +128,7 @@ class PlainListener {
         char buffer[4096];
         for (ssize_t n; (n = ::recv(connection, buffer, sizeof buffer, 0)) > 0;) bytes_ += n;
         ::close(connection);
+        ++closed_;
       }
     });
   }
@@ -144,12 +145,15 @@ class PlainListener {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
   }
   int connections() const noexcept { return connections_.load(); }
+  // Connections the other end has closed (or that went quiet), their bytes all counted.
+  int closedConnections() const noexcept { return closed_.load(); }
   long long bytesReceived() const noexcept { return bytes_.load(); }
 
  private:
   int listener_ = -1;
   int port_ = 0;
   std::atomic<int> connections_{0};
+  std::atomic<int> closed_{0};
   std::atomic<long long> bytes_{0};
   std::thread thread_;
 };
