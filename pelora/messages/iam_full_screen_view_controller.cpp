@@ -127,7 +127,12 @@ void IAMFullScreenViewController::decidePolicy(platform::ui::WebView& /*webView*
     if (action.userInitiated && platform::isAbsoluteURL(link) && application->canOpenURL(link)) {
       const std::string target = (iamData ? iamData->actionClick.value_or("") : "") + link;
       print("Open URL --- " + target);
-      if (platform::isAbsoluteURL(target)) application->openURL(target);
+      // The prefix comes from the service: what is opened is asked about again, whole.
+      if (platform::isAbsoluteURL(target) && application->canOpenURL(target)) {
+        application->openURL(target);
+      } else {
+        print("Link Invalid --- " + target);
+      }
       // Closed without telling the manager, and the countdown goes on: kept as it always was.
       dismiss(true);
     } else {
