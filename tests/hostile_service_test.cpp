@@ -309,32 +309,43 @@ TEST_F(HostileService, ServiceGivenLinksAndRedirectsNeverReachTheLocalNetwork) {
   EXPECT_EQ(outcome.response->status, 200);
 }
 
-// A service answering every pull at once with a big message: the queue keeps the newest few and
-// says how many it dropped; the heap stays within the bound.
+// A service answering every pull at once with a big message: the queue keeps the newest few (at
+// most 16, at most 16 MiB) and says how many it dropped; the heap stays within the bound, for
+// messages of 512 KiB and for messages just under what a pull may bring.
 TEST_F(HostileService, AFloodOfMessagesIsBounded) {
   test::ManualHeadless screen;  // the first message stays on screen: the rest must wait
-  const std::string message =
-      JSON(JSON::Map{{"code", JSON("OK")},
-                     {"data", JSON(test::iamData(R"("closingAfter":0)",
-                                                 "<p>" + std::string(512 * 1024, 'f') + "</p>"))}})
-          .toString();
-  // Not a type the server compresses: its own encoder would take more memory than the client.
-  server.setDefaultResponse({.body = message, .contentType = "application/octet-stream"});
   auto manager = IAMManager::shared();
   IAMManager::Setup setup;
   setup.hostDomain = std::string(productionIAMBaseURL);
   setup.workSpaceId = "hostile-key";
   setup.connectTo = {server.connectTo(test::iamHost())};
   setup.caBundle = server.certificates().caFile;
-  const std::uint64_t droppedBefore = manager->droppedCount();
-  test::HeapWatch heap;
-  manager->start(setup);
-  const auto pulls = longRun() ? 2000u : 80u;
-  EXPECT_TRUE(server.waitForRequests(pulls, 60s));
-  manager->stopPolling();
-  EXPECT_LE(manager->queuedCount(), IAMManager::kMaxQueuedMessages);
-  EXPECT_GE(manager->droppedCount() - droppedBefore, pulls - IAMManager::kMaxQueuedMessages - 2);
-  expectWithinBound(heap);
+  struct Flood {
+    std::size_t messageBytes;
+    std::size_t pulls;
+  };
+  for (const Flood flood : {Flood{512 * 1024, longRun() ? 2000u : 80u},
+                            Flood{4 * MiB - 64 * 1024, longRun() ? 500u : 30u}}) {
+    SCOPED_TRACE(flood.messageBytes);
+    const std::string message =
+        JSON(JSON::Map{{"code", JSON("OK")},
+                       {"data", JSON(test::iamData(R"("closingAfter":0)",
+                                                   std::string(flood.messageBytes, 'f')))}})
+            .toString();
+    // Not a type the server compresses: its own encoder would take more memory than the client.
+    server.setDefaultResponse({.body = message, .contentType = "application/octet-stream"});
+    const std::size_t requestsBefore = server.requestCount();
+    const std::uint64_t droppedBefore = manager->droppedCount();
+    test::HeapWatch heap;
+    manager->start(setup);
+    EXPECT_TRUE(server.waitForRequests(requestsBefore + flood.pulls, 60s));
+    EXPECT_LE(manager->queuedCount(), IAMManager::kMaxQueuedMessages);
+    EXPECT_LE(manager->queuedCount() * flood.messageBytes, IAMManager::kMaxQueuedBytes);
+    manager->stopPolling();
+    EXPECT_GE(manager->droppedCount() - droppedBefore,
+              flood.pulls - IAMManager::kMaxQueuedMessages - 2);
+    expectWithinBound(heap);
+  }
 }
 
 // shutdown(deadline) ends what the service holds open: a pull waiting to retry and an upload the
@@ -367,6 +378,32 @@ TEST_F(HostileService, ShutdownEndsWhatTheServiceHoldsOpen) {
   EXPECT_LT(Clock::now() - begin, 4s);
   EXPECT_TRUE(test::eventually([&] { return test::threadsNamed("pelora-http") <= workersBefore; }));
   EXPECT_EQ(filesWaiting(*analytics), 1u);
+}
+
+// A message the service times an hour ahead (on the real clock) does not hold shutdown up, and
+// is not shown after it.
+TEST_F(HostileService, ShutdownEndsATimedMessageNotShownYet) {
+  auto application = std::make_shared<platform::ui::HeadlessApplication>();
+  platform::ui::Application::install(application);
+  const std::string timed =
+      JSON(JSON::Map{{"code", JSON("OK")},
+                     {"data", JSON(test::iamData(R"("activeType":"time","activeValue":3600)"))}})
+          .toString();
+  std::atomic<int> pulls{0};
+  server.setResponder([&](const test::RecordedRequest& request) -> std::optional<ScriptedResponse> {
+    if (!request.path.starts_with("/push/push/pull/")) return std::nullopt;
+    if (pulls++ == 0) return ScriptedResponse{.body = timed};
+    return ScriptedResponse{.delay = 60s};  // later pulls are held
+  });
+  auto analytics = client(/*iam=*/true);
+  ASSERT_TRUE(test::eventually([] {
+    return platform::SerialQueue::main()->sync([] { return IAMManager::shared()->isPresenting(); });
+  }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(analytics->shutdown(Clock::now() + 5s));
+  EXPECT_LT(Clock::now() - begin, 3s);
+  EXPECT_FALSE(
+      platform::SerialQueue::main()->sync([] { return IAMManager::shared()->isPresenting(); }));
 }
 
 }  // namespace

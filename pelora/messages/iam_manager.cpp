@@ -79,6 +79,7 @@ void IAMManager::start(Setup setup) {
     connectTo_ = setup.connectTo;
     caBundle_ = setup.caBundle;
     pullTimeLimit_ = setup.pullTimeLimit;
+    stopped_ = false;
     defaultSession_ = std::move(session);
     ++generation_;  // a loop of an earlier start ends with its pull
     previous = std::move(dataTask_);
@@ -99,13 +100,32 @@ void IAMManager::stopPolling() {
   std::shared_ptr<platform::HttpSession> session;
   std::vector<std::weak_ptr<platform::HttpTask>> notices;
   std::shared_ptr<platform::TimerSource> retry;
+  std::vector<std::shared_ptr<platform::ui::Timer>> showTimers;
   {
     std::lock_guard lock(mutex_);
     ++generation_;
+    stopped_ = true;
     task = std::move(dataTask_);
     session = std::move(defaultSession_);
     notices = std::move(noticeTasks_);
     retry = std::move(retryTimer_);
+    showTimers = std::move(showTimers_);
+    while (dequeueLocked()) {
+    }
+  }
+  // A message waiting for its time is not shown, and its timers let the timer thread go; the
+  // manager is free again for a later start. One on screen stays until it closes.
+  for (const auto& timer : showTimers) {
+    if (timer) timer->invalidate();
+  }
+  if (!showTimers.empty()) {
+    std::weak_ptr<IAMManager> weak = weak_from_this();
+    platform::SerialQueue::main()->async([weak] {
+      auto self = weak.lock();
+      if (!self || !self->pendingShow_) return;
+      self->pendingShow_ = false;
+      self->isPresenting_ = false;
+    });
   }
   // A cancelled wait leaves the timer thread free to end; cancelled transfers let the sessions'
   // worker threads end now rather than when the service lets go.
@@ -307,13 +327,24 @@ void IAMManager::handleBody(const std::string& body) {
   });
 }
 
+// What a message costs while it waits: its texts.
+std::size_t IAMManager::sizeOf(const IAMData& data) noexcept {
+  std::size_t size = sizeof data;
+  for (const auto* text :
+       {&data.activeType, &data.name, &data.actionOpen, &data.actionClick, &data.message}) {
+    if (*text) size += (*text)->size();
+  }
+  return size;
+}
+
 void IAMManager::enqueue(IAMData data) {
   std::uint64_t dropped = 0;
   {
     std::lock_guard lock(mutex_);
+    queuedBytes_ += sizeOf(data);
     mQueue_.enqueue(std::move(data));
-    while (mQueue_.count() > kMaxQueuedMessages) {
-      mQueue_.dequeue();
+    while (mQueue_.count() > kMaxQueuedMessages || queuedBytes_ > kMaxQueuedBytes) {
+      dequeueLocked();
       dropped = ++dropped_;
     }
   }
@@ -324,8 +355,15 @@ void IAMManager::enqueue(IAMData data) {
   if (mark != dropped) return;
   platform::printLine("Pelora: " + std::to_string(dropped) +
                           " in-app messages dropped unshown so far: the service sent more than " +
-                          std::to_string(kMaxQueuedMessages) + " faster than they could be shown",
+                          std::to_string(kMaxQueuedMessages) +
+                          " (or 16 MiB) faster than they could be shown",
                       LogLevel::warning);
+}
+
+std::optional<IAMData> IAMManager::dequeueLocked() {
+  auto first = mQueue_.dequeue();
+  if (first) queuedBytes_ -= std::min(queuedBytes_, sizeOf(*first));
+  return first;
 }
 
 void IAMManager::showNext() {
@@ -336,7 +374,8 @@ void IAMManager::showNext() {
   std::optional<IAMData> next;
   {
     std::lock_guard lock(mutex_);
-    next = mQueue_.dequeue();
+    if (stopped_) return;  // nothing new appears once polling has been stopped
+    next = dequeueLocked();
   }
   if (!next) return;
   auto application = platform::ui::Application::shared();
@@ -350,13 +389,17 @@ void IAMManager::showNext() {
   std::weak_ptr<IAMManager> weak = weak_from_this();
   // The service's number, however large, must not overflow into "at once".
   const std::int64_t seconds = std::min<std::int64_t>(*next->activeValue, kMaxShowDelay.count());
-  application->scheduledTimer(std::chrono::seconds(seconds), false,
-                              [weak, data = *next](platform::ui::Timer& timer) {
-                                if (auto self = weak.lock()) self->present(data, "IAM Ads Timer");
-                                timer.invalidate();
-                              });
+  pendingShow_ = true;
+  auto show = application->scheduledTimer(std::chrono::seconds(seconds), false,
+                                          [weak, data = *next](platform::ui::Timer& timer) {
+                                            if (auto self = weak.lock()) {
+                                              self->pendingShow_ = false;
+                                              self->present(data, "IAM Ads Timer");
+                                            }
+                                            timer.invalidate();
+                                          });
   countDown_ = seconds;
-  application->scheduledTimer(1s, true, [weak](platform::ui::Timer& timer) {
+  auto countdown = application->scheduledTimer(1s, true, [weak](platform::ui::Timer& timer) {
     auto self = weak.lock();
     if (!self) {
       timer.invalidate();
@@ -369,6 +412,8 @@ void IAMManager::showNext() {
     }
     print("Waiting " + std::to_string(self->countDown_) + " second");
   });
+  std::lock_guard lock(mutex_);
+  showTimers_ = {std::move(show), std::move(countdown)};
 }
 
 void IAMManager::present(const IAMData& data, const std::string& title) {
@@ -407,6 +452,7 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   std::shared_ptr<platform::HttpSession> session;
   {
     std::lock_guard lock(mutex_);
+    if (stopped_) return;  // stopping ended this manager's requests; none starts after it
     session = defaultSession_;
     // Polling stopped (or never started): a session for this request alone, whose thread ends
     // with it.

@@ -46,6 +46,8 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   // Messages waiting to be shown; past this the oldest unshown one is dropped (a service may send
   // them faster than anyone can read them).
   static constexpr std::size_t kMaxQueuedMessages = 16;
+  // ... and at most this many bytes of them (a pull may bring a few MiB).
+  static constexpr std::size_t kMaxQueuedBytes = 16 * 1024 * 1024;
   // The longest wait before a timed message is shown.
   static constexpr std::chrono::seconds kMaxShowDelay{std::chrono::hours(24)};
 
@@ -57,8 +59,9 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   void start(Setup setup);
   // One pull; the next follows its completion. Cancels a pull still in flight.
   void longPoll();
-  // Ends the pull loop: the pull in flight is cancelled, no other starts, and the session's thread
-  // ends. Messages already queued are still shown.
+  // Ends the pull loop and everything it started: the pull in flight, a wait before the next,
+  // open notifications in flight, messages waiting to be shown and a timed one not shown yet. No
+  // thread of the manager's is left busy. A message on screen stays until it closes.
   void stopPolling();
   // Whether a pull is in flight.
   bool isPolling() const;
@@ -88,8 +91,12 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
                     const std::optional<platform::HttpResponse>& response,
                     const std::optional<platform::HttpError>& error);
   void handleBody(const std::string& body);
-  // Queues `data`, dropping the oldest unshown messages past kMaxQueuedMessages.
+  // Queues `data`, dropping the oldest unshown messages past kMaxQueuedMessages or
+  // kMaxQueuedBytes.
   void enqueue(IAMData data);
+  // With mutex_ held: the oldest waiting message, its bytes no longer counted.
+  std::optional<IAMData> dequeueLocked();
+  static std::size_t sizeOf(const IAMData& data) noexcept;
   void appendError(const std::string& text);
   // Main queue.
   void showNext();
@@ -108,6 +115,10 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::vector<std::weak_ptr<platform::HttpTask>> noticeTasks_;
   std::shared_ptr<platform::TimerSource> retryTimer_;  // the wait before the next pull, if any
   std::chrono::milliseconds pullTimeLimit_{kPullTimeLimit};
+  std::size_t queuedBytes_ = 0;  // of the messages in mQueue_
+  bool stopped_ = false;         // stopPolling() ran and no start() since
+  // The timers of a timed message not shown yet (its show and its countdown).
+  std::vector<std::shared_ptr<platform::ui::Timer>> showTimers_;
   std::vector<std::string> connectTo_;
   std::string caBundle_;
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
@@ -121,6 +132,7 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
 
   // Main queue only.
   bool isPresenting_ = false;
+  bool pendingShow_ = false;  // a timed message is waiting for its time
   std::int64_t countDown_ = 0;
 };
 
