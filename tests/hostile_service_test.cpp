@@ -113,6 +113,16 @@ class HostileService : public ::testing::Test {
   test::TempDirectory data{"pelora-hostile"};
 };
 
+// The message still on screen goes, so that the shared manager is idle for whatever runs next in
+// this process.
+void closeMessageOnScreen(test::ManualHeadless& screen) {
+  if (auto shown = screen.top()) {
+    platform::SerialQueue::main()->sync([&] { shown->dismiss(false); });
+    IAMManager::shared()->dismissIAM();
+    screen.application->advance(300ms);
+  }
+}
+
 struct Outcome {
   std::optional<HttpResponse> response;
   std::optional<HttpError> error;
@@ -259,6 +269,7 @@ TEST_F(HostileService, PullsFollowOnlyHttpsRedirects) {
   manager->stopPolling();
   EXPECT_EQ(plain.connections(), 0);
   EXPECT_EQ(requestsFor("/moved/"), 1u);
+  closeMessageOnScreen(screen);
 }
 
 // A URL the service hands out (a message's open notification), or any redirect, never leads to
@@ -346,6 +357,7 @@ TEST_F(HostileService, AFloodOfMessagesIsBounded) {
               flood.pulls - IAMManager::kMaxQueuedMessages - 2);
     expectWithinBound(heap);
   }
+  closeMessageOnScreen(screen);
 }
 
 // shutdown(deadline) ends what the service holds open: a pull waiting to retry and an upload the

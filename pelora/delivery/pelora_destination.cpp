@@ -75,6 +75,7 @@ void PeloraDestination::shutdown() {
   // HTTP client that settings replaced: no transfer outlives the client's shutdown.
   std::vector<std::shared_ptr<platform::HttpTask>> running;
   uploadsQueue_->sync([&] {
+    shutDown_ = true;
     for (const auto& info : uploads_) {
       if (info.task) running.push_back(info.task);
     }
@@ -158,6 +159,7 @@ void PeloraDestination::flush() {
   // that two flushes at once cannot both find nothing running and both send the same files.
   // Completions that arrive meanwhile wait for it and find their entries.
   uploadsQueue_->sync([&] {
+    if (shutDown_) return;  // a flush that raced shutdown starts nothing it would not cancel
     cleanupUploads();
     log("Uploads in-progress: " + std::to_string(uploads_.size()), "flush()", __LINE__);
     if (!uploads_.empty()) {

@@ -87,6 +87,7 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
   // Held while uploads_ is not empty (and by each upload until it has dealt with its file).
   std::shared_ptr<UploadClaim> uploadClaim_;  // on uploadsQueue_
+  bool shutDown_ = false;                     // on uploadsQueue_: no upload starts any more
   std::atomic<std::int64_t> eventCount_{0};
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace

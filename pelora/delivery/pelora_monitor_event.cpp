@@ -63,8 +63,11 @@ void PeloraMonitorEvent::update(const Settings& settings, UpdateType /*type*/) {
 }
 
 std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
-  if (auto client = httpClient()) {
-    client->trackingEventPayload(
+  // Under the lock, so that a post cannot start after shutdown has cancelled the client's posts
+  // (starting one only hands it to the session's thread).
+  std::lock_guard lock(mutex_);
+  if (httpClient_) {
+    httpClient_->trackingEventPayload(
         event.identityId, event.eventName, event.eventData,
         event.profile.value_or(std::vector<JSON>{}),
         [inFlight = std::make_shared<PostInFlight>(postsInFlight_)](const HTTPResult&) {});
@@ -74,10 +77,8 @@ std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
 
 void PeloraMonitorEvent::shutdown() {
   std::shared_ptr<HTTPClient> client;
-  {
-    std::lock_guard lock(mutex_);
-    client = std::move(httpClient_);
-  }
+  std::lock_guard lock(mutex_);
+  client = std::move(httpClient_);
   // Posts still in flight end now: no transfer outlives the client's shutdown.
   if (client) client->cancelAll();
 }

@@ -452,7 +452,6 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   std::shared_ptr<platform::HttpSession> session;
   {
     std::lock_guard lock(mutex_);
-    if (stopped_) return;  // stopping ended this manager's requests; none starts after it
     session = defaultSession_;
     // Polling stopped (or never started): a session for this request alone, whose thread ends
     // with it.
