@@ -336,7 +336,7 @@ TEST_F(HostileService, AFloodOfMessagesIsBounded) {
     std::size_t pulls;
   };
   for (const Flood flood : {Flood{512 * 1024, longRun() ? 2000u : 80u},
-                            Flood{4 * MiB - 64 * 1024, longRun() ? 500u : 30u}}) {
+                            Flood{4 * MiB - 64 * 1024, longRun() ? 200u : 30u}}) {
     SCOPED_TRACE(flood.messageBytes);
     const std::string message =
         JSON(JSON::Map{{"code", JSON("OK")},
@@ -349,7 +349,7 @@ TEST_F(HostileService, AFloodOfMessagesIsBounded) {
     const std::uint64_t droppedBefore = manager->droppedCount();
     test::HeapWatch heap;
     manager->start(setup);
-    EXPECT_TRUE(server.waitForRequests(requestsBefore + flood.pulls, 60s));
+    EXPECT_TRUE(server.waitForRequests(requestsBefore + flood.pulls, 120s));
     EXPECT_LE(manager->queuedCount(), IAMManager::kMaxQueuedMessages);
     EXPECT_LE(manager->queuedCount() * flood.messageBytes, IAMManager::kMaxQueuedBytes);
     manager->stopPolling();
