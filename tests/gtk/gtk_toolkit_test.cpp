@@ -29,6 +29,7 @@
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
 #include "pelora/platform/gtk/gtk_toolkit.hpp"
 #include "pelora/platform/logging.hpp"
+#include "tests/support/hostile.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 
@@ -64,49 +65,8 @@ std::string withPort(std::string text, int port) {
 }
 
 // A plain TCP listener on 127.0.0.1 that counts the connections made to it (an HTTP request, a TLS
-// handshake, a bare connect alike) and closes each at once.
-class Listener {
- public:
-  Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(fd_, 64) != 0 ||
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      throw std::runtime_error("cannot listen on 127.0.0.1");
-    }
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] {
-      while (!stop_) {
-        pollfd ready{fd_, POLLIN, 0};
-        if (::poll(&ready, 1, 20) <= 0) continue;
-        const int connection = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0) continue;
-        ++connections_;
-        ::close(connection);
-      }
-    });
-  }
-  ~Listener() {
-    stop_ = true;
-    thread_.join();
-    ::close(fd_);
-  }
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-
-  int port() const noexcept { return port_; }
-  int connections() const noexcept { return connections_; }
-
- private:
-  int fd_;
-  int port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::atomic<int> connections_{0};
-  std::thread thread_;
-};
+// handshake, a bare connect alike).
+using Listener = test::PlainListener;
 
 // What the desktop's default applications were handed: a probe opener is the default for web
 // links, ssh, smb, file and a custom scheme (see Desktop below), and appends each URL to a log.
