@@ -355,8 +355,9 @@ void IAMManager::enqueue(IAMData data) {
   if (mark != dropped) return;
   platform::printLine("Pelora: " + std::to_string(dropped) +
                           " in-app messages dropped unshown so far: the service sent more than " +
-                          std::to_string(kMaxQueuedMessages) +
-                          " (or 16 MiB) faster than they could be shown",
+                          std::to_string(kMaxQueuedMessages) + " (or " +
+                          std::to_string(kMaxQueuedBytes / (1024 * 1024)) +
+                          " MiB) faster than they could be shown",
                       LogLevel::warning);
 }
 
@@ -463,23 +464,22 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   request.url = *url;
   request.timeout = 60s;
   print(platform::cURL(request, true));
-  const auto task =
-      session->dataTask(std::move(request), [](const auto& response, const auto& error) {
-        if (error) {
-          print("Error uploading request " + error->description);
-          return;
-        }
-        const int status = response ? response->status : 0;
-        if (status >= 1 && status <= 299) {
-          print("OK");
-        } else if (status >= 300 && status <= 399) {
-          print("Server responded with unexpected HTTP code " + std::to_string(status));
-        } else if (status == 429) {
-          print("Server limited client with response code " + std::to_string(status));
-        } else {
-          print("Server rejected payload with HTTP code " + std::to_string(status));
-        }
-      });
+  auto task = session->dataTask(std::move(request), [](const auto& response, const auto& error) {
+    if (error) {
+      print("Error uploading request " + error->description);
+      return;
+    }
+    const int status = response ? response->status : 0;
+    if (status >= 1 && status <= 299) {
+      print("OK");
+    } else if (status >= 300 && status <= 399) {
+      print("Server responded with unexpected HTTP code " + std::to_string(status));
+    } else if (status == 429) {
+      print("Server limited client with response code " + std::to_string(status));
+    } else {
+      print("Server rejected payload with HTTP code " + std::to_string(status));
+    }
+  });
   {
     std::lock_guard lock(mutex_);
     std::erase_if(noticeTasks_, [](const auto& notice) { return notice.expired(); });

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
@@ -25,6 +24,7 @@
 
 #include "pelora/core/coding.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/private_files.hpp"
 #include "pelora/platform/thread_set.hpp"
 
 namespace pelora::platform {
@@ -298,22 +298,15 @@ bool isLocalAddress(const char* ip) noexcept {
 
 // "host:port" of `url` (the port the scheme implies when none is given); empty when unparsable.
 std::string hostAndPort(const char* url) {
-  CURLU* parsed = curl_url();
-  if (!parsed) return {};
-  std::string result;
-  char* host = nullptr;
-  char* port = nullptr;
-  if (curl_url_set(parsed, CURLUPART_URL, url, 0) == CURLUE_OK &&
-      curl_url_get(parsed, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
-      curl_url_get(parsed, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK) {
-    result = std::string(host) + ":" + port;
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  CurlURL parsed;
+  CurlString host;
+  CurlString port;
+  if (!parseURL(parsed.handle, url) ||
+      curl_url_get(parsed.handle, CURLUPART_HOST, &host.text, 0) != CURLUE_OK ||
+      curl_url_get(parsed.handle, CURLUPART_PORT, &port.text, CURLU_DEFAULT_PORT) != CURLUE_OK) {
+    return {};
   }
-  curl_free(host);
-  curl_free(port);
-  curl_url_cleanup(parsed);
-  return result;
+  return std::string(host.text) + ":" + port.text;
 }
 
 HttpError tooLargeError(const TransferPolicy& policy) {
@@ -362,10 +355,10 @@ struct Transfer {
   std::string responseBody;
   std::size_t headerBytes = 0;
   bool tooLarge = false;      // the answer went past the policy's limits
+  bool outOfMemory = false;   // the answer could not be kept
   bool refusedLocal = false;  // it led to a local address it may not reach
   // "host:port" pairs the session's connectTo entries reroute: where the host itself chose to go.
   const std::vector<std::string>* reroutedHosts = nullptr;
-  bool outOfMemory = false;  // the answer could not be kept
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
   // Starts once the connection is ready: connecting has its own limit, and waiting in curl's
@@ -452,7 +445,8 @@ int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept 
         curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK && url) {
       const std::string target = hostAndPort(url);
       const auto& rerouted = *transfer->reroutedHosts;
-      if (std::find(rerouted.begin(), rerouted.end(), target) != rerouted.end()) {
+      if (std::any_of(rerouted.begin(), rerouted.end(),
+                      [&](const std::string& pair) { return equalsIgnoringCase(pair, target); })) {
         return CURL_PREREQFUNC_OK;
       }
     }
@@ -477,10 +471,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
       const auto first = entry.find(':');
       const auto second = first == std::string::npos ? first : entry.find(':', first + 1);
       if (first > 0 && second != std::string::npos && second > first + 1) {
-        std::string pair = entry.substr(0, second);
-        std::transform(pair.begin(), pair.end(), pair.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        reroutedHosts_.push_back(std::move(pair));
+        reroutedHosts_.push_back(entry.substr(0, second));
       }
     }
   }
@@ -561,7 +552,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   std::unique_ptr<Transfer> detach(CURLM* multi, CURL* easy);
 
   curl_slist* connectTo_ = nullptr;
-  std::vector<std::string> reroutedHosts_;  // lower-case "host:port" of the connectTo entries
+  std::vector<std::string> reroutedHosts_;  // "host:port" of the connectTo entries
 
   std::mutex mutex_;
   std::vector<Message> inbox_;  // guarded by mutex_
@@ -775,16 +766,16 @@ void Engine::finish(Transfer& transfer, CURLcode result) {
   } else if (result != CURLE_OK) {
     deliver(task, std::nullopt, errorFor(result, transfer.errorBuffer, connected(transfer.easy)));
   } else {
-    std::optional<HttpResponse> response(std::in_place);
+    HttpResponse response;
     long status = 0;
     curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
-    response->status = static_cast<int>(status);
+    response.status = static_cast<int>(status);
     curl_header* previous = nullptr;
     while (curl_header* header = curl_easy_nextheader(transfer.easy, CURLH_HEADER, -1, previous)) {
-      response->headers.emplace_back(header->name, header->value);
+      response.headers.emplace_back(header->name, header->value);
       previous = header;
     }
-    response->body = std::move(transfer.responseBody);
+    response.body = std::move(transfer.responseBody);
     deliver(task, response, std::nullopt);
   }
 }
@@ -872,9 +863,10 @@ bool sendsBody(const HttpRequest& request, bool upload) {
 // The upload file, opened for the transfer to stream; its size, or nothing (with `error` set).
 std::optional<curl_off_t> openUploadFile(Transfer& transfer, const std::string& path,
                                          std::optional<HttpError>& error) {
-  transfer.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  // Only a regular file of the user's, never through a link: the same rule as for writing one.
+  transfer.fd = openOwnFile(path, O_RDONLY).release();
   struct stat info {};
-  if (transfer.fd < 0 || ::fstat(transfer.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+  if (transfer.fd < 0 || ::fstat(transfer.fd, &info) != 0) {
     error = makeError(HttpError::Code::fileError, "The upload file could not be read", path, 0);
     return std::nullopt;
   }
