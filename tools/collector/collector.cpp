@@ -5,6 +5,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -171,6 +172,8 @@ struct Collector::State {
 
   ScriptedResponse handle(const RecordedRequest& request);
   ScriptedResponse answerFor(const RecordedRequest& request);
+  std::optional<ScriptedResponse> refusal(const JSON& body, std::size_t size,
+                                          const std::string& what);
   ScriptedResponse acceptBatch(const JSON& body, const std::vector<TrackEvent>& received);
   ScriptedResponse acceptTrackingEvent(const JSON& body);
   ScriptedResponse pull(const RecordedRequest& request);
@@ -187,6 +190,16 @@ struct Collector::State {
     ++counts.unrecorded;
     return answer(507, "cannot record it");
   }
+  // Under `mutex`: a request turned away on purpose, nothing of it kept.
+  ScriptedResponse turnedAway(int status, const std::string& what, const std::string& why) {
+    ++counts.failed;
+    ++counts.failedByStatus[status];
+    changed.notify_all();
+    print("answered " + std::to_string(status) + " to " + what + " (" + why + ")");
+    ScriptedResponse response = answer(status, "failing on purpose");
+    if (!retryAfter.empty()) response.headers.emplace_back("Retry-After", retryAfter);
+    return response;
+  }
 
   const CollectorOptions options;
   mutable std::mutex mutex;
@@ -194,6 +207,11 @@ struct Collector::State {
   int failStatus = 0;
   int failRemaining = 0;
   Clock::time_point failUntil{};
+  std::deque<int> inTurn;
+  std::size_t maxBatchEvents = 0;  // 0: any size
+  int largeBatchStatus = 413;
+  std::map<std::string, int, std::less<>> refusedKeys;
+  std::string retryAfter;
   std::chrono::milliseconds delay{0};
   Counts counts;
   std::vector<TrackEvent> events;
@@ -224,6 +242,7 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
         --failPullsRemaining;
         ++counts.pulls;
         ++counts.failed;
+        ++counts.failedByStatus[failPullsStatus];
         pulls.push_back(request.path.substr(pullPath.size()));
         changed.notify_all();
         print("answered " + std::to_string(failPullsStatus) + " to " + what + " (told to fail)");
@@ -238,9 +257,14 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
     std::lock_guard lock(mutex);
     if (failRemaining > 0 || Clock::now() < failUntil) {
       if (failRemaining > 0) --failRemaining;
-      ++counts.failed;
-      print("answered " + std::to_string(failStatus) + " to " + what + " (told to fail)");
-      return answer(failStatus, "failing on purpose");
+      return turnedAway(failStatus, what, "told to fail");
+    }
+    const bool tracking = request.method == "POST" &&
+                          (request.path == batchPath || request.path == trackingEventPath);
+    if (tracking && !inTurn.empty()) {
+      const int status = inTurn.front();
+      inTurn.pop_front();
+      if (status < 200 || status > 299) return turnedAway(status, what, "its turn");
     }
   }
   const bool isBatch = request.path == batchPath;
@@ -252,6 +276,10 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
   std::vector<TrackEvent> received;
   auto problem = bodyProblem(request, body);
   if (!problem) problem = isBatch ? batchProblem(body, received) : trackingEventProblem(body);
+  if (!problem && isBatch) {
+    std::lock_guard lock(mutex);
+    if (auto refused = refusal(body, received.size(), what)) return *refused;
+  }
   if (!problem) return isBatch ? acceptBatch(body, received) : acceptTrackingEvent(body);
   {
     std::lock_guard lock(mutex);
@@ -259,6 +287,21 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
   }
   print("rejected " + what + ": " + *problem);
   return answer(400, *problem);
+}
+
+// Under `mutex`: the answer to a well-formed batch that its key or its size turns away.
+std::optional<ScriptedResponse> Collector::State::refusal(const JSON& body, std::size_t size,
+                                                          const std::string& what) {
+  const auto& key = *body.mapPointer()->at("writeKey").stringPointer();
+  if (const auto it = refusedKeys.find(key); it != refusedKeys.end()) {
+    return turnedAway(it->second, what, "writeKey " + key + " refused");
+  }
+  if (maxBatchEvents > 0 && size > maxBatchEvents) {
+    return turnedAway(
+        largeBatchStatus, what,
+        std::to_string(size) + " events, more than " + std::to_string(maxBatchEvents));
+  }
+  return std::nullopt;
 }
 
 ScriptedResponse Collector::State::acceptBatch(const JSON& body,
@@ -458,10 +501,39 @@ void Collector::failFor(int status, std::chrono::milliseconds duration) {
   state_->failUntil = Clock::now() + duration;
 }
 
+void Collector::answerInTurn(std::vector<int> statuses) {
+  std::lock_guard lock(state_->mutex);
+  state_->inTurn.assign(statuses.begin(), statuses.end());
+}
+
+void Collector::rejectBatchesLargerThan(std::size_t events, int status) {
+  std::lock_guard lock(state_->mutex);
+  state_->maxBatchEvents = events;
+  state_->largeBatchStatus = status;
+}
+
+void Collector::refuseWriteKey(std::string key, int status) {
+  std::lock_guard lock(state_->mutex);
+  state_->refusedKeys[std::move(key)] = status;
+}
+
+void Collector::retryAfter(std::string value) {
+  // A line break would end the header and start another.
+  if (value.find_first_of("\r\n") != std::string::npos) {
+    throw std::invalid_argument("a Retry-After value is one line");
+  }
+  std::lock_guard lock(state_->mutex);
+  state_->retryAfter = std::move(value);
+}
+
 void Collector::recover() {
   std::lock_guard lock(state_->mutex);
   state_->failRemaining = 0;
   state_->failUntil = {};
+  state_->inTurn.clear();
+  state_->maxBatchEvents = 0;
+  state_->refusedKeys.clear();
+  state_->retryAfter.clear();
 }
 
 void Collector::delayAnswers(std::chrono::milliseconds delay) {
@@ -498,8 +570,16 @@ std::string Collector::summary() const {
   std::string text = count(c.batches, "batch", "batches") + ", " +
                      count(c.events, "event", "events") + " (" + std::to_string(c.distinctEvents) +
                      " distinct), " + count(c.trackingEvents, "tracking event", "tracking events") +
-                     ", " + std::to_string(c.failed) + " failed, " + std::to_string(c.rejected) +
-                     " rejected";
+                     ", " + std::to_string(c.failed) + " failed";
+  if (!c.failedByStatus.empty()) {
+    std::string byStatus;
+    for (const auto& [status, n] : c.failedByStatus) {
+      if (!byStatus.empty()) byStatus += ", ";
+      byStatus += std::to_string(n) + " with " + std::to_string(status);
+    }
+    text += " (" + byStatus + ")";
+  }
+  text += ", " + std::to_string(c.rejected) + " rejected";
   if (c.pulls > 0 || c.opened > 0) {
     text += ", " + count(c.pulls, "in-app message pull", "in-app message pulls") + ", " +
             count(c.inAppMessages, "in-app message delivered", "in-app messages delivered") + ", " +

@@ -7,14 +7,18 @@
 // queueInAppMessage or by "POST /iam/messages[?workspace=W]" with an IAMData object as the body;
 // the open notifications ("GET /iam/opened/...", where the demo's messages point actionOpen) are
 // recorded. While told to fail, every tracking request (pulls: see failPulls) is answered with the
-// given status and nothing is kept. Accepted events stay in memory for the life of the collector
-// unless told otherwise (then only their message ids are kept, for the distinct count).
+// given status and nothing is kept. It can also answer as a busy or strict service does: a list of
+// statuses in turn, a status for batches of more than so many events (413), a status for every
+// batch of one write key (401, 403), each with a Retry-After header if asked. A request turned away
+// on purpose is counted as failed, by status. Accepted events stay in memory for the life of the
+// collector unless told otherwise (then only their message ids are kept, for the distinct count).
 // Thread-safe.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -68,7 +72,22 @@ class Collector {
   void failPulls(int status, int count);
   // Answers every tracking request with `status` until `duration` has passed.
   void failFor(int status, std::chrono::milliseconds duration);
-  // Back to answering normally.
+  // Answers the next POSTs to the two tracking endpoints with `statuses`, one each in order, then
+  // as usual. A 2xx entry lets its request through to the usual handling (the modes below
+  // included); any other is the answer, and nothing is kept. Checked after failNext and failFor.
+  void answerInTurn(std::vector<int> statuses);
+  // Answers a well-formed batch of more than `events` events with `status` and keeps none of it;
+  // 0 turns it off.
+  void rejectBatchesLargerThan(std::size_t events, int status = 413);
+  // Answers every well-formed batch whose "writeKey" is `key` with `status` and keeps none of it;
+  // before the size check. One status per key; any number of keys.
+  void refuseWriteKey(std::string key, int status);
+  // The exact text of a Retry-After header ("3", an HTTP date) on every answer turned away by the
+  // modes above, failNext and failFor (not failPulls); empty: none. Throws std::invalid_argument
+  // on a line break.
+  void retryAfter(std::string value);
+  // Back to answering normally: the modes above, failNext and failFor end and Retry-After goes.
+  // Pulls (failPulls) and delayAnswers are left as they are.
   void recover();
   // Holds every answer back this long, like a slow service.
   void delayAnswers(std::chrono::milliseconds delay);
@@ -83,12 +102,13 @@ class Collector {
     std::size_t events = 0;          // events in accepted batches, resent ones included
     std::size_t distinctEvents = 0;  // by message id
     std::size_t trackingEvents = 0;  // accepted tracking-event posts
-    std::size_t failed = 0;          // answered with the failure status
+    std::size_t failed = 0;          // turned away on purpose, pulls included
     std::size_t rejected = 0;        // malformed, answered 400
     std::size_t unrecorded = 0;      // not written to the JSON-lines file (full disk), answered 507
     std::size_t pulls = 0;           // in-app message pulls answered (or being held)
     std::size_t inAppMessages = 0;   // messages handed out by pulls
     std::size_t opened = 0;          // open notifications
+    std::map<int, std::size_t> failedByStatus;  // `failed`, by the status answered
   };
   Counts counts() const;
   // The events of every accepted batch in arrival order (a resent batch's events appear again).
@@ -104,8 +124,8 @@ class Collector {
   std::vector<std::string> openNotifications() const;
   // The paths of the pulls (workspace and user), in arrival order.
   std::vector<std::string> pullPaths() const;
-  // "N batches, N events (N distinct), N tracking events, N failed, N rejected", and the pulls,
-  // in-app messages and open notifications when there were any.
+  // "N batches, N events (N distinct), N tracking events, N failed (N with S, ...), N rejected",
+  // and the pulls, in-app messages and open notifications when there were any.
   std::string summary() const;
 
   // Ends held pulls, stops listening and joins the server's threads; later requests are refused.

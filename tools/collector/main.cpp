@@ -13,6 +13,8 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/platform/console.hpp"
@@ -31,6 +33,15 @@ constexpr const char* usage = R"(usage: pelora_collector [options]
   --fail-status CODE  the status that the two options below answer with (default 503)
   --fail-first N      answer the first N requests with the failure status
   --fail-seconds S    answer every request with the failure status for the first S seconds
+  --fail-sequence S,S,...
+                      answer the first POSTs to the tracking endpoints with these statuses, one
+                      each in turn (a 2xx one lets its request through as usual), then as usual
+  --max-batch-events N
+                      answer a batch of more than N events 413, keeping none of it
+  --refuse-key KEY:STATUS
+                      answer every batch whose writeKey is KEY with STATUS (repeatable)
+  --retry-after VALUE send "Retry-After: VALUE" (seconds or an HTTP date) with every answer that
+                      the failure options above give
   --delay-ms N        hold every answer back N milliseconds, like a slow service
   --iam-message FILE  queue the in-app message in FILE (an IAMData JSON object) for the first
                       pull of any workspace (repeatable; shown in the order given)
@@ -52,6 +63,25 @@ int number(std::string_view option, std::string_view text) {
     fail(std::string(option) + " takes a whole number, not \"" + std::string(text) + "\"");
   }
   return value;
+}
+
+int httpStatus(std::string_view option, std::string_view text) {
+  const int status = number(option, text);
+  if (status < 100 || status > 599) {
+    fail(std::string(option) + ": " + std::string(text) + " is not an HTTP status");
+  }
+  return status;
+}
+
+// "429,413,500"
+std::vector<int> httpStatuses(std::string_view option, std::string_view text) {
+  std::vector<int> statuses;
+  for (std::size_t start = 0;;) {
+    const std::size_t comma = text.find(',', start);
+    statuses.push_back(httpStatus(option, text.substr(start, comma - start)));
+    if (comma == std::string_view::npos) return statuses;
+    start = comma + 1;
+  }
 }
 
 // Written whole and then renamed, so a script polling the file never reads half a line.
@@ -79,6 +109,10 @@ int main(int argc, char** argv) {
   int failFirst = 0;
   int failSeconds = 0;
   int delayMilliseconds = 0;
+  std::vector<int> failSequence;
+  std::size_t maxBatchEvents = 0;
+  std::vector<std::pair<std::string, int>> refusedKeys;
+  std::string retryAfter;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
     if (option == "-h" || option == "--help") {
@@ -102,12 +136,21 @@ int main(int argc, char** argv) {
     } else if (option == "--ready-file") {
       readyFile = value;
     } else if (option == "--fail-status") {
-      failStatus = number(option, value);
-      if (failStatus < 100 || failStatus > 599) fail("--fail-status takes an HTTP status");
+      failStatus = httpStatus(option, value);
     } else if (option == "--fail-first") {
       failFirst = number(option, value);
     } else if (option == "--fail-seconds") {
       failSeconds = number(option, value);
+    } else if (option == "--fail-sequence") {
+      failSequence = httpStatuses(option, value);
+    } else if (option == "--max-batch-events") {
+      maxBatchEvents = static_cast<std::size_t>(number(option, value));
+    } else if (option == "--refuse-key") {
+      const auto colon = value.rfind(':');
+      if (colon == std::string::npos || colon == 0) fail("--refuse-key takes KEY:STATUS");
+      refusedKeys.emplace_back(value.substr(0, colon), httpStatus(option, value.substr(colon + 1)));
+    } else if (option == "--retry-after") {
+      retryAfter = value;
     } else if (option == "--delay-ms") {
       delayMilliseconds = number(option, value);
     } else if (option == "--iam-message") {
@@ -133,6 +176,10 @@ int main(int argc, char** argv) {
     pelora::collector::Collector collector(options);
     if (failFirst > 0) collector.failNext(failStatus, failFirst);
     if (failSeconds > 0) collector.failFor(failStatus, std::chrono::seconds(failSeconds));
+    collector.answerInTurn(failSequence);
+    collector.rejectBatchesLargerThan(maxBatchEvents);
+    for (const auto& [key, status] : refusedKeys) collector.refuseWriteKey(key, status);
+    collector.retryAfter(retryAfter);
     collector.delayAnswers(std::chrono::milliseconds(delayMilliseconds));
     const std::string host(pelora::productionTrackingHost);
     pelora::platform::printLine("pelora_collector: listening on https://127.0.0.1:" +
