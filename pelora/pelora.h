@@ -108,8 +108,27 @@ PELORA_C_API pelora_status pelora_config_set_paths(pelora_config* config, const 
 PELORA_C_API pelora_status pelora_config_add_connect_to(pelora_config* config, const char* entry);
 /* A CA bundle file trusted for every HTTPS request (for a local collector). */
 PELORA_C_API pelora_status pelora_config_set_ca_bundle(pelora_config* config, const char* path);
-/* Seconds before the next in-app message pull after a failed one (default 0: at once). */
+/* Seconds before the next in-app message pull after a failed one (default 0: at once for three
+ * failures in a row, then from 250 ms doubling up to 60 s until a pull succeeds). */
 PELORA_C_API pelora_status pelora_config_set_iam_retry_delay(pelora_config* config, double seconds);
+/* The disk bound: once stored batches would pass `bytes` (default 64 MiB; 0: no bound), the oldest
+ * finished ones are deleted and their events counted (pelora_dropped_event_count). */
+PELORA_C_API pelora_status pelora_config_set_max_stored_bytes(pelora_config* config,
+                                                              uint64_t bytes);
+/* Finished batches still undelivered after `seconds` are deleted and counted (default 0: never). */
+PELORA_C_API pelora_status pelora_config_set_max_batch_age(pelora_config* config, double seconds);
+/* Turns on the delivery policy (off by default: a failed batch simply goes again with a later
+ * flush). A batch that failed (network error, 5xx, 429) waits from `initial_backoff_seconds`
+ * doubling with jitter up to `max_backoff_seconds` (which also caps Retry-After); one answered
+ * 413 is split into halves when `split_too_large`; one answered 400/401/403 is set aside as
+ * "*.refused" after `refused_after_tries`; while the service cannot be reached, timed uploads
+ * pause when `pause_while_offline`. */
+PELORA_C_API pelora_status pelora_config_set_delivery_policy(pelora_config* config,
+                                                             double initial_backoff_seconds,
+                                                             double max_backoff_seconds,
+                                                             int refused_after_tries,
+                                                             int split_too_large,
+                                                             int pause_while_offline);
 /* An opaque handle to the host application, kept for plugins that ask for it. */
 PELORA_C_API pelora_status pelora_config_set_application(pelora_config* config, void* application);
 
@@ -145,7 +164,8 @@ PELORA_C_API pelora_status pelora_reset(pelora_client* client);
 /* Starts uploading what is stored; returns at once. */
 PELORA_C_API pelora_status pelora_flush(pelora_client* client);
 /* Uploads everything stored and waits up to `timeout_seconds`: PELORA_OK when all was delivered,
- * PELORA_ERROR_TIMEOUT otherwise. */
+ * PELORA_ERROR_TIMEOUT otherwise, at once when the service cannot be reached at all (what is
+ * stored stays for a later run). */
 PELORA_C_API pelora_status pelora_flush_wait(pelora_client* client, double timeout_seconds);
 /* pelora_flush_wait, then stops the client's timers, polling and threads; later recording calls
  * return PELORA_ERROR_SHUT_DOWN. PELORA_ERROR_TIMEOUT when events were left or threads had not
@@ -153,6 +173,8 @@ PELORA_C_API pelora_status pelora_flush_wait(pelora_client* client, double timeo
 PELORA_C_API pelora_status pelora_shutdown(pelora_client* client, double timeout_seconds);
 /* 1 while events wait (stored, or uploads in flight), else 0. */
 PELORA_C_API int pelora_has_unsent_events(pelora_client* client);
+/* Events the disk bound deleted undelivered since the client was created (0 for NULL). */
+PELORA_C_API uint64_t pelora_dropped_event_count(pelora_client* client);
 
 #ifdef __cplusplus
 }

@@ -2,7 +2,9 @@
 // where exceptions become status codes and messages.
 #include "pelora/pelora.h"
 
+#include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -303,6 +305,48 @@ pelora_status pelora_config_set_iam_retry_delay(pelora_config* config, double se
   });
 }
 
+pelora_status pelora_config_set_max_stored_bytes(pelora_config* config, uint64_t bytes) {
+  return configure(config, [&](auto& c) { c.maxStoredBytes(bytes); });
+}
+
+pelora_status pelora_config_set_max_batch_age(pelora_config* config, double seconds) {
+  return configure(config, [&](auto& c) {
+    if (!std::isfinite(seconds) || seconds < 0) {
+      throw Refused(PELORA_ERROR_INVALID_ARGUMENT, "max_batch_age must be 0 or more seconds");
+    }
+    c.maxBatchAge(seconds);
+  });
+}
+
+pelora_status pelora_config_set_delivery_policy(pelora_config* config,
+                                                double initial_backoff_seconds,
+                                                double max_backoff_seconds, int refused_after_tries,
+                                                int split_too_large, int pause_while_offline) {
+  return configure(config, [&](auto& c) {
+    auto milliseconds = [](double seconds, const char* name) {
+      if (!std::isfinite(seconds) || seconds <= 0 || seconds > 86'400) {
+        throw Refused(PELORA_ERROR_INVALID_ARGUMENT,
+                      std::string(name) + " must be more than 0 and at most 86400 seconds");
+      }
+      return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+    };
+    pelora::DeliveryPolicy policy;
+    policy.initialBackoff = milliseconds(initial_backoff_seconds, "initial_backoff_seconds");
+    policy.maxBackoff = milliseconds(max_backoff_seconds, "max_backoff_seconds");
+    if (policy.maxBackoff < policy.initialBackoff) {
+      throw Refused(PELORA_ERROR_INVALID_ARGUMENT,
+                    "max_backoff_seconds must not be less than initial_backoff_seconds");
+    }
+    if (refused_after_tries < 1) {
+      throw Refused(PELORA_ERROR_INVALID_ARGUMENT, "refused_after_tries must be 1 or more");
+    }
+    policy.refusedAfterTries = refused_after_tries;
+    policy.splitTooLarge = split_too_large != 0;
+    policy.pauseWhileOffline = pause_while_offline != 0;
+    c.deliveryPolicy(policy);
+  });
+}
+
 pelora_status pelora_config_set_application(pelora_config* config, void* application) {
   return configure(
       config, [&](auto& c) { c.application(application ? std::any(application) : std::any()); });
@@ -450,6 +494,11 @@ int pelora_has_unsent_events(pelora_client* client) {
   } catch (...) {
     return 0;
   }
+}
+
+uint64_t pelora_dropped_event_count(pelora_client* client) {
+  if (client == nullptr) return 0;
+  return client->analytics->droppedEventCount();
 }
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 
 #include "pelora/client/startup_queue.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/pelora_destination.hpp"
 #include "pelora/delivery/pelora_monitor_event.hpp"
 #include "pelora/messages/iam_manager.hpp"
@@ -118,7 +119,8 @@ PeloraAnalytics::PeloraAnalytics(std::shared_ptr<Configuration> configuration,
       storage_(Storage::create(store_, configuration_->values.writeKey,
                                configuration_->values.paths.value_or(platform::Paths{}))),
       launchOptions_(std::move(launchOptions)),
-      timeline_(std::make_shared<Timeline>()) {}
+      timeline_(std::make_shared<Timeline>()),
+      progress_(std::make_shared<DeliveryProgress>()) {}
 
 PeloraAnalytics::~PeloraAnalytics() {
   if (foregroundObserver_) platform::AppLifecycle::shared().removeObserver(*foregroundObserver_);
@@ -139,10 +141,12 @@ void PeloraAnalytics::start() {
   if (values.autoAddPeloraDestination) {
     auto destination = std::make_shared<PeloraDestination>();
     destination->setAnalytics(shared_from_this());
+    destination->setProgress(progress_);
     add(destination);  // configures it (storage, HTTP client, flush timer) with this client
   }
   auto monitor = std::make_shared<PeloraMonitorEvent>();
   monitor->setAnalytics(shared_from_this());
+  monitor->setProgress(progress_);
   add(monitor);
   debugPrint("Pelora: built-in destinations added");
 
@@ -421,14 +425,19 @@ void PeloraAnalytics::manuallyEnableDestination(const std::shared_ptr<Destinatio
 bool PeloraAnalytics::hasUnsentEvents() const {
   if (auto destination = find<PeloraDestination>()) {
     if (destination->pendingUploads() > 0 || destination->eventCount() > 0) return true;
+    if (!destination->deliveryState().backlogEmpty) return true;
   }
   auto files = pendingUploads();
   return files && !files->empty();
 }
 
+std::uint64_t PeloraAnalytics::droppedEventCount() const {
+  return storage_->droppedEvents();
+}
+
 // ---- Lifecycle ----------------------------------------------------------------------------------
 
-bool PeloraAnalytics::deliveredAll() const {
+bool PeloraAnalytics::postsAndStartupDone() const {
   // Events held until start-up finishes are not even stored yet.
   if (auto startup = find<StartupQueue>()) {
     if (!startup->running() || startup->heldCount() > 0) return false;
@@ -436,28 +445,50 @@ bool PeloraAnalytics::deliveredAll() const {
   if (auto monitor = find<PeloraMonitorEvent>()) {
     if (monitor->postsInFlight() > 0) return false;
   }
-  return !hasUnsentEvents();
+  return true;
+}
+
+bool PeloraAnalytics::deliveredAll() const {
+  return postsAndStartupDone() && !hasUnsentEvents();
 }
 
 bool PeloraAnalytics::flushUntil(Clock::time_point deadline) {
   using namespace std::chrono_literals;
+  // Start-up replaying held events moves nothing on: look again at least this often.
+  constexpr auto kLookAgain = 100ms;
+  auto destination = find<PeloraDestination>();
   flush();
-  auto lastFlush = Clock::now();
-  auto retryAfter = 250ms;  // after a failed upload; doubles up to 2 s
-  auto poll = 2ms;          // the caller's thread sleeps; nothing of ours spins
+  auto mayFlushAt = Clock::now();  // a flush that started nothing is not repeated at once
   for (;;) {
-    if (deliveredAll()) return true;
+    const std::uint64_t seen = progress_->generation();
     const auto now = Clock::now();
-    if (now >= deadline) return false;
-    // A failed upload keeps its file: send it again once nothing is in flight.
-    auto destination = find<PeloraDestination>();
-    if (destination && destination->pendingUploads() == 0 && now - lastFlush >= retryAfter) {
-      flush();
-      lastFlush = now;
-      retryAfter = std::min<std::chrono::milliseconds>(retryAfter * 2, 2s);
+    auto wakeAt = std::min(deadline, now + kLookAgain);
+    if (destination) {
+      const auto state = destination->deliveryState(now);
+      // Only an idle destination with nothing known left lists the directory to make sure.
+      const bool sent =
+          state.idle && state.backlogEmpty && destination->eventCount() == 0 && !hasUnsentEvents();
+      if (sent && postsAndStartupDone()) return true;
+      if (now >= deadline) return false;
+      if (!sent && state.idle) {
+        // Nothing changes before the deadline when the service cannot be reached at all, or
+        // when the next try is due after it: the batches stay for a later run.
+        if (state.unreachable) return false;
+        if (state.nextAttempt >= deadline) return false;
+        const auto flushAt = std::max(state.nextAttempt, mayFlushAt);
+        if (flushAt <= now) {
+          destination->flush();
+          // Another uploader holding the claim, say: look again a little later.
+          if (destination->deliveryState().idle) mayFlushAt = now + kLookAgain;
+          continue;
+        }
+        wakeAt = std::min(wakeAt, flushAt);
+      }
+    } else {
+      if (deliveredAll()) return true;
+      if (now >= deadline) return false;
     }
-    std::this_thread::sleep_for(std::min<Clock::duration>(poll, deadline - now));
-    poll = std::min<std::chrono::milliseconds>(poll * 2, 50ms);
+    progress_->waitPast(seen, wakeAt);
   }
 }
 

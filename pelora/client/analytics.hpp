@@ -27,6 +27,7 @@
 
 namespace pelora {
 
+class DeliveryProgress;
 class Store;
 class Storage;
 
@@ -103,7 +104,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void flush();
   // Finishes the open batch, uploads every stored batch (again after a failed upload) and waits
   // for identity-tracking posts, until nothing is left unsent or `deadline`. True when everything
-  // was delivered in time. Blocks the calling thread (not a main-queue task: that would stall it).
+  // was delivered in time. Returns false at once, the batches kept for a later run, when the
+  // service cannot be reached at all (connection refused, no route, unknown host) or asks for a
+  // wait past `deadline`. Blocks the calling thread (not a main-queue task: that would stall it).
   bool flush(Clock::time_point deadline);
   bool flush(Clock::duration timeout) { return flush(Clock::now() + timeout); }
   // flush(deadline); then stops the flush timer, the lifecycle observer and the in-app message
@@ -127,6 +130,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   bool hasUnsentEvents() const;
   // The finished batch files waiting for upload.
   std::optional<std::vector<std::filesystem::path>> pendingUploads() const;
+  // Events that the disk bound (Configuration::maxStoredBytes, maxBatchAge) deleted undelivered
+  // since this client was created.
+  std::uint64_t droppedEventCount() const;
   // Returns once a startup queue in the timeline (if any) is running; at once when there is none
   // or when called from a main-queue task (which could never see the flag change).
   void waitUntilStarted() const;
@@ -161,6 +167,7 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   bool accepting(std::string_view what) const;
   bool pluginsReadEventValues() const;
   bool deliveredAll() const;
+  bool postsAndStartupDone() const;
   bool flushUntil(Clock::time_point deadline);
   void releasePlugins();
 
@@ -169,6 +176,8 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   std::shared_ptr<Storage> storage_;
   std::optional<LaunchOptions> launchOptions_;
   std::shared_ptr<Timeline> timeline_;
+  // What flush(deadline) waits on: the built-in destinations move it on as uploads and posts end.
+  std::shared_ptr<DeliveryProgress> progress_;
   std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
   bool startedIAM_ = false;
   std::atomic<bool> shutDown_{false};

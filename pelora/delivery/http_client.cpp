@@ -171,7 +171,7 @@ void HTTPClient::handleResponse(const std::optional<platform::HttpResponse>& res
   } else {
     report("Server rejected payload with HTTP code " + code + ".", LogFilterKind::error);
   }
-  finish(HTTPResult{HTTPClientErrors::statusCode(status)});
+  finish(HTTPResult{HTTPClientErrors::statusCode(status), platform::retryAfter(*response)});
 }
 
 }  // namespace pelora

@@ -3,6 +3,7 @@
 // session's worker thread. Logs outcomes to a LogSink it holds weakly (the client).
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -51,6 +52,8 @@ class HTTPClientErrors : public std::exception {
 // transport's error or an HTTPClientErrors.
 struct HTTPResult {
   std::variant<bool, platform::HttpError, HTTPClientErrors> value;
+  // The wait the service asked for with "Retry-After" on a refusal, if it did.
+  std::optional<std::chrono::seconds> retryAfter{};
 
   bool succeeded() const noexcept { return value.index() == 0; }
   const platform::HttpError* transportError() const noexcept {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -23,22 +24,30 @@
 
 namespace pelora {
 
+class DeliveryProgress;
+class DeliverySchedule;
 class HTTPClient;
+struct HTTPResult;
 
 // Final: the timeline runs it on events in place (executeInPlace), around track().
 class PELORA_API PeloraDestination final : public DestinationPlugin,
                                            public VersionedPlugin,
                                            public std::enable_shared_from_this<PeloraDestination> {
  public:
-  // One started upload: the batch file, its task, and what to run when the entry is dropped.
+  using Clock = std::chrono::steady_clock;
+
+  // One upload in flight: its batch file and its task.
   struct UploadTaskInfo {
-    std::filesystem::path url;
+    std::filesystem::path batch;
     std::shared_ptr<platform::HttpTask> task;
-    std::function<void()> cleanup;
-    // Set once the completion has dealt with the file. A task leaves the running state just before
-    // its completion runs; until the file is deleted the entry must still count as in flight, or
-    // a flush in between would send the batch again.
-    std::shared_ptr<std::atomic<bool>> handled = std::make_shared<std::atomic<bool>>(false);
+  };
+
+  // What a flush with a deadline needs to know of the uploads.
+  struct DeliveryState {
+    bool idle = true;                 // no round of uploads is running
+    bool backlogEmpty = true;         // no batch known from the last listing is left undelivered
+    bool unreachable = false;         // the last attempt could not reach the service at all
+    Clock::time_point nextAttempt{};  // when sending the backlog again may help
   };
 
   PeloraDestination();
@@ -48,8 +57,9 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   std::string pluginVersion() const override { return version(); }
   std::string key() const override { return "Pelora.io"; }
 
-  // Takes the client's storage, makes an HTTP client with default key and host and starts the
-  // flush timer (every flushInterval seconds, on the main queue).
+  // Takes the client's storage, makes an HTTP client with default key and host, applies the
+  // configuration's disk bound and delivery policy, and starts the flush timer (every
+  // flushInterval seconds, on the main queue).
   void configure(std::shared_ptr<PluginHost> analytics) override;
   // Uses "apiKey" and "apiHost" under "Pelora.io"; only both together replace the HTTP client.
   void update(const Settings& settings, UpdateType type) override;
@@ -58,43 +68,55 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   // execute() without moving the event: it is only read.
   void executeInPlace(std::optional<TrackEvent>& event) override;
   using DestinationPlugin::executeInPlace;
-  // Finishes the current batch file and uploads every finished file, unless uploads are running.
+  // Finishes the current batch file and starts a round of uploads of every finished file (a few
+  // at a time), unless a round is running. While the last round failed it sends the oldest known
+  // batch first instead, and finishes and lists only once that one is delivered.
   void flush() override;
-  // Stops the flush timer and lets the HTTP client go (uploads in flight still finish).
+  // Stops the flush timer and cancels uploads in flight (their batches stay for the next run).
   void shutdown() override;
   // Writes events as they are (plugins of its own timeline are asked on their own).
   bool readsEventValues() const override { return false; }
 
-  // Upload entries not yet cleaned up.
+  // Uploads in flight.
   std::size_t pendingUploads() const;
   // Events stored since the last flush.
   std::int64_t eventCount() const { return eventCount_.load(std::memory_order_relaxed); }
+  // As of `now`: nextAttempt is at most `now` when sending again may help at once.
+  DeliveryState deliveryState(Clock::time_point now = Clock::now()) const;
+  // Told of every upload that ends, for a flush with a deadline that waits on it.
+  void setProgress(std::shared_ptr<DeliveryProgress> progress);
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
   std::shared_ptr<HTTPClient> httpClient() const;
 
  private:
+  enum class Trigger { asked, automatic };
+  void flush(Trigger trigger);
   // What track() does: appends `event`, flushes once flushAt events are stored.
   void store(const TrackEvent& event);
-  // Only on uploadsQueue_.
-  void cleanupUploads();
-  void cleanupOnUploadsQueue();
-  void uploadFinished(const std::filesystem::path& file, bool succeeded,
-                      std::shared_ptr<UploadClaim>& claim, std::atomic<bool>& handled);
+  // The rest run only on uploadsQueue_.
+  void startUploads();
+  void startUpload(const std::filesystem::path& batch);
+  void settle(const std::filesystem::path& batch, const HTTPResult& result);
+  void endRound();
+  void uploadFinished(const std::filesystem::path& batch, const HTTPResult& result);
   void log(const std::string& message, const char* function, int line) const;
 
   const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
-  std::vector<UploadTaskInfo> uploads_;  // touched only on uploadsQueue_
-  // Held while uploads_ is not empty (and by each upload until it has dealt with its file).
-  std::shared_ptr<UploadClaim> uploadClaim_;  // on uploadsQueue_
-  bool shutDown_ = false;                     // on uploadsQueue_: no upload starts any more
   std::atomic<std::int64_t> eventCount_{0};
+
+  // A round of uploads and what is known of the stored batches; touched only on uploadsQueue_.
+  struct Round;
+  class UploadEnd;
+  std::unique_ptr<Round> round_;
+  bool shutDown_ = false;  // no upload starts any more
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace
   // The client's storage, kept for upload completions that end after shutdown let the client go
   // (recording reaches it through the client, without this lock).
   std::shared_ptr<Storage> storage_;
   std::shared_ptr<HTTPClient> httpClient_;
+  std::shared_ptr<DeliveryProgress> progress_;
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;
   std::unique_ptr<QueueTimer> flushTimer_;

@@ -29,13 +29,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* batchPath = "/tracking-controller/b";
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 class PeloraDestinationTest : public ::testing::Test {
  protected:
   // A client without the built-in destination, so each test owns the one it adds.
@@ -74,17 +67,41 @@ class PeloraDestinationTest : public ::testing::Test {
 
 TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   makeClient(1);
-  server.setDefaultResponse({.status = 500});  // keep every file to look at it
   for (int i = 0; i < 3; ++i) {
     client->trackBash("E" + std::to_string(i));
     EXPECT_EQ(destination->eventCount(), 0);
+    ASSERT_TRUE(server.waitForRequests(static_cast<std::size_t>(i) + 1));
     ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
   }
-  auto files = finishedFiles();
-  ASSERT_EQ(files.size(), 3u);
-  for (const auto& file : files) {
-    EXPECT_EQ(JSON::parse(readFile(file))["batch"]->arrayValue()->size(), 1u) << file;
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  for (const auto& request : requests) {
+    EXPECT_EQ(JSON::parse(request.body)["batch"]->arrayValue()->size(), 1u) << request.body;
   }
+}
+
+// While uploads fail, flushes send the oldest batch alone and keep appending to the open one:
+// a failing service does not turn every flushAt events into a file of their own.
+TEST_F(PeloraDestinationTest, WhileUploadsFailFlushesDoNotCutSmallFiles) {
+  makeClient(1);
+  server.setDefaultResponse({.status = 500});
+  for (int i = 0; i < 5; ++i) {
+    client->trackBash("E" + std::to_string(i));
+    ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+  }
+  EXPECT_EQ(finishedFiles().size(), 1u);
+  for (const auto& request : server.requests()) {
+    EXPECT_EQ(JSON::parse(request.body)["batch"]->arrayValue()->size(), 1u);  // the first batch
+  }
+  server.setDefaultResponse({});
+  // Once the oldest is delivered, the same flush finishes the open batch and sends it too.
+  destination->flush();
+  ASSERT_TRUE(eventually([&] { return uploadsSettled() && finishedFiles().empty(); }));
+  std::size_t delivered = 0;
+  for (const auto& request : server.requests()) {
+    delivered += JSON::parse(request.body)["batch"]->arrayValue()->size();
+  }
+  EXPECT_GE(delivered, 5u);
 }
 
 // Keeps every log line the client passes on, from any thread.

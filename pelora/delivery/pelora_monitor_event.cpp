@@ -1,5 +1,6 @@
 #include "pelora/delivery/pelora_monitor_event.hpp"
 
+#include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/http_client.hpp"
 #include "pelora/state/configuration.hpp"
 #include "pelora/state/storage.hpp"
@@ -20,16 +21,21 @@ std::optional<std::string> stringEntry(const std::optional<Dictionary>& entry, c
 // HTTP client drops it unsent.
 class PostInFlight {
  public:
-  explicit PostInFlight(std::shared_ptr<std::atomic<std::size_t>> count)
-      : count_(std::move(count)) {
+  PostInFlight(std::shared_ptr<std::atomic<std::size_t>> count,
+               std::shared_ptr<DeliveryProgress> progress)
+      : count_(std::move(count)), progress_(std::move(progress)) {
     ++*count_;
   }
-  ~PostInFlight() { --*count_; }
+  ~PostInFlight() {
+    --*count_;
+    if (progress_) progress_->advance();
+  }
   PostInFlight(const PostInFlight&) = delete;
   PostInFlight& operator=(const PostInFlight&) = delete;
 
  private:
   std::shared_ptr<std::atomic<std::size_t>> count_;
+  std::shared_ptr<DeliveryProgress> progress_;
 };
 
 }  // namespace
@@ -55,6 +61,11 @@ void PeloraMonitorEvent::setAnalytics(std::shared_ptr<PluginHost> analytics) {
   if (client) httpClient_ = std::move(client);
 }
 
+void PeloraMonitorEvent::setProgress(std::shared_ptr<DeliveryProgress> progress) {
+  std::lock_guard lock(mutex_);
+  progress_ = std::move(progress);
+}
+
 void PeloraMonitorEvent::update(const Settings& settings, UpdateType /*type*/) {
   auto entry = settings.integrationSettings("Pelora.io");
   std::lock_guard lock(mutex_);
@@ -67,10 +78,10 @@ std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
   // (starting one only hands it to the session's thread).
   std::lock_guard lock(mutex_);
   if (httpClient_) {
-    httpClient_->trackingEventPayload(
-        event.identityId, event.eventName, event.eventData,
-        event.profile.value_or(std::vector<JSON>{}),
-        [inFlight = std::make_shared<PostInFlight>(postsInFlight_)](const HTTPResult&) {});
+    httpClient_->trackingEventPayload(event.identityId, event.eventName, event.eventData,
+                                      event.profile.value_or(std::vector<JSON>{}),
+                                      [inFlight = std::make_shared<PostInFlight>(
+                                           postsInFlight_, progress_)](const HTTPResult&) {});
   }
   return event;
 }

@@ -16,6 +16,7 @@
 
 namespace pelora {
 
+class DeliveryProgress;
 class HTTPClient;
 
 class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin {
@@ -45,6 +46,8 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   std::shared_ptr<HTTPClient> httpClient() const;
   // Posts started and not yet answered: a host about to exit can wait for zero.
   std::size_t postsInFlight() const noexcept { return postsInFlight_->load(); }
+  // Told of every post that ends, for a flush with a deadline that waits on it.
+  void setProgress(std::shared_ptr<DeliveryProgress> progress);
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
 
@@ -55,6 +58,7 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   mutable std::mutex mutex_;
   std::shared_ptr<PluginHost> analytics_;
   std::shared_ptr<HTTPClient> httpClient_;
+  std::shared_ptr<DeliveryProgress> progress_;
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;
 };

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
@@ -1098,6 +1099,28 @@ std::string percentEncoded(std::string_view text) {
   CurlString escaped{curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()))};
   if (!escaped.text) throw std::bad_alloc();
   return escaped.text;
+}
+
+std::optional<std::chrono::seconds> retryAfter(const HttpResponse& response,
+                                               std::chrono::system_clock::time_point now) {
+  const auto value = response.header("Retry-After");
+  if (!value) return std::nullopt;
+  const auto first = value->find_first_not_of(" \t");
+  const auto last = value->find_last_not_of(" \t");
+  if (first == std::string::npos) return std::nullopt;
+  const std::string_view text = std::string_view(*value).substr(first, last - first + 1);
+  std::int64_t seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  if (error == std::errc() && end == text.data() + text.size()) {
+    return std::chrono::seconds(std::max<std::int64_t>(seconds, 0));
+  }
+  if (error == std::errc::result_out_of_range) return std::chrono::seconds::max();
+  initializeLibraries();
+  const time_t date = curl_getdate(std::string(text).c_str(), nullptr);
+  if (date < 0) return std::nullopt;
+  const auto wait = std::chrono::system_clock::from_time_t(date) - now;
+  return std::chrono::duration_cast<std::chrono::seconds>(
+      std::max(wait, std::chrono::system_clock::duration::zero()));
 }
 
 std::string cURL(const HttpRequest& request, bool pretty) {

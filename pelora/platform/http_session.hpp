@@ -142,6 +142,11 @@ PELORA_API bool isAbsoluteURL(std::string_view text);
 PELORA_API std::optional<std::string> httpsURL(std::string_view host, std::string_view path);
 // Percent-encodes every byte except unreserved ones (A-Z a-z 0-9 - . _ ~), for one URL component.
 PELORA_API std::string percentEncoded(std::string_view text);
+// The wait that a "Retry-After" header asks for, as delta seconds or an HTTP date (then counted
+// from `now`); nothing when the header is absent or unreadable. Never negative.
+PELORA_API std::optional<std::chrono::seconds> retryAfter(
+    const HttpResponse& response,
+    std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
 
 // Waits until the worker threads of every dropped session have ended (their transfers done), or
 // `deadline`; true when none is left. Workers of sessions still held keep running.

@@ -14,7 +14,8 @@ namespace {
 // reader, then the closing keys. Stops at the first thing that a finished batch could not hold.
 class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BatchScanner> {
  public:
-  explicit BatchScanner(std::string_view text) : text_(text), stream_(text.data(), text.size()) {}
+  BatchScanner(std::string_view text, bool withSpans)
+      : text_(text), stream_(text.data(), text.size()), withSpans_(withSpans) {}
 
   BatchScan scan() {
     BatchScan result;
@@ -32,6 +33,8 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
     const bool parsed =
         !reader.Parse<flags>(stream_, *this).IsError() && stream_.Tell() == text_.size();
     result.hasEvents = events_ > 0;
+    result.eventCount = events_;
+    result.eventSpans = std::move(spans_);
     result.kind = parsed && phase_ == Phase::done ? BatchScan::Kind::closed : BatchScan::Kind::open;
     result.keep = keep_;
     return result;
@@ -114,6 +117,7 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
     }
     keep_ = end;
     ++events_;
+    if (withSpans_) spans_.emplace_back(eventStart_, end);
     return true;
   }
 
@@ -124,6 +128,8 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
   std::size_t eventStart_ = 0;
   std::size_t keep_ = 0;
   std::size_t events_ = 0;
+  bool withSpans_ = false;
+  std::vector<std::pair<std::size_t, std::size_t>> spans_;
 };
 
 }  // namespace
@@ -143,8 +149,8 @@ std::optional<EventsFileName> parseEventsFileName(std::string_view name) {
   return EventsFileName{index, finished};
 }
 
-BatchScan scanBatch(std::string_view text) {
-  return BatchScanner(text).scan();
+BatchScan scanBatch(std::string_view text, bool withSpans) {
+  return BatchScanner(text, withSpans).scan();
 }
 
 }  // namespace pelora::detail

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace pelora::detail {
 
@@ -16,6 +18,16 @@ namespace pelora::detail {
 inline constexpr std::string_view kFileSuffix = "-pelora-events";
 inline constexpr std::string_view kTempExtension = ".temp";
 inline constexpr std::string_view kSetAsideExtension = ".unreadable";
+// A batch is finished once it holds this many bytes, whatever the flushes do.
+inline constexpr std::size_t kRollOverSize = 475'000;
+// The hidden file whose flock is the right to upload a write key's batches.
+inline constexpr std::string_view kUploadsLockName = ".uploads.lock";
+// A finished batch that the service keeps refusing is kept as "<name>.refused", never sent again.
+inline constexpr std::string_view kRefusedExtension = ".refused";
+// The halves of a finished batch cut in two: "<name without .temp>.s0.temp" and ".s1.temp", which
+// sort where it did.
+inline constexpr std::string_view kFirstHalfInfix = ".s0";
+inline constexpr std::string_view kSecondHalfInfix = ".s1";
 // Text: a batch opens with the header, and finishing appends
 // `],"sentAt":"<time>","writeKey":<key as a JSON string>}`.
 inline constexpr std::string_view kBatchHeader = "{ \"batch\": [";
@@ -47,9 +59,12 @@ struct BatchScan {
   Kind kind = Kind::foreign;
   std::size_t keep = 0;
   bool hasEvents = false;
+  std::size_t eventCount = 0;  // whole events
+  // Where each whole event's text begins and ends (one past its "}"), when asked for.
+  std::vector<std::pair<std::size_t, std::size_t>> eventSpans;
 };
 
-// What `text`, the whole content of an unfinished batch file, holds.
-BatchScan scanBatch(std::string_view text);
+// What `text`, the whole content of a batch file, holds; with `withSpans`, where its events are.
+BatchScan scanBatch(std::string_view text, bool withSpans = false);
 
 }  // namespace pelora::detail

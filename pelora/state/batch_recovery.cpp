@@ -19,15 +19,21 @@ using detail::kFinishFunction;
 using detail::kSetAsideExtension;
 using detail::notOurs;
 using detail::parseEventsFileName;
-using detail::renameNoReplace;
+using detail::readAll;
+using detail::renameToFreeName;
 using detail::scanBatch;
 using detail::stillNamed;
 using detail::tryLock;
 using detail::writeAll;
 using platform::UniqueFd;
 
+}  // namespace
+
+namespace detail {
+
 // The first `size` bytes of `fd`; nothing when they cannot be read.
 std::optional<std::string> readAll(int fd, off_t size) {
+  if (size < 0) return std::nullopt;
   std::string bytes(static_cast<std::size_t>(size), '\0');
   std::size_t done = 0;
   while (done < bytes.size()) {
@@ -40,15 +46,10 @@ std::optional<std::string> readAll(int fd, off_t size) {
   return bytes;
 }
 
-}  // namespace
+}  // namespace detail
 
 void Storage::State::setAside(const std::string& path) {
-  int error = renameNoReplace(path.c_str(), (path + std::string(kSetAsideExtension)).c_str());
-  for (int n = 1; error == EEXIST && n < 100; ++n) {
-    const std::string alternative =
-        path + "." + std::to_string(n) + std::string(kSetAsideExtension);
-    error = renameNoReplace(path.c_str(), alternative.c_str());
-  }
+  const int error = renameToFreeName(path, path, kSetAsideExtension);
   log::message("Event storage " + path + " is not a batch file; " +
                    (error == 0 ? "set aside." : "left in place."),
                LogFilterKind::error, kFinishFunction, __LINE__);

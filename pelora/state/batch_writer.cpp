@@ -25,13 +25,13 @@ using detail::kFinishFunction;
 using detail::kSentAtKey;
 using detail::kTempExtension;
 using detail::notOurs;
-using detail::renameNoReplace;
+using detail::renameToFreeName;
 using detail::stillNamed;
 using detail::tryLock;
 using detail::writeAll;
 using platform::UniqueFd;
 
-constexpr off_t kRollOverSize = 475'000;
+constexpr off_t kRollOverSize = detail::kRollOverSize;
 // How often the open batch is checked for having been deleted behind our back.
 constexpr auto kLinkCheckInterval = std::chrono::milliseconds(50);
 // Tries at finding a batch file of our own before giving up on one event.
@@ -107,6 +107,20 @@ int renameNoReplace(const char* from, const char* to) noexcept {
   return 0;
 }
 
+int renameToFreeName(const std::string& from, const std::string& stem,
+                     std::string_view extension) noexcept {
+  try {
+    int error = renameNoReplace(from.c_str(), (stem + std::string(extension)).c_str());
+    for (int n = 1; error == EEXIST && n < 100; ++n) {
+      const std::string alternative = stem + "." + std::to_string(n) + std::string(extension);
+      error = renameNoReplace(from.c_str(), alternative.c_str());
+    }
+    return error;
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+}
+
 bool tryLock(int fd) noexcept {
   return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
@@ -151,11 +165,7 @@ Storage::State::Closing Storage::State::appendClosing(int file, const std::strin
 }
 
 void Storage::State::moveToTemp(const std::string& path) {
-  int error = renameNoReplace(path.c_str(), (path + std::string(kTempExtension)).c_str());
-  for (int n = 1; error == EEXIST && n < 100; ++n) {
-    const std::string alternative = path + "." + std::to_string(n) + std::string(kTempExtension);
-    error = renameNoReplace(path.c_str(), alternative.c_str());
-  }
+  const int error = renameToFreeName(path, path, kTempExtension);
   if (error == 0) {
     platform::syncDirectory(directory);
     return;
@@ -266,6 +276,7 @@ std::uint64_t Storage::State::append(std::string_view text) {
       if (::fstat(fd, &info) != 0 || info.st_nlink == 0) closeCurrent();
     }
   }
+  keepWithinBound(text.size());
   if (fd < 0 && !openCurrent(true)) return lost(errno);
   if (size >= kRollOverSize) {
     finish();
@@ -306,6 +317,7 @@ std::uint64_t Storage::State::lost(int error) {
 std::vector<std::filesystem::path> Storage::State::finishAndList() {
   if (!recover()) return {};
   finish();
+  dropExpired();
   // Batches that crashed writers left behind (or that other clients gave up) go out too.
   std::uint64_t next = index;
   if (const auto unfinished = unfinishedBatches(next)) {

@@ -12,11 +12,15 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,10 +39,24 @@ inline constexpr std::string_view kFinishFunction = "finish(file:)";
 
 // Writes all of `text` at the end of `fd` (opened with O_APPEND).
 bool writeAll(int fd, std::string_view text) noexcept;
+// A batch file of ours as the disk bound sees it.
+struct StoredBatch {
+  std::string path;
+  std::uint64_t size = 0;
+  struct timespec modified {};
+  bool finished = false;  // finished or refused: the bound may delete it
+};
+
+// The first `size` bytes of `fd`; nothing when they cannot be read.
+std::optional<std::string> readAll(int fd, off_t size);
 // Drops a torn tail.
 bool cutBack(int fd, off_t size) noexcept;
 // Renames without ever replacing `to`; 0 or the errno of the failure.
 int renameNoReplace(const char* from, const char* to) noexcept;
+// Renames `from` to `stem` + `extension`, or when that name is taken to `stem` + ".<n>" +
+// `extension` for the first free n below 100; 0 or the errno of the failure.
+int renameToFreeName(const std::string& from, const std::string& stem,
+                     std::string_view extension) noexcept;
 // Every writer of a batch file, in this process or another, holds an exclusive flock on it for as
 // long as it has it open; a file that cannot be locked belongs to a live writer.
 bool tryLock(int fd) noexcept;
@@ -75,6 +93,18 @@ struct Storage::State {
   bool syncedWritesWork = true;
   std::uint64_t lostEvents = 0;  // since the last event that was stored
   detail::GroupCommit commits;
+
+  // The disk bound (disk_bound.cpp). `storedEstimate` is what the last count of the directory
+  // found plus what this writer appended since: counting again only once it passes the bound
+  // keeps recording from listing the directory.
+  std::uint64_t maxBytes = 0;
+  std::chrono::seconds maxAge{0};
+  std::optional<std::uint64_t> storedEstimate;
+  std::atomic<std::uint64_t> droppedEvents{0};
+  std::atomic<bool> droppingEpisode{false};  // logged already; a delivered batch ends it
+  // Finished batches being uploaded, which the bound must not delete. Changed off the queue.
+  std::mutex sendingMutex;
+  std::set<std::string> sending;
 
   ~State() { closeCurrent(); }
 
@@ -166,6 +196,22 @@ struct Storage::State {
 
   // Finishes the current batch and those that crashed writers left, and lists the finished ones.
   std::vector<std::filesystem::path> finishAndList();
+
+  // Before `incoming` more bytes are appended: keeps the stored batches within maxBytes,
+  // deleting the oldest finished ones (and any older than maxAge) when they would pass it.
+  void keepWithinBound(std::size_t incoming);
+  // Deletes finished batches older than maxAge.
+  void dropExpired();
+
+  struct Dropped {
+    std::uint64_t bytes = 0;
+    std::uint64_t events = 0;
+    std::uint64_t batches = 0;
+  };
+  // Deletes the finished batches of `stored` that `drop` picks, oldest first, never one being
+  // uploaded, and counts their events as dropped.
+  Dropped dropOldest(std::vector<detail::StoredBatch>& stored,
+                     const std::function<bool(const detail::StoredBatch&, const Dropped&)>& drop);
 };
 
 }  // namespace pelora

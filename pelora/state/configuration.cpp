@@ -87,4 +87,19 @@ Configuration& Configuration::iamRetryDelay(double seconds) {
   return *this;
 }
 
+Configuration& Configuration::maxStoredBytes(std::uint64_t bytes) {
+  values.maxStoredBytes = bytes;
+  return *this;
+}
+
+Configuration& Configuration::maxBatchAge(double seconds) {
+  values.maxBatchAge = seconds;
+  return *this;
+}
+
+Configuration& Configuration::deliveryPolicy(DeliveryPolicy policy) {
+  values.deliveryPolicy = policy;
+  return *this;
+}
+
 }  // namespace pelora

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <any>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,6 +17,25 @@
 #include "pelora/state/settings.hpp"
 
 namespace pelora {
+
+// How uploads react to a service that fails (an opt-in; without it a failed batch is simply sent
+// again with a later flush). Every wait is doubled from `initialBackoff` per failure of the same
+// batch, with jitter, up to `maxBackoff`.
+struct DeliveryPolicy {
+  // The first wait after a batch failed (a network error, 5xx or 429).
+  std::chrono::milliseconds initialBackoff{std::chrono::seconds(1)};
+  // The longest wait, also the cap on a service's Retry-After.
+  std::chrono::milliseconds maxBackoff{std::chrono::minutes(10)};
+  // A batch answered 413 is cut into halves (each a batch of its own) down to single events; a
+  // single event still refused is set aside. Off: a 413 counts as a refusal below.
+  bool splitTooLarge = true;
+  // Tries of a batch answered 400, 401 or 403 (or 413 when not split) before it is set aside as
+  // "*.refused": kept for inspection, never sent again, removed by the disk bound.
+  int refusedAfterTries = 5;
+  // While the service cannot be reached (connection refused, no route, unknown host), the timer
+  // and recording start no upload until the wait ends; an explicit flush tries at once.
+  bool pauseWhileOffline = true;
+};
 
 class PELORA_API Configuration {
  public:
@@ -40,8 +60,16 @@ class PELORA_API Configuration {
     std::vector<std::string> connectTo;
     std::string caBundle;
     // Seconds to wait before the next in-app message pull after one failed (a network error or an
-    // answer other than 200). 0, the default, pulls again at once, as the phone SDK does.
+    // answer other than 200). 0, the default, pulls again at once for three failures in a row,
+    // then waits from 250 ms doubling up to 60 s (with jitter) until a pull succeeds.
     double iamRetryDelay = 0;
+    // Bytes of stored batches (finished and open) past which the oldest finished batches are
+    // deleted, their events counted as dropped. 0: no bound.
+    std::uint64_t maxStoredBytes = 64u << 20;
+    // Seconds after which a finished batch that is still not delivered is dropped. 0: no limit.
+    double maxBatchAge = 0;
+    // Backoff, splitting and setting aside of refused batches; none by default.
+    std::optional<DeliveryPolicy> deliveryPolicy;
   };
 
   // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
@@ -63,6 +91,9 @@ class PELORA_API Configuration {
   Configuration& connectTo(std::vector<std::string> value);
   Configuration& caBundle(std::string value);
   Configuration& iamRetryDelay(double seconds);
+  Configuration& maxStoredBytes(std::uint64_t bytes);
+  Configuration& maxBatchAge(double seconds);
+  Configuration& deliveryPolicy(DeliveryPolicy policy);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

@@ -186,6 +186,27 @@ std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
   });
 }
 
+void Storage::setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
+  queue_.sync([&]() noexcept {
+    state_->maxBytes = maxBytes;
+    state_->maxAge = maxAge;
+    state_->storedEstimate.reset();  // counted afresh against the new bound
+  });
+}
+
+std::uint64_t Storage::droppedEvents() const noexcept {
+  return state_->droppedEvents.load(std::memory_order_relaxed);
+}
+
+void Storage::markSending(const std::filesystem::path& file, bool sending) {
+  std::lock_guard lock(state_->sendingMutex);
+  if (sending) {
+    state_->sending.insert(file.native());
+  } else {
+    state_->sending.erase(file.native());
+  }
+}
+
 void UploadClaim::release() noexcept {
   if (fd_ >= 0) ::close(fd_);  // releases the flock
   fd_ = -1;
@@ -195,7 +216,7 @@ UploadClaim Storage::claimUploads() const {
   if (!state_->createDirectory()) return {};
   // A hidden file: listings skip it and it never looks like a batch.
   platform::UniqueFd file =
-      platform::openOwnFile(state_->directory / ".uploads.lock", O_RDWR | O_CREAT);
+      platform::openOwnFile(state_->directory / detail::kUploadsLockName, O_RDWR | O_CREAT);
   if (!file || !detail::tryLock(file.get())) return {};
   return UploadClaim(file.release());
 }
@@ -205,6 +226,8 @@ void Storage::remove(const std::filesystem::path& file) {
     throw std::filesystem::filesystem_error("Unable to remove batch file", file,
                                             std::error_code(errno, std::generic_category()));
   }
+  // Batches are delivered again: a later drop by the disk bound is news once more.
+  state_->droppingEpisode.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace pelora

@@ -6,6 +6,8 @@
 // writes only to a batch it holds an flock on, and repairs and finishes what crashed ones left.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -97,6 +99,26 @@ class PELORA_API Storage {
 
   // <documents>/pelora/<write key as one file name>, created when missing.
   std::filesystem::path eventsDirectory() const;
+
+  // The disk bound: once the stored batches (finished, set aside as refused, and open ones of
+  // every writer) would pass `maxBytes`, the oldest finished ones are deleted; finished batches
+  // older than `maxAge` are deleted too. 0 turns either off. Neither touches an open batch or one
+  // being uploaded. Every deleted event is counted and logged once per episode, which a delivered
+  // batch ends.
+  void setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge);
+  // Events the disk bound deleted since this storage was made.
+  std::uint64_t droppedEvents() const noexcept;
+  // Marks a finished batch as being uploaded (the disk bound leaves it alone) or no longer.
+  void markSending(const std::filesystem::path& file, bool sending);
+
+  // Replaces a finished batch by two finished batches holding its first and second halves of
+  // events, named so that they sort where it did; returns them. Nothing changes (and nothing is
+  // returned) when it holds fewer than two events or cannot be read or written.
+  std::optional<std::pair<std::filesystem::path, std::filesystem::path>> splitBatch(
+      const std::filesystem::path& file);
+  // Renames a finished batch to "<name>.refused": kept for a person to look at, never listed for
+  // upload again, deleted by the disk bound. False when it could not be renamed.
+  bool setAsideRefused(const std::filesystem::path& file);
 
  private:
   struct State;
