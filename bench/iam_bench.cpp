@@ -1,7 +1,8 @@
 // In-app message polling, measured with the local collector in-process: what a pull that the
 // service holds costs while nothing happens, what 1,000 answered pulls leave behind, and what the
-// loop does when the service cannot be reached (by default it pulls again at once; the
-// configuration's iamRetryDelay makes it wait). Each runs once; the figures are counters.
+// loop does when the service cannot be reached (by default it backs off after a few failures; the
+// configuration's iamRetryDelay makes it wait a fixed time instead). Each runs once; the figures
+// are counters.
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
@@ -99,8 +100,9 @@ void BM_IAMThousandPulls(benchmark::State& state) {
 }
 BENCHMARK(BM_IAMThousandPulls)->Iterations(1)->Unit(benchmark::kSecond);
 
-// The service's port refuses connections, for 5 s: pulls per second and the share of one core.
-// Argument: the retry delay in milliseconds (0 is the default, as on the phone).
+// The service's port refuses connections, for 5 s: pulls in the first 3 s, pulls per second and
+// the share of one core over the 5 s. Argument: the host's retry delay in milliseconds (0, the
+// default, leaves the waits to the loop's own backoff).
 void BM_IAMUnreachable(benchmark::State& state) {
   auto manager = IAMManager::shared();
   for (auto _ : state) {
@@ -111,7 +113,9 @@ void BM_IAMUnreachable(benchmark::State& state) {
     manager->start(setup);
     std::this_thread::sleep_for(1s);
     const double rss = residentKiB();
-    std::this_thread::sleep_for(4s);
+    std::this_thread::sleep_for(2s);
+    state.counters["pulls_first_3s"] = static_cast<double>(manager->pullsStarted() - pulls);
+    std::this_thread::sleep_for(2s);
     state.counters["pulls_per_s"] = static_cast<double>(manager->pullsStarted() - pulls) / 5;
     state.counters["cpu_percent"] = (cpuSeconds() - cpu) / 5 * 100;
     state.counters["rss_growth_KiB_last_4s"] = residentKiB() - rss;
@@ -119,6 +123,30 @@ void BM_IAMUnreachable(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_IAMUnreachable)->Arg(0)->Arg(1000)->Iterations(1)->Unit(benchmark::kSecond);
+
+// The same at default settings for a whole minute, where the waits between pulls have grown: the
+// share of one core the offline loop keeps. A minute long, so it runs only when the filter names
+// it: --benchmark_filter=IAMUnreachableMinute.
+void BM_IAMUnreachableMinute(benchmark::State& state) {
+  if (benchmark::GetBenchmarkFilter().find("IAMUnreachableMinute") == std::string::npos) {
+    state.SkipWithError("a minute long: run with --benchmark_filter=IAMUnreachableMinute");
+    return;
+  }
+  auto manager = IAMManager::shared();
+  for (auto _ : state) {
+    const auto setup = setupFor("127.0.0.1:" + std::to_string(test::closedPort()), "");
+    const auto pulls = manager->pullsStarted();
+    const double cpu = cpuSeconds();
+    manager->start(setup);
+    std::this_thread::sleep_for(3s);
+    state.counters["pulls_first_3s"] = static_cast<double>(manager->pullsStarted() - pulls);
+    std::this_thread::sleep_for(57s);
+    state.counters["pulls_in_60s"] = static_cast<double>(manager->pullsStarted() - pulls);
+    state.counters["cpu_percent"] = (cpuSeconds() - cpu) / 60 * 100;
+    manager->stopPolling();
+  }
+}
+BENCHMARK(BM_IAMUnreachableMinute)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 }  // namespace pelora::bench

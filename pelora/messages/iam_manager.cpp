@@ -63,7 +63,26 @@ std::shared_ptr<IAMManager> IAMManager::shared() {
   return *instance;
 }
 
-IAMManager::IAMManager() : hostDomain_(productionIAMBaseURL) {}
+IAMManager::IAMManager() : hostDomain_(productionIAMBaseURL), jitter_(std::random_device{}()) {}
+
+std::chrono::milliseconds IAMManager::backoffWait(std::uint32_t failures, double unit,
+                                                  std::chrono::milliseconds start,
+                                                  std::chrono::milliseconds cap) noexcept {
+  if (failures <= kImmediateRetries || start <= 0ms) return 0ms;
+  cap = std::max(cap, start);
+  auto step = start;
+  for (auto doublings = failures - kImmediateRetries - 1; doublings > 0 && step < cap;
+       --doublings) {
+    step = step > cap / 2 ? cap : step * 2;
+  }
+  // Jitter over the step's upper half: devices that lost the service together do not come back
+  // in step, and no wait is shorter than half its step, which keeps the pulls as rare as the
+  // doubling means them to be.
+  if (!(unit > 0)) unit = 0;
+  const auto half = step - step / 2;
+  const auto above = static_cast<double>((step - half).count() + 1) * unit;
+  return std::min(step, half + std::chrono::milliseconds(static_cast<std::int64_t>(above)));
+}
 
 void IAMManager::start(Setup setup) {
   print("IAM : Init -enableIAM");
@@ -76,6 +95,9 @@ void IAMManager::start(Setup setup) {
     workSpaceId_ = std::move(setup.workSpaceId);
     peloraUserId_ = std::move(setup.peloraUserId);
     retryDelay_ = setup.retryDelay;
+    backoffStart_ = setup.backoffStart;
+    backoffCap_ = setup.backoffCap;
+    failuresInARow_ = 0;
     connectTo_ = setup.connectTo;
     caBundle_ = setup.caBundle;
     pullTimeLimit_ = setup.pullTimeLimit;
@@ -211,7 +233,7 @@ void IAMManager::startPolling() {
           if (generation != self->generation_) return;  // stopped or restarted meanwhile
           running.emplace(*self);
         }
-        self->pullFinished(holder->lock(), response, error);
+        self->pullFinished(holder->lock(), response, error, generation);
       });
   *holder = task;
   {
@@ -225,7 +247,8 @@ void IAMManager::startPolling() {
 
 void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
                               const std::optional<platform::HttpResponse>& response,
-                              const std::optional<platform::HttpError>& error) {
+                              const std::optional<platform::HttpError>& error,
+                              std::uint64_t generation) {
   {
     std::lock_guard lock(mutex_);
     if (dataTask_ == task) dataTask_.reset();
@@ -248,11 +271,27 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
   print(error ? "Restart Polling ----: Because of Error" : "-- Restart Polling ----");
 
   std::chrono::milliseconds delay{0};
-  std::uint64_t generation = 0;
+  bool backingOff = false;
   {
     std::lock_guard lock(mutex_);
-    if (failed) delay = retryDelay_;
-    generation = generation_;
+    if (generation != generation_) return;  // a later start pulls on its own
+    if (!failed) {
+      failuresInARow_ = 0;
+    } else if (failuresInARow_ < UINT32_MAX) {
+      ++failuresInARow_;
+    }
+    if (failed && retryDelay_ > 0ms) {
+      delay = retryDelay_;  // the host's fixed choice
+    } else if (failed) {
+      delay = backoffWait(failuresInARow_, std::uniform_real_distribution<double>()(jitter_),
+                          backoffStart_, backoffCap_);
+      backingOff = failuresInARow_ == kImmediateRetries + 1;
+    }
+  }
+  if (backingOff) {
+    // Once per run of failures: each failure is in the error text already.
+    print("Pulls failed " + std::to_string(kImmediateRetries + 1) +
+          " times in a row: waiting longer between pulls until one succeeds");
   }
   if (delay <= 0ms) {
     longPoll();
@@ -284,8 +323,8 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
 }
 
 void IAMManager::appendError(const std::string& text) {
-  // The text only ever grows, and is printed whole; an unreachable service adds to it thousands of
-  // times a second, so only its most recent part is kept.
+  // The text only ever grows, and is printed whole; an unreachable service adds to it with every
+  // failed pull for as long as it stays away, so only its most recent part is kept.
   constexpr std::size_t kKept = 16 * 1024;
   std::string message;
   {

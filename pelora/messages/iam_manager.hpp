@@ -1,8 +1,9 @@
 // IAMManager: keeps one long-poll pull open against the in-app message service, queues every
 // message it delivers, and presents them one at a time full screen (IAMFullScreenViewController).
 // One shared instance. Pulls run on an HTTP session of its own: each completion starts the next
-// pull from the session's worker, so no thread is made per pull. Showing, its timers and closing
-// run on the main queue. Prints only while debug logs are on.
+// pull from the session's worker, so no thread is made per pull; after a few failures in a row a
+// timer starts it instead, after a wait that grows until a pull succeeds. Showing, its timers and
+// closing run on the main queue. Prints only while debug logs are on.
 #pragma once
 
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -34,12 +36,29 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
     // Transport overrides, as for tracking (local services and tests).
     std::vector<std::string> connectTo;
     std::string caBundle;
-    // Beyond the phone's behaviour, off (zero) by default: the wait before the next pull after a
-    // pull that failed (a network error or an answer other than 200).
+    // The host's fixed wait before the next pull after a pull that failed (a network error or an
+    // answer other than 200). Zero (the default) leaves the waits to the backoff below.
     std::chrono::milliseconds retryDelay{0};
+    // Without a fixed wait: the first wait of the backoff and its longest (tests shorten them).
+    std::chrono::milliseconds backoffStart{kBackoffStart};
+    std::chrono::milliseconds backoffCap{kBackoffCap};
     // The longest one pull may take, however the service drips its answer; the next one follows.
     std::chrono::milliseconds pullTimeLimit{kPullTimeLimit};
   };
+
+  // Failed pulls in a row that are still followed at once: a dropped connection or a service
+  // restarting is usually over by then, and a message should not wait for a backoff.
+  static constexpr std::uint32_t kImmediateRetries = 3;
+  // Past those, the wait doubles from this up to the cap, so that an unreachable service costs
+  // next to nothing however long the device stays offline.
+  static constexpr std::chrono::milliseconds kBackoffStart{250};
+  static constexpr std::chrono::milliseconds kBackoffCap{std::chrono::seconds(60)};
+  // The wait before the next pull after `failures` failed pulls in a row, without a fixed retry
+  // delay: zero up to kImmediateRetries, then a step of `start` doubled each time up to `cap`;
+  // `unit` (a random number in [0, 1)) picks the wait from half the step (0) to all of it.
+  static std::chrono::milliseconds backoffWait(std::uint32_t failures, double unit,
+                                               std::chrono::milliseconds start,
+                                               std::chrono::milliseconds cap) noexcept;
 
   // A pull is held open by the service until it has a message; past this it is started afresh.
   static constexpr std::chrono::milliseconds kPullTimeLimit{std::chrono::minutes(5)};
@@ -89,7 +108,7 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   void startPolling();
   void pullFinished(const std::shared_ptr<platform::HttpTask>& task,
                     const std::optional<platform::HttpResponse>& response,
-                    const std::optional<platform::HttpError>& error);
+                    const std::optional<platform::HttpError>& error, std::uint64_t generation);
   void handleBody(const std::string& body);
   // Queues `data`, dropping the oldest unshown messages past kMaxQueuedMessages or
   // kMaxQueuedBytes.
@@ -108,6 +127,10 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   std::string workSpaceId_;
   std::string peloraUserId_;
   std::chrono::milliseconds retryDelay_{0};
+  std::chrono::milliseconds backoffStart_{kBackoffStart};
+  std::chrono::milliseconds backoffCap_{kBackoffCap};
+  std::uint32_t failuresInARow_ = 0;  // reset by a start and by a pull that succeeded
+  std::minstd_rand jitter_;           // draws the backoff's waits
   Queue<IAMData> mQueue_;
   std::shared_ptr<platform::HttpTask> dataTask_;
   std::shared_ptr<platform::HttpSession> defaultSession_;  // none while stopped

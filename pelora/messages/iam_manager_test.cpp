@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <mutex>
+#include <thread>
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
@@ -69,14 +70,16 @@ class IAMManagerTest : public ::testing::Test {
   std::shared_ptr<IAMManager> manager = IAMManager::shared();
 };
 
-// The loop pulls again at once after an error answer, one pull at a time, and a stop ends it for
-// good with its thread.
-TEST_F(IAMManagerTest, FailedPullsAreFollowedAtOnceAndStoppingEndsTheLoop) {
+// The loop pulls again at once after the first error answers in a row, one pull at a time, and a
+// stop ends it for good with its thread.
+TEST_F(IAMManagerTest, FirstFailedPullsAreFollowedAtOnceAndStoppingEndsTheLoop) {
   const int threads = test::threadsNamed("pelora-http");
-  collector.failPulls(500, 5);
-  manager->start(test::setupFor(collector));
-  ASSERT_TRUE(pullsReach(collector, 6, 10s));  // five answered 500, the sixth held
-  EXPECT_FALSE(pullsReach(collector, 7, 300ms));
+  collector.failPulls(500, 3);
+  auto setup = test::setupFor(collector);
+  setup.backoffStart = 20s;  // any wait before the fourth pull would show
+  manager->start(setup);
+  ASSERT_TRUE(pullsReach(collector, 4, 10s));  // three answered 500, the fourth held
+  EXPECT_FALSE(pullsReach(collector, 5, 300ms));
   EXPECT_TRUE(manager->isPolling());
   EXPECT_EQ(collector.pullPaths().front(), "iam-key/DEVICE-1/");
   EXPECT_EQ(test::threadsNamed("pelora-http"), threads + 1);
@@ -84,12 +87,102 @@ TEST_F(IAMManagerTest, FailedPullsAreFollowedAtOnceAndStoppingEndsTheLoop) {
   manager->stopPolling();
   EXPECT_FALSE(manager->isPolling());
   EXPECT_TRUE(eventually([&] { return test::threadsNamed("pelora-http") == threads; }));
-  EXPECT_FALSE(pullsReach(collector, 7, 300ms));
+  EXPECT_FALSE(pullsReach(collector, 5, 300ms));
 }
 
-// Beyond the phone: with a retry delay, a failed pull waits before the next, and a stop during the
-// wait means there is no next.
-TEST_F(IAMManagerTest, RetryDelayWaitsAfterAFailureAndAStopCancelsTheWait) {
+// Pulls this manager starts from now on, whatever the tests before left counted.
+struct PullCount {
+  std::shared_ptr<IAMManager> manager;
+  std::uint64_t base = manager->pullsStarted();
+  std::uint64_t operator()() const { return manager->pullsStarted() - base; }
+};
+
+// Offline with the default settings the loop neither spins nor gives up: a handful of pulls at
+// once, then waits that grow, said once; a stop during a wait ends it.
+TEST_F(IAMManagerTest, OfflineThePullLoopBacksOffAndAStopEndsItsWait) {
+  log::setDebugEnabled(true);
+  std::mutex mutex;
+  std::string printed;
+  platform::setLogHandler([&](LogLevel, std::string_view line) {
+    std::lock_guard lock(mutex);
+    printed.append(line).append("\n");
+  });
+  auto setup = test::setupFor(collector);
+  setup.connectTo = {test::iamHost() + ":443:127.0.0.1:" + std::to_string(test::closedPort())};
+  const PullCount pulls{manager};
+  manager->start(setup);
+  // Four at once, then waits of at least 125, 250 and 500 ms: 7 pulls by then at most, and at
+  // least 6 (the waits are at most 250 and 500 ms).
+  std::this_thread::sleep_for(1500ms);
+  const auto early = pulls();
+  EXPECT_GE(early, 6u);
+  EXPECT_LE(early, 7u);
+
+  EXPECT_TRUE(eventually([&] { return !manager->isPolling(); }));  // between two pulls
+  const auto begin = std::chrono::steady_clock::now();
+  manager->stopPolling();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms);
+  const auto stopped = pulls();
+  std::this_thread::sleep_for(2500ms);  // past the longest wait the loop can be in by now
+  EXPECT_EQ(pulls(), stopped);
+  platform::setLogHandler(nullptr);
+  std::lock_guard lock(mutex);
+  std::size_t said = 0;
+  for (auto at = printed.find("waiting longer between pulls"); at != std::string::npos;
+       at = printed.find("waiting longer between pulls", at + 1)) {
+    ++said;
+  }
+  EXPECT_EQ(said, 1u) << printed;
+}
+
+// A pull that succeeds ends the backoff: the next starts at once, and the failures after it count
+// afresh from the first.
+TEST_F(IAMManagerTest, ASuccessfulPullEndsTheBackoff) {
+  collector.failPulls(500, 4);
+  collector.holdPulls(300ms);  // then answered 200 without a message
+  auto setup = test::setupFor(collector);
+  setup.backoffStart = 400ms;
+  manager->start(setup);
+  ASSERT_TRUE(pullsReach(collector, 5, 10s));  // after a wait of 200 to 400 ms, then held
+  collector.failPulls(500, 3);
+  const auto held = std::chrono::steady_clock::now();
+  // Counted on from the fifth failure, they would wait 400, 800 and 1,600 ms at least.
+  ASSERT_TRUE(pullsReach(collector, 9, 10s));
+  EXPECT_LT(std::chrono::steady_clock::now() - held, 300ms + 1000ms);
+}
+
+// The backoff's schedule: none for the first failures, then the step doubles up to the cap, each
+// wait drawn from the upper half of its step.
+TEST(IAMBackoff, WaitsDoubleUpToTheCapWithJitterInTheUpperHalf) {
+  constexpr auto start = IAMManager::kBackoffStart;
+  constexpr auto cap = IAMManager::kBackoffCap;
+  const auto wait = [&](std::uint32_t failures, double unit) {
+    return IAMManager::backoffWait(failures, unit, start, cap);
+  };
+  for (std::uint32_t failures = 0; failures <= 3; ++failures) {
+    EXPECT_EQ(wait(failures, 0.99), 0ms) << failures;
+  }
+  const std::vector<std::chrono::milliseconds> steps = {250ms, 500ms, 1s,  2s,  4s,
+                                                        8s,    16s,   32s, 60s, 60s};
+  for (std::uint32_t i = 0; i < steps.size(); ++i) {
+    SCOPED_TRACE(i + 4);
+    EXPECT_EQ(wait(i + 4, 0), steps[i] - steps[i] / 2);  // half, rounded up
+    EXPECT_EQ(wait(i + 4, 0.999999), steps[i]);
+    for (const double unit : {0.1, 0.5, 0.9}) {
+      EXPECT_LE(wait(i + 4, unit), steps[i]);
+      EXPECT_GE(wait(i + 4, unit), steps[i] / 2);
+    }
+  }
+  EXPECT_EQ(wait(UINT32_MAX, 0.999999), cap);  // no overflow however long the device is offline
+  // Shortened for tests, and a cap below the start.
+  EXPECT_EQ(IAMManager::backoffWait(6, 0.999999, 10ms, 25ms), 25ms);
+  EXPECT_EQ(IAMManager::backoffWait(4, 0.999999, 10ms, 1ms), 10ms);
+}
+
+// With a retry delay, a failed pull waits before the next, from the first failure on and however
+// many there are (no backoff on top of the host's choice), and a stop during the wait means there
+// is no next.
+TEST_F(IAMManagerTest, RetryDelayWaitsAfterEachFailureAndAStopCancelsTheWait) {
   collector.failPulls(503, 2);
   auto setup = test::setupFor(collector);
   setup.retryDelay = 400ms;
@@ -99,6 +192,15 @@ TEST_F(IAMManagerTest, RetryDelayWaitsAfterAFailureAndAStopCancelsTheWait) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 400ms);
   manager->stopPolling();  // during the wait after the second failure
   EXPECT_FALSE(pullsReach(collector, 3, 800ms));
+
+  setup.connectTo = {test::iamHost() + ":443:127.0.0.1:" + std::to_string(test::closedPort())};
+  setup.retryDelay = 100ms;
+  const PullCount pulls{manager};
+  manager->start(setup);
+  std::this_thread::sleep_for(1500ms);
+  // About 15 a fixed 100 ms apart; a delay that doubled, or the backoff, would allow 7 at most.
+  EXPECT_GE(pulls(), 10u);
+  EXPECT_LE(pulls(), 16u);
 }
 
 TEST_F(IAMManagerTest, WithoutAWriteKeyNothingIsRequested) {
