@@ -179,7 +179,9 @@ class Client:
     (seconds), track_application_lifecycle_events, track_deeplinks, auto_add_pelora_destination,
     enable_iam, api_host, push_app_id, default_settings (dict), documents_dir and preferences_dir
     (both or neither), connect_to (list of "HOST:PORT:TO-HOST:TO-PORT"), ca_bundle (file),
-    iam_retry_delay (seconds), shutdown_timeout (seconds the with-block waits on exit; 10).
+    iam_retry_delay (seconds), max_stored_bytes (the disk bound; 64 MiB, 0 for none),
+    max_batch_age (seconds; none by default), shutdown_timeout (seconds the with-block waits on
+    exit; 10).
     """
 
     def __init__(self, write_key, *, flavor=None, flush_at=None, flush_interval=None,
@@ -187,7 +189,7 @@ class Client:
                  auto_add_pelora_destination=None, enable_iam=None, api_host=None,
                  push_app_id=None, default_settings=None, documents_dir=None,
                  preferences_dir=None, connect_to=(), ca_bundle=None, iam_retry_delay=None,
-                 shutdown_timeout=10.0):
+                 max_stored_bytes=None, max_batch_age=None, shutdown_timeout=10.0):
         self._handle = None
         self.shutdown_timeout = shutdown_timeout
         config = ctypes.c_void_p()
@@ -218,6 +220,11 @@ class Client:
             _check(_lib.pelora_config_set_flush_at(config, int(options["flush_at"])))
         if options["flush_interval"] is not None:
             _check(_lib.pelora_config_set_flush_interval(config, float(options["flush_interval"])))
+        if options["max_stored_bytes"] is not None:
+            _check(_lib.pelora_config_set_max_stored_bytes(config,
+                                                           int(options["max_stored_bytes"])))
+        if options["max_batch_age"] is not None:
+            _check(_lib.pelora_config_set_max_batch_age(config, float(options["max_batch_age"])))
         if options["iam_retry_delay"] is not None:
             _check(_lib.pelora_config_set_iam_retry_delay(config,
                                                           float(options["iam_retry_delay"])))
@@ -320,6 +327,10 @@ class Client:
     @property
     def has_unsent_events(self):
         return bool(_lib.pelora_has_unsent_events(self._client()))
+
+    def dropped_event_count(self):
+        """Events the disk bound deleted undelivered since the client was created."""
+        return int(_lib.pelora_dropped_event_count(self._client()))
 
     def __enter__(self):
         return self

@@ -108,6 +108,8 @@ def _declare(lib):
         "pelora_config_add_connect_to": (status, [c_void_p, c_char_p]),
         "pelora_config_set_ca_bundle": (status, [c_void_p, c_char_p]),
         "pelora_config_set_iam_retry_delay": (status, [c_void_p, c_double]),
+        "pelora_config_set_max_stored_bytes": (status, [c_void_p, ctypes.c_uint64]),
+        "pelora_config_set_max_batch_age": (status, [c_void_p, c_double]),
         "pelora_client_new": (status, [c_void_p, ctypes.POINTER(c_void_p)]),
         "pelora_client_free": (None, [c_void_p]),
         "pelora_track_bash": (status, [c_void_p, c_char_p, c_char_p]),
@@ -121,6 +123,7 @@ def _declare(lib):
         "pelora_flush_wait": (status, [c_void_p, c_double]),
         "pelora_shutdown": (status, [c_void_p, c_double]),
         "pelora_has_unsent_events": (c_int, [c_void_p]),
+        "pelora_dropped_event_count": (ctypes.c_uint64, [c_void_p]),
     }
     for name, (restype, argtypes) in signatures.items():
         function = getattr(lib, name)

@@ -139,3 +139,18 @@ def test_a_missing_library_is_reported_with_where_it_was_looked_for(tmp_path):
                             capture_output=True, text=True)
     assert result.returncode != 0
     assert "libpelora not found" in result.stderr and missing in result.stderr
+
+
+def test_offline_the_disk_bound_holds_and_counts_what_it_drops(collector, tmp_path):
+    options = collector.options(str(tmp_path))
+    collector.stop()  # connections are refused from here on
+    options.update(flush_at=20, max_stored_bytes=32 * 1024, shutdown_timeout=5)
+    with pelora.Client("py-bound-key", **options) as client:
+        for seq in range(1500):
+            client.track("Offline", {"seq": seq, "pad": "x" * 100})
+        assert client.dropped_event_count() > 0
+    stored = 0
+    for root, _, files in os.walk(os.path.join(str(tmp_path), options["documents_dir"])):
+        stored += sum(os.path.getsize(os.path.join(root, name)) for name in files
+                      if not name.startswith("."))
+    assert stored <= 32 * 1024

@@ -1,0 +1,170 @@
+// A client offline or facing a service that comes back: exit time of a command-line host, the cost
+// of recording with a backlog against an empty directory (same run, same disk), bytes on disk after
+// a million events offline, and draining a backlog. Run on their own (they take minutes):
+//   pelora_bench --benchmark_filter=Offline
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <pelora/pelora.hpp>
+#include <pelora/state/storage.hpp>
+
+#include "bench/bench_support.hpp"
+#include "pelora/core/service_hosts.hpp"
+#include "tests/support/waiting.hpp"
+#include "tools/collector/collector.hpp"
+
+namespace pelora::bench {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+double processCpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+double peakResidentMiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024;
+  }
+  return 0;
+}
+
+constexpr const char* kKey = "bench-offline";
+
+// A client of `paths` whose tracking host goes to 127.0.0.1:`port` (nothing listening: refused).
+std::shared_ptr<PeloraAnalytics> client(const platform::Paths& paths, const std::string& connectTo,
+                                        const std::string& caFile = {}) {
+  auto configuration = std::make_shared<Configuration>(kKey, std::nullopt, false);
+  configuration->paths(paths).connectTo({connectTo});
+  if (!caFile.empty()) configuration->caBundle(caFile);
+  return PeloraAnalytics::create(configuration);
+}
+
+std::string refusedRoute() {
+  return std::string(productionTrackingHost) +
+         ":443:127.0.0.1:" + std::to_string(test::closedPort());
+}
+
+// `count` finished batches of 20 events each, as earlier runs would have left them.
+void leaveBatches(const platform::Paths& paths, int count) {
+  const fs::path directory = Storage::create(nullptr, kKey, paths)->eventsDirectory();
+  TrackEvent event("Backlog", JSON(hostProperties()));
+  event.anonymousId = "anon";
+  event.timestamp = "2026-11-24T08:09:10.123Z";
+  for (int batch = 0; batch < count; ++batch) {
+    std::string text = "{ \"batch\": [";
+    for (int i = 0; i < 20; ++i) {
+      event.messageId = "m-" + std::to_string(batch) + "-" + std::to_string(i);
+      if (i > 0) text += ",";
+      text += toString(event);
+    }
+    text += R"(],"sentAt":"2026-11-24T08:09:10.123Z","writeKey":"bench-offline"})";
+    std::ofstream(directory / (std::to_string(batch) + "-pelora-events.temp")) << text;
+  }
+}
+
+// A host that records one event and shuts down with 10 s to spare, the service refusing; the
+// baseline is the same host against a collector that accepts.
+void BM_OfflineShutdown(benchmark::State& state) {
+  const bool refused = state.range(0) == 1;
+  collector::Collector service;
+  for (auto _ : state) {
+    ScratchDirectory scratch(diskBase());
+    const double cpu = processCpuSeconds();
+    const auto start = Clock::now();
+    auto analytics = refused ? client(scratch.paths(), refusedRoute())
+                             : client(scratch.paths(), service.connectTo(productionTrackingHost),
+                                      service.certificates().caFile);
+    analytics->trackBash("One");
+    const bool delivered = analytics->shutdown(10s);
+    state.counters["wall_ms"] =
+        std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    state.counters["cpu_ms"] = (processCpuSeconds() - cpu) * 1000;
+    state.counters["delivered"] = delivered;
+  }
+}
+BENCHMARK(BM_OfflineShutdown)->Arg(0)->Arg(1)->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// Recording 10,000 events (flushAt 20) with the service refused, over a directory holding
+// range(0) finished batches: the ratio of the two rows is the figure (goal ≤ 1.2×).
+void BM_OfflineRecording(benchmark::State& state) {
+  ScratchDirectory scratch(diskBase());
+  leaveBatches(scratch.paths(), static_cast<int>(state.range(0)));
+  auto analytics = client(scratch.paths(), refusedRoute());
+  const Dictionary properties = hostProperties();
+  double cpu = 0;
+  for (auto _ : state) {
+    const double before = processCpuSeconds();
+    for (int i = 0; i < 10'000; ++i) analytics->trackBash("Offline", properties);
+    cpu += processCpuSeconds() - before;
+  }
+  state.counters["cpu_s_per_10k"] = cpu / static_cast<double>(state.iterations());
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& entry :
+       fs::directory_iterator(analytics->storage()->eventsDirectory()))
+    ++files;
+  state.counters["files_after"] = static_cast<double>(files);
+  analytics->shutdown(1s);
+}
+BENCHMARK(BM_OfflineRecording)
+    ->Arg(0)
+    ->Arg(10'000)
+    ->Iterations(3)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
+
+// A million events recorded offline with the default bound (64 MiB), on /dev/shm for speed: the
+// bytes are what they would be on disk.
+void BM_OfflineMillionEventsBytes(benchmark::State& state) {
+  for (auto _ : state) {
+    ScratchDirectory scratch("/dev/shm");
+    auto analytics = client(scratch.paths(), refusedRoute());
+    const Dictionary properties = hostProperties();
+    for (int i = 0; i < 1'000'000; ++i) analytics->trackBash("Offline", properties);
+    analytics->shutdown(1s);
+    std::uint64_t bytes = 0;
+    for (const auto& entry : fs::directory_iterator(analytics->storage()->eventsDirectory()))
+      bytes += entry.is_regular_file() ? entry.file_size() : 0;
+    state.counters["MiB_on_disk"] = static_cast<double>(bytes) / (1 << 20);
+    state.counters["dropped_events"] = static_cast<double>(analytics->droppedEventCount());
+  }
+}
+BENCHMARK(BM_OfflineMillionEventsBytes)->Iterations(1)->Unit(benchmark::kSecond);
+
+// Draining range(0) stored batches of 20 events into the local collector (in this process, which
+// keeps only message ids) with one flush(deadline): events/s and the growth of peak memory.
+void BM_OfflineDrain(benchmark::State& state) {
+  const int batches = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    collector::CollectorOptions options;
+    options.keepEvents = false;
+    collector::Collector service(options);
+    ScratchDirectory scratch(diskBase());
+    leaveBatches(scratch.paths(), batches);
+    const double peakBefore = peakResidentMiB();
+    auto analytics = client(scratch.paths(), service.connectTo(productionTrackingHost),
+                            service.certificates().caFile);
+    const auto start = Clock::now();
+    const bool delivered = analytics->flush(600s);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    state.counters["delivered"] = delivered;
+    state.counters["events_per_s"] = batches * 20 / seconds;
+    state.counters["peak_growth_MiB"] = peakResidentMiB() - peakBefore;
+    analytics->shutdown(5s);
+  }
+}
+BENCHMARK(BM_OfflineDrain)->Arg(1'000)->Arg(10'000)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+}  // namespace pelora::bench
