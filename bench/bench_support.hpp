@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -29,6 +30,14 @@ inline Dictionary hostProperties() {
       {"shipping", Dictionary{{"method", std::string("express")}, {"days", 2}}},
       {"tags", Array{std::string("sale"), std::string("new"), 7}},
   };
+}
+
+// CPU time of the whole process (every thread), user and system, in seconds.
+inline double cpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 // A directory of its own under `base`, removed with everything in it at the end.

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "bench/bench_support.hpp"
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/messages/iam_manager.hpp"
 #include "tests/support/waiting.hpp"
@@ -21,13 +22,6 @@ namespace pelora::bench {
 namespace {
 
 using namespace std::chrono_literals;
-
-double cpuSeconds() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
 
 double residentKiB() {
   std::ifstream status("/proc/self/status");

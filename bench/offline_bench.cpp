@@ -3,7 +3,6 @@
 // a million events offline, and draining a backlog. Run on their own (they take minutes):
 //   pelora_bench --benchmark_filter=Offline
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
 #include <chrono>
 #include <filesystem>
@@ -24,13 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-double processCpuSeconds() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
 
 double peakResidentMiB() {
   std::ifstream status("/proc/self/status");
@@ -81,7 +73,7 @@ void BM_OfflineShutdown(benchmark::State& state) {
   collector::Collector service;
   for (auto _ : state) {
     ScratchDirectory scratch(diskBase());
-    const double cpu = processCpuSeconds();
+    const double cpu = cpuSeconds();
     const auto start = Clock::now();
     auto analytics = refused ? client(scratch.paths(), refusedRoute())
                              : client(scratch.paths(), service.connectTo(productionTrackingHost),
@@ -90,7 +82,7 @@ void BM_OfflineShutdown(benchmark::State& state) {
     const bool delivered = analytics->shutdown(10s);
     state.counters["wall_ms"] =
         std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-    state.counters["cpu_ms"] = (processCpuSeconds() - cpu) * 1000;
+    state.counters["cpu_ms"] = (cpuSeconds() - cpu) * 1000;
     state.counters["delivered"] = delivered;
   }
 }
@@ -105,9 +97,9 @@ void BM_OfflineRecording(benchmark::State& state) {
   const Dictionary properties = hostProperties();
   double cpu = 0;
   for (auto _ : state) {
-    const double before = processCpuSeconds();
+    const double before = cpuSeconds();
     for (int i = 0; i < 10'000; ++i) analytics->trackBash("Offline", properties);
-    cpu += processCpuSeconds() - before;
+    cpu += cpuSeconds() - before;
   }
   state.counters["cpu_s_per_10k"] = cpu / static_cast<double>(state.iterations());
   std::size_t files = 0;

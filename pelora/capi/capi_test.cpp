@@ -25,7 +25,8 @@ using test::TempDirectory;
 
 // A C client whose files live in `data` and whose uploads go to `collector`; only explicit flushes
 // upload.
-pelora_client* newClient(const TempDirectory& data, const Collector& collector) {
+pelora_client* newClient(const TempDirectory& data, const Collector& collector,
+                         const std::function<void(pelora_config*)>& more = {}) {
   pelora_config* config = nullptr;
   EXPECT_EQ(pelora_config_new("c-api-key", nullptr, &config), PELORA_OK);
   EXPECT_EQ(pelora_config_set_flush_at(config, 1'000'000), PELORA_OK);
@@ -39,6 +40,7 @@ pelora_client* newClient(const TempDirectory& data, const Collector& collector) 
       PELORA_OK);
   EXPECT_EQ(pelora_config_set_ca_bundle(config, collector.certificates().caFile.c_str()),
             PELORA_OK);
+  if (more) more(config);
   pelora_client* client = nullptr;
   EXPECT_EQ(pelora_client_new(config, &client), PELORA_OK) << pelora_last_error();
   pelora_config_free(config);  // the client keeps its own copy
@@ -207,30 +209,19 @@ TEST(CApi, FlushWaitTimesOutWhileTheServiceFailsAndKeepsTheEvents) {
 TEST(CApi, TheDiskBoundAndTheDeliveryPolicyAreSetAndCounted) {
   TempDirectory data;
   Collector collector;
-  pelora_config* config = nullptr;
-  ASSERT_EQ(pelora_config_new("c-bound-key", nullptr, &config), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_max_batch_age(config, -1), PELORA_ERROR_INVALID_ARGUMENT);
-  EXPECT_EQ(pelora_config_set_delivery_policy(config, 0, 60, 5, 1, 1),
-            PELORA_ERROR_INVALID_ARGUMENT);
-  EXPECT_EQ(pelora_config_set_delivery_policy(config, 10, 1, 5, 1, 1),
-            PELORA_ERROR_INVALID_ARGUMENT);
-  EXPECT_NE(std::string(pelora_last_error()).find("max_backoff_seconds"), std::string::npos);
-  EXPECT_EQ(pelora_config_set_delivery_policy(config, 0.05, 2, 1, 1, 1), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_max_stored_bytes(config, 16 * 1024), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_max_batch_age(config, 3600), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_flush_at(config, 20), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_enable_iam(config, 0), PELORA_OK);
-  EXPECT_EQ(pelora_config_set_paths(config, (data.path() / "Documents").c_str(),
-                                    (data.path() / "config").c_str()),
-            PELORA_OK);
-  EXPECT_EQ(
-      pelora_config_add_connect_to(config, collector.connectTo(productionTrackingHost).c_str()),
-      PELORA_OK);
-  EXPECT_EQ(pelora_config_set_ca_bundle(config, collector.certificates().caFile.c_str()),
-            PELORA_OK);
-  pelora_client* client = nullptr;
-  ASSERT_EQ(pelora_client_new(config, &client), PELORA_OK) << pelora_last_error();
-  pelora_config_free(config);
+  pelora_client* client = newClient(data, collector, [](pelora_config* config) {
+    EXPECT_EQ(pelora_config_set_max_batch_age(config, -1), PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(pelora_config_set_delivery_policy(config, 0, 60, 5, 1, 1),
+              PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(pelora_config_set_delivery_policy(config, 10, 1, 5, 1, 1),
+              PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_NE(std::string(pelora_last_error()).find("max_backoff_seconds"), std::string::npos);
+    EXPECT_EQ(pelora_config_set_delivery_policy(config, 0.05, 2, 1, 1, 1), PELORA_OK);
+    EXPECT_EQ(pelora_config_set_max_stored_bytes(config, 16 * 1024), PELORA_OK);
+    EXPECT_EQ(pelora_config_set_max_batch_age(config, 3600), PELORA_OK);
+    EXPECT_EQ(pelora_config_set_flush_at(config, 20), PELORA_OK);
+  });
+  ASSERT_NE(client, nullptr);
   collector.stop();  // offline: batches pile up against the 16 KiB bound
   EXPECT_EQ(pelora_dropped_event_count(client), 0u);
   const std::string pad = R"({"pad":")" + std::string(200, 'x') + R"("})";

@@ -14,8 +14,11 @@ namespace {
 // reader, then the closing keys. Stops at the first thing that a finished batch could not hold.
 class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BatchScanner> {
  public:
-  BatchScanner(std::string_view text, bool withSpans)
-      : text_(text), stream_(text.data(), text.size()), withSpans_(withSpans) {}
+  BatchScanner(std::string_view text, bool withSpans, bool checkEvents)
+      : text_(text),
+        stream_(text.data(), text.size()),
+        withSpans_(withSpans),
+        checkEvents_(checkEvents) {}
 
   BatchScan scan() {
     BatchScan result;
@@ -111,7 +114,7 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
   // An event is whole when the strict reader takes it: the service reads batches the same way.
   bool endEvent(std::size_t end) {
     try {
-      (void)JSON::parse(text_.substr(eventStart_, end - eventStart_));
+      if (checkEvents_) (void)JSON::parse(text_.substr(eventStart_, end - eventStart_));
     } catch (const DecodingError&) {
       return false;  // anything else (out of memory) must not pass for a torn event
     }
@@ -129,6 +132,7 @@ class BatchScanner : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Batc
   std::size_t keep_ = 0;
   std::size_t events_ = 0;
   bool withSpans_ = false;
+  bool checkEvents_ = true;
   std::vector<std::pair<std::size_t, std::size_t>> spans_;
 };
 
@@ -149,8 +153,8 @@ std::optional<EventsFileName> parseEventsFileName(std::string_view name) {
   return EventsFileName{index, finished};
 }
 
-BatchScan scanBatch(std::string_view text, bool withSpans) {
-  return BatchScanner(text, withSpans).scan();
+BatchScan scanBatch(std::string_view text, bool withSpans, bool checkEvents) {
+  return BatchScanner(text, withSpans, checkEvents).scan();
 }
 
 }  // namespace pelora::detail

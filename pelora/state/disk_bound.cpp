@@ -52,7 +52,7 @@ std::uint64_t eventsIn(const std::string& path) {
   struct stat info;
   if (!file || ::fstat(file.get(), &info) != 0) return 0;
   const auto text = detail::readAll(file.get(), info.st_size);
-  return text ? detail::scanBatch(*text).eventCount : 0;
+  return text ? detail::scanBatch(*text, false, false).eventCount : 0;
 }
 
 }  // namespace
