@@ -123,12 +123,9 @@ PELORA_C_API pelora_status pelora_config_set_max_batch_age(pelora_config* config
  * 413 is split into halves when `split_too_large`; one answered 400/401/403 is set aside as
  * "*.refused" after `refused_after_tries`; while the service cannot be reached, timed uploads
  * pause when `pause_while_offline`. */
-PELORA_C_API pelora_status pelora_config_set_delivery_policy(pelora_config* config,
-                                                             double initial_backoff_seconds,
-                                                             double max_backoff_seconds,
-                                                             int refused_after_tries,
-                                                             int split_too_large,
-                                                             int pause_while_offline);
+PELORA_C_API pelora_status pelora_config_set_delivery_policy(
+    pelora_config* config, double initial_backoff_seconds, double max_backoff_seconds,
+    int refused_after_tries, int split_too_large, int pause_while_offline);
 /* An opaque handle to the host application, kept for plugins that ask for it. */
 PELORA_C_API pelora_status pelora_config_set_application(pelora_config* config, void* application);
 

@@ -466,8 +466,11 @@ bool PeloraAnalytics::flushUntil(Clock::time_point deadline) {
     if (destination) {
       const auto state = destination->deliveryState(now);
       // Only an idle destination with nothing known left lists the directory to make sure.
-      const bool sent =
-          state.idle && state.backlogEmpty && destination->eventCount() == 0 && !hasUnsentEvents();
+      bool sent = state.idle && state.backlogEmpty && destination->eventCount() == 0;
+      if (sent) {
+        const auto files = pendingUploads();
+        sent = !files || files->empty();
+      }
       if (sent && postsAndStartupDone()) return true;
       if (now >= deadline) return false;
       if (!sent && state.idle) {
