@@ -72,6 +72,7 @@ std::optional<std::pair<std::filesystem::path, std::filesystem::path>> Storage::
           // tell apart; losing them would be worse.
           ::unlink(path.c_str());
           platform::syncDirectory(state_->directory);
+          state_->known.reset();  // the disk bound lists the halves afresh
           return std::pair{std::filesystem::path(firstPath), std::filesystem::path(secondPath)};
         } catch (const std::exception&) {
           return std::nullopt;
@@ -88,6 +89,7 @@ bool Storage::setAsideRefused(const std::filesystem::path& file) {
       const int error = detail::renameToFreeName(path, stem, detail::kRefusedExtension);
       if (error != 0) return false;
       platform::syncDirectory(state_->directory);
+      state_->known.reset();  // the disk bound lists it afresh under its new name
       log::message("The service refuses batch " + file.filename().string() + "; it is kept as " +
                        stem + std::string(detail::kRefusedExtension) + " and not sent again.",
                    LogFilterKind::error, "setAsideRefused(file:)", __LINE__);

@@ -107,14 +107,16 @@ int renameNoReplace(const char* from, const char* to) noexcept {
   return 0;
 }
 
-int renameToFreeName(const std::string& from, const std::string& stem,
-                     std::string_view extension) noexcept {
+int renameToFreeName(const std::string& from, const std::string& stem, std::string_view extension,
+                     std::string* chosen) noexcept {
   try {
-    int error = renameNoReplace(from.c_str(), (stem + std::string(extension)).c_str());
+    std::string name = stem + std::string(extension);
+    int error = renameNoReplace(from.c_str(), name.c_str());
     for (int n = 1; error == EEXIST && n < 100; ++n) {
-      const std::string alternative = stem + "." + std::to_string(n) + std::string(extension);
-      error = renameNoReplace(from.c_str(), alternative.c_str());
+      name = stem + "." + std::to_string(n) + std::string(extension);
+      error = renameNoReplace(from.c_str(), name.c_str());
     }
+    if (error == 0 && chosen != nullptr) *chosen = std::move(name);
     return error;
   } catch (const std::bad_alloc&) {
     return ENOMEM;
@@ -164,16 +166,18 @@ Storage::State::Closing Storage::State::appendClosing(int file, const std::strin
   return result;
 }
 
-void Storage::State::moveToTemp(const std::string& path) {
-  const int error = renameToFreeName(path, path, kTempExtension);
+std::optional<std::string> Storage::State::moveToTemp(const std::string& path) {
+  std::string finished;
+  const int error = renameToFreeName(path, path, kTempExtension, &finished);
   if (error == 0) {
     platform::syncDirectory(directory);
-    return;
+    return finished;
   }
   const std::string message =
       "Unable to rename to temp: " + path + ", Error: " + std::generic_category().message(error);
   platform::printLine(message);
   log::message(message, LogFilterKind::error, kFinishFunction, __LINE__);
+  return std::nullopt;
 }
 
 bool Storage::State::openCurrent(bool create) {
@@ -257,7 +261,12 @@ void Storage::State::finish() {
       closeCurrent();
       return;
   }
-  moveToTemp(currentPath);
+  const auto finished = moveToTemp(currentPath);
+  if (finished && known) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    known->finished.push_back({*finished, static_cast<std::uint64_t>(size), now, true});
+  }
   closeCurrent();
   advanceIndex();
 }

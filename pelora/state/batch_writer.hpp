@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -54,9 +55,10 @@ bool cutBack(int fd, off_t size) noexcept;
 // Renames without ever replacing `to`; 0 or the errno of the failure.
 int renameNoReplace(const char* from, const char* to) noexcept;
 // Renames `from` to `stem` + `extension`, or when that name is taken to `stem` + ".<n>" +
-// `extension` for the first free n below 100; 0 or the errno of the failure.
-int renameToFreeName(const std::string& from, const std::string& stem,
-                     std::string_view extension) noexcept;
+// `extension` for the first free n below 100; 0 or the errno of the failure. `chosen`, when
+// given, receives the name it got.
+int renameToFreeName(const std::string& from, const std::string& stem, std::string_view extension,
+                     std::string* chosen = nullptr) noexcept;
 // Every writer of a batch file, in this process or another, holds an exclusive flock on it for as
 // long as it has it open; a file that cannot be locked belongs to a live writer.
 bool tryLock(int fd) noexcept;
@@ -94,12 +96,22 @@ struct Storage::State {
   std::uint64_t lostEvents = 0;  // since the last event that was stored
   detail::GroupCommit commits;
 
-  // The disk bound (disk_bound.cpp). `storedEstimate` is what the last count of the directory
-  // found plus what this writer appended since: counting again only once it passes the bound
-  // keeps recording from listing the directory.
+  // The disk bound (disk_bound.cpp). What it knows of the directory is kept from one listing to
+  // the next: with thousands of batches stored, listing them for every roll-over would make each
+  // event cost more the longer the device is offline.
+  struct KnownBatches {
+    std::deque<detail::StoredBatch> finished;  // oldest first: what the bound may delete
+    std::uint64_t bytes = 0;                   // every stored batch, open ones included
+    std::uint64_t writtenSince = 0;            // by this writer since the listing
+    std::uint64_t changesSeen = 0;             // `directoryChanges` at the listing
+    bool stuck = false;  // nothing more could be deleted: wait for the next listing
+  };
   std::uint64_t maxBytes = 0;
   std::chrono::seconds maxAge{0};
-  std::optional<std::uint64_t> storedEstimate;
+  std::optional<KnownBatches> known;
+  // Batches removed, split or set aside by delivery (off the queue) since the State began: a
+  // listing older than the last of them may count bytes that are gone.
+  std::atomic<std::uint64_t> directoryChanges{0};
   std::atomic<std::uint64_t> droppedEvents{0};
   std::atomic<bool> droppingEpisode{false};  // logged already; a delivered batch ends it
   // Finished batches being uploaded, which the bound must not delete. Changed off the queue.
@@ -145,8 +157,9 @@ struct Storage::State {
   Closing appendClosing(int file, const std::string& path);
 
   // Moves a closed batch to its ".temp" name, never over an existing one (which a crash or a
-  // stranger may have left); then the name gets a number before ".temp".
-  void moveToTemp(const std::string& path);
+  // stranger may have left); then the name gets a number before ".temp". Returns the new name,
+  // or nothing when the rename failed.
+  std::optional<std::string> moveToTemp(const std::string& path);
 
   // A file named like a batch that is none of ours (its text, or a link, a directory, a stranger's
   // file, which the rename does not follow): kept for a person to look at, out of the way. When no
@@ -198,20 +211,21 @@ struct Storage::State {
   std::vector<std::filesystem::path> finishAndList();
 
   // Before `incoming` more bytes are appended: keeps the stored batches within maxBytes,
-  // deleting the oldest finished ones (and any older than maxAge) when they would pass it.
+  // deleting the oldest finished ones when they would pass it.
   void keepWithinBound(std::size_t incoming);
   // Deletes finished batches older than maxAge.
   void dropExpired();
+  // Lists the directory into `known`; false when it cannot be listed.
+  bool listKnown();
 
   struct Dropped {
     std::uint64_t bytes = 0;
     std::uint64_t events = 0;
     std::uint64_t batches = 0;
   };
-  // Deletes the finished batches of `stored` that `drop` picks, oldest first, never one being
-  // uploaded, and counts their events as dropped.
-  Dropped dropOldest(std::vector<detail::StoredBatch>& stored,
-                     const std::function<bool(const detail::StoredBatch&, const Dropped&)>& drop);
+  // Deletes finished batches of `known`, oldest first, for as long as `drop` says so for the next
+  // one; never one being uploaded. Counts their events as dropped.
+  Dropped dropOldest(const std::function<bool(const detail::StoredBatch&)>& drop);
 };
 
 }  // namespace pelora

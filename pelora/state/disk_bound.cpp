@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -55,11 +56,41 @@ std::uint64_t eventsIn(const std::string& path) {
   return text ? detail::scanBatch(*text, false, false).eventCount : 0;
 }
 
+// How often the picture is taken again while only this writer changes the directory (as far as it
+// knows): other writers' batches are seen within that many bytes of ours.
+std::uint64_t listingInterval(std::uint64_t maxBytes) {
+  return std::min<std::uint64_t>(maxBytes / 8, 8 << 20);
+}
+
+// How far below the bound a trim goes, so that the next one is a roll-over away rather than the
+// next event away.
+std::uint64_t trimTarget(std::uint64_t maxBytes) {
+  return maxBytes - std::min<std::uint64_t>(maxBytes / 8, detail::kRollOverSize);
+}
+
 }  // namespace
 
+bool Storage::State::listKnown() {
+  const std::uint64_t changes = directoryChanges.load(std::memory_order_acquire);
+  auto stored = listStored(directory);
+  if (!stored) return false;
+  std::sort(stored->begin(), stored->end(), [](const StoredBatch& a, const StoredBatch& b) {
+    if (olderThan(a.modified, b.modified)) return true;
+    if (olderThan(b.modified, a.modified)) return false;
+    return a.path < b.path;
+  });
+  KnownBatches fresh;
+  fresh.changesSeen = changes;
+  for (StoredBatch& batch : *stored) {
+    fresh.bytes += batch.size;
+    if (batch.finished) fresh.finished.push_back(std::move(batch));
+  }
+  known = std::move(fresh);
+  return true;
+}
+
 Storage::State::Dropped Storage::State::dropOldest(
-    std::vector<StoredBatch>& stored,
-    const std::function<bool(const StoredBatch&, const Dropped&)>& drop) {
+    const std::function<bool(const StoredBatch&)>& drop) {
   Dropped dropped;
   // Another process's uploader may be sending any of them: only while nobody holds the upload
   // claim, or while we do (then `sending` names what is in flight), is a batch safe to delete.
@@ -71,72 +102,76 @@ Storage::State::Dropped Storage::State::dropOldest(
       if (!claim || !detail::tryLock(claim.get())) return dropped;
     }
   }
-  std::sort(stored.begin(), stored.end(), [](const StoredBatch& a, const StoredBatch& b) {
-    if (olderThan(a.modified, b.modified)) return true;
-    if (olderThan(b.modified, a.modified)) return false;
-    return a.path < b.path;
-  });
-  for (const StoredBatch& batch : stored) {
-    if (!batch.finished || !drop(batch, dropped)) continue;
+  auto& finished = known->finished;
+  for (auto it = finished.begin(); it != finished.end() && drop(*it);) {
     {
       std::lock_guard lock(sendingMutex);
-      if (sending.contains(batch.path)) continue;
+      if (sending.contains(it->path)) {
+        ++it;
+        continue;
+      }
     }
-    const std::uint64_t events = eventsIn(batch.path);
-    if (::unlink(batch.path.c_str()) != 0) continue;
-    dropped.bytes += batch.size;
+    // Not synced: a deletion that a power cut undoes only brings an old batch back.
+    const std::uint64_t events = eventsIn(it->path);
+    if (::unlink(it->path.c_str()) != 0) {
+      if (errno != ENOENT) {
+        ++it;
+        continue;
+      }
+      // Delivered or deleted by someone else since the listing: its bytes are gone all the same.
+      known->bytes -= std::min(known->bytes, it->size);
+      it = finished.erase(it);
+      continue;
+    }
+    known->bytes -= std::min(known->bytes, it->size);
+    dropped.bytes += it->size;
     dropped.events += events;
     ++dropped.batches;
+    it = finished.erase(it);
   }
-  if (dropped.batches > 0) {
-    platform::syncDirectory(directory);
-    droppedEvents.fetch_add(dropped.events, std::memory_order_relaxed);
-  }
+  if (dropped.batches > 0) droppedEvents.fetch_add(dropped.events, std::memory_order_relaxed);
   return dropped;
 }
 
 void Storage::State::keepWithinBound(std::size_t incoming) {
   if (maxBytes == 0) return;
-  if (storedEstimate && *storedEstimate + incoming <= maxBytes) {
-    *storedEstimate += incoming;
-    return;
+  if (known) {
+    known->bytes += incoming;
+    known->writtenSince += incoming;
   }
-  // Room before the next count: trimming to just under the bound would count again every event.
-  const std::uint64_t slack = std::min<std::uint64_t>(maxBytes / 8, detail::kRollOverSize);
-  const std::uint64_t target = maxBytes - slack;
-  auto stored = listStored(directory);
-  if (!stored) {
-    storedEstimate = target;  // counted again once `slack` more bytes are written
-    return;
-  }
-  std::uint64_t total = incoming;
-  for (const auto& batch : *stored) total += batch.size;
-  if (total > maxBytes) {
-    const Dropped dropped = dropOldest(
-        *stored, [&](const StoredBatch&, const Dropped& so) { return total - so.bytes > target; });
-    total -= dropped.bytes;
-    if (dropped.batches > 0 && !droppingEpisode.exchange(true)) {
-      platform::printLine("Pelora: stored events pass " + std::to_string(maxBytes) + " bytes; " +
-                              std::to_string(dropped.events) + " events in " +
-                              std::to_string(dropped.batches) +
-                              " batches were dropped, oldest first",
-                          LogLevel::warning);
+  // Listed again now and then for other writers' batches, and before deleting anything when
+  // delivery has changed the directory since: the picture may count bytes that are gone.
+  const bool stale = !known || known->writtenSince > listingInterval(maxBytes) ||
+                     (known->bytes > maxBytes &&
+                      directoryChanges.load(std::memory_order_acquire) != known->changesSeen);
+  if (stale) {
+    if (!listKnown()) {
+      known.emplace().stuck = true;  // tried again once the interval has been written
+      return;
     }
+    known->bytes += incoming;
   }
-  // Still past the bound (nothing could be deleted yet): look again after `slack` more bytes.
-  storedEstimate = std::min(total, target);
+  if (known->bytes <= maxBytes || known->stuck) return;
+  const std::uint64_t target = trimTarget(maxBytes);
+  const Dropped dropped = dropOldest([&](const StoredBatch&) { return known->bytes > target; });
+  // Nothing more can go yet (being sent, or another uploader holds the claim): look again at the
+  // next listing rather than at every event.
+  if (known->bytes > maxBytes) known->stuck = true;
+  if (dropped.batches > 0 && !droppingEpisode.exchange(true)) {
+    platform::printLine("Pelora: stored events pass " + std::to_string(maxBytes) + " bytes; " +
+                            std::to_string(dropped.events) + " events in " +
+                            std::to_string(dropped.batches) + " batches were dropped, oldest first",
+                        LogLevel::warning);
+  }
 }
 
 void Storage::State::dropExpired() {
-  if (maxAge.count() <= 0) return;
-  auto stored = listStored(directory);
-  if (!stored) return;
+  if (maxAge.count() <= 0 || !listKnown()) return;
   std::timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   const std::timespec cutoff{now.tv_sec - static_cast<std::time_t>(maxAge.count()), now.tv_nsec};
-  const Dropped dropped = dropOldest(*stored, [&](const StoredBatch& batch, const Dropped&) {
-    return olderThan(batch.modified, cutoff);
-  });
+  const Dropped dropped =
+      dropOldest([&](const StoredBatch& batch) { return olderThan(batch.modified, cutoff); });
   if (dropped.batches > 0) {
     platform::printLine("Pelora: " + std::to_string(dropped.events) + " events in " +
                             std::to_string(dropped.batches) + " batches were older than " +

@@ -148,6 +148,28 @@ TEST_F(DiskBound, NeverDeletesABatchBeingSentOrWhileAnotherUploaderMayBeSendingI
   EXPECT_LE(bytesStored(directory()), 16u * 1024);
 }
 
+TEST_F(DiskBound, BatchesDeliveredSinceTheLastCountMakeRoomAndNothingWithinTheBoundGoes) {
+  constexpr std::uint64_t kBound = 64 * 1024;
+  auto s = storage();
+  s->setLimits(kBound, 0s);
+  int n = 0;
+  for (; bytesStored(directory()) < 60 * 1024; n += 10) record(*s, n, n + 10);
+  ASSERT_EQ(s->droppedEvents(), 0u);
+  s->setLimits(kBound, 0s);  // counted afresh at the next event
+  record(*s, n, n + 1);
+  ++n;
+  // Delivered out of order, as parallel uploads finish: the newest batches go, the oldest stay.
+  auto files = *s->read<Files>(Key::events);
+  while (bytesStored(directory()) > 34 * 1024) {
+    s->remove(files.back());
+    files.pop_back();
+  }
+  // What the writer counted before the deliveries is past the bound now; the disk is not.
+  record(*s, n, n + 15);
+  EXPECT_EQ(s->droppedEvents(), 0u);
+  EXPECT_LE(bytesStored(directory()), kBound);
+}
+
 TEST_F(DiskBound, SeveralWritersOnOneDirectoryStayWithinTheBoundAndLoseNothingUncounted) {
   constexpr std::uint64_t kBound = 48 * 1024;
   auto a = storage();

@@ -190,7 +190,7 @@ void Storage::setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
   queue_.sync([&]() noexcept {
     state_->maxBytes = maxBytes;
     state_->maxAge = maxAge;
-    state_->storedEstimate.reset();  // counted afresh against the new bound
+    state_->known.reset();  // counted afresh against the new bound
   });
 }
 
@@ -226,6 +226,7 @@ void Storage::remove(const std::filesystem::path& file) {
     throw std::filesystem::filesystem_error("Unable to remove batch file", file,
                                             std::error_code(errno, std::generic_category()));
   }
+  state_->directoryChanges.fetch_add(1, std::memory_order_release);
   // Batches are delivered again: a later drop by the disk bound is news once more.
   state_->droppingEpisode.store(false, std::memory_order_relaxed);
 }
