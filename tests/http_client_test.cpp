@@ -425,7 +425,7 @@ class HTTPClientTest : public HttpSessionTest {
   // Uploads a small batch and returns its result.
   std::optional<HTTPResult> upload(HTTPClient& client) {
     auto [results, completion] = clientCompletion();
-    client.startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion);
+    client.startBatchUpload(writeFile("batch", "{}"), completion);
     return results->wait();
   }
   // Posts a tracking event and returns what was printed.
@@ -456,8 +456,7 @@ TEST_F(HTTPClientTest, BatchUploadPostsTheFileToTheBatchEndpoint) {
   const std::string contents =
       R"({"batch":[{"type":"track","event":"Signed Up"}],"writeKey":"WRITE_KEY"})";
   auto [results, completion] = clientCompletion();
-  ASSERT_NE(client()->startBatchUpload("WRITE_KEY", writeFile("batch", contents), completion),
-            nullptr);
+  ASSERT_NE(client()->startBatchUpload(writeFile("batch", contents), completion), nullptr);
   auto result = results->wait();
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->succeeded());
@@ -527,7 +526,7 @@ TEST_F(HTTPClientTest, CompletionRunsWhenClientAndLogAreGone) {
   server.enqueue("/tracking-controller/b", {.status = 503, .delay = 100ms});
   auto [results, completion] = clientCompletion();
   auto httpClient = client();
-  httpClient->startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion);
+  httpClient->startBatchUpload(writeFile("batch", "{}"), completion);
   ASSERT_TRUE(server.waitForRequests(1));
   std::weak_ptr<RecordingLog> watcher = log;
   log.reset();
@@ -541,8 +540,7 @@ TEST_F(HTTPClientTest, CompletionRunsWhenClientAndLogAreGone) {
 TEST_F(HTTPClientTest, UnformableUploadURLFailsAtOnce) {
   HTTPClient httpClient(configuration, log, std::nullopt, "bad host");
   auto [results, completion] = clientCompletion();
-  EXPECT_EQ(httpClient.startBatchUpload("WRITE_KEY", writeFile("batch", "{}"), completion),
-            nullptr);
+  EXPECT_EQ(httpClient.startBatchUpload(writeFile("batch", "{}"), completion), nullptr);
   ASSERT_EQ(results->count(), 1u);  // before returning
   ASSERT_TRUE(results->results[0].clientError());
   EXPECT_EQ(*results->results[0].clientError(), HTTPClientErrors::failedToOpenBatch());

@@ -4,6 +4,7 @@
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/http_status.hpp"
 #include "pelora/state/configuration.hpp"
 
 namespace pelora {
@@ -70,8 +71,7 @@ HTTPClient::HTTPClient(std::shared_ptr<Configuration> configuration, std::weak_p
   apiHost_ = apiHost ? std::move(*apiHost) : std::string(trackingHost(flavor));
 }
 
-std::shared_ptr<platform::HttpTask> HTTPClient::startBatchUpload(const std::string& /*writeKey*/,
-                                                                 const std::filesystem::path& batch,
+std::shared_ptr<platform::HttpTask> HTTPClient::startBatchUpload(const std::filesystem::path& batch,
                                                                  HTTPCompletion completion) {
   auto url = platform::httpsURL(apiHost_, "/tracking-controller/b");
   if (!url) {
@@ -159,18 +159,13 @@ void HTTPClient::handleResponse(const std::optional<platform::HttpResponse>& res
   if (!response) return;
 
   const int status = response->status;
-  const std::string code = std::to_string(status);
-  if (status >= 1 && status <= 299) {
+  const auto kind = platform::statusKind(status);
+  if (kind == platform::StatusKind::accepted) {
     finish(HTTPResult{true});
     return;
   }
-  if (status >= 300 && status <= 399) {
-    report("Server responded with unexpected HTTP code " + code + ".", LogFilterKind::warning);
-  } else if (status == 429) {
-    report("Server limited client with response code " + code + ".", LogFilterKind::warning);
-  } else {
-    report("Server rejected payload with HTTP code " + code + ".", LogFilterKind::error);
-  }
+  report(platform::statusComplaint(status) + ".",
+         kind == platform::StatusKind::rejected ? LogFilterKind::error : LogFilterKind::warning);
   finish(HTTPResult{HTTPClientErrors::statusCode(status), platform::retryAfter(*response)});
 }
 

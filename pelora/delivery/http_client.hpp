@@ -80,11 +80,10 @@ class HTTPClient {
   const std::string& apiHost() const noexcept { return apiHost_; }
   const std::string& apiKey() const noexcept { return apiKey_; }
 
-  // POSTs the file `batch` to the batch endpoint and returns the running task; when the URL
-  // cannot be formed, calls `completion` with failedToOpenBatch at once and returns nullptr.
-  // The write key travels inside the file, so `writeKey` is not sent.
-  std::shared_ptr<platform::HttpTask> startBatchUpload(const std::string& writeKey,
-                                                       const std::filesystem::path& batch,
+  // POSTs the file `batch` as it is to the batch endpoint (its write key travels inside it) and
+  // returns the running task; when the URL cannot be formed, calls `completion` with
+  // failedToOpenBatch at once and returns nullptr.
+  std::shared_ptr<platform::HttpTask> startBatchUpload(const std::filesystem::path& batch,
                                                        HTTPCompletion completion);
 
   // POSTs one tracking event. Without a usable host nothing is sent and `completion` never runs.

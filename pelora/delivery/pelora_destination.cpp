@@ -334,9 +334,8 @@ void PeloraDestination::startUpload(const std::filesystem::path& batch) {
   // Each upload holds the claim too, until its file is dealt with, should the destination go
   // away meanwhile.
   auto end = std::make_shared<UploadEnd>(weak_from_this(), round.storage, batch, round.claim);
-  // The write key travels inside the batch file; the HTTP client's own is passed for the record.
-  auto task = round.http->startBatchUpload(round.http->apiKey(), batch,
-                                           [end](const HTTPResult& result) { end->end(result); });
+  auto task =
+      round.http->startBatchUpload(batch, [end](const HTTPResult& result) { end->end(result); });
   if (task) round.uploads.push_back(UploadTaskInfo{batch, std::move(task)});
 }
 

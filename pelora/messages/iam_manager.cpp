@@ -8,6 +8,7 @@
 #include "pelora/messages/iam_full_screen_view_controller.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/dispatch.hpp"
+#include "pelora/platform/http_status.hpp"
 #include "pelora/platform/logging.hpp"
 
 namespace pelora {
@@ -255,6 +256,7 @@ void IAMManager::pullFinished(const std::shared_ptr<platform::HttpTask>& task,
   }
   bool failed = error.has_value();
   if (!error) {
+    // Only a 200 carries a message list; any other answer counts as a failed pull.
     if (response && response->status == 200) {
       handleBody(response->body);
     } else {
@@ -509,15 +511,8 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
       return;
     }
     const int status = response ? response->status : 0;
-    if (status >= 1 && status <= 299) {
-      print("OK");
-    } else if (status >= 300 && status <= 399) {
-      print("Server responded with unexpected HTTP code " + std::to_string(status));
-    } else if (status == 429) {
-      print("Server limited client with response code " + std::to_string(status));
-    } else {
-      print("Server rejected payload with HTTP code " + std::to_string(status));
-    }
+    const std::string complaint = platform::statusComplaint(status);
+    print(complaint.empty() ? "OK" : complaint);
   });
   {
     std::lock_guard lock(mutex_);
