@@ -1,16 +1,24 @@
 // What the benchmarks share: the 10-property event a host records, scratch directories on disk
-// or in memory, and the baseline of durable recording (a bare append + fdatasync).
+// or in memory, the baseline of durable recording (a bare append + fdatasync), and running the
+// collector or a host as a process of its own.
 #pragma once
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <pelora/pelora.hpp>
 
@@ -93,5 +101,70 @@ inline void syncedAppendBaseline(benchmark::State& state, const std::filesystem:
   ::close(fd);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes.size()));
 }
+
+// Runs `argv` with its standard output into `outputFile`; the exit status, or -1. With
+// `background` it does not wait: the child's pid goes there and 0 is returned.
+inline int run(const std::vector<std::string>& argv, const std::filesystem::path& outputFile,
+               pid_t* background) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  std::vector<char*> args;
+  for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = -1;
+  int failed = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failed) return -1;
+  if (background) {
+    *background = pid;
+    return 0;
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The first line of `file` that starts with `prefix`, without the prefix; empty when none does.
+inline std::string lineAfter(const std::filesystem::path& file, std::string_view prefix) {
+  std::ifstream in(file);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
+  }
+  return {};
+}
+
+// pelora_collector in a process of its own, so that its memory and CPU are not the host's; stopped
+// at the end. `connectTo()` is empty when it did not start.
+class CollectorProcess {
+ public:
+  CollectorProcess(const std::filesystem::path& scratch, const std::string& executable,
+                   std::vector<std::string> options = {}) {
+    const std::filesystem::path ready = scratch / "collector-connect-to";
+    std::vector<std::string> argv = {executable, "--quiet",      "--port",
+                                     "0",        "--ready-file", ready.string()};
+    argv.insert(argv.end(), options.begin(), options.end());
+    if (run(argv, scratch / "collector.log", &pid_) != 0) return;
+    for (int i = 0; i < 1000 && connectTo_.empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      connectTo_ = lineAfter(ready, "");
+    }
+  }
+  ~CollectorProcess() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  CollectorProcess(const CollectorProcess&) = delete;
+  CollectorProcess& operator=(const CollectorProcess&) = delete;
+
+  // The connect-to entry that sends the production tracking host to it.
+  const std::string& connectTo() const { return connectTo_; }
+
+ private:
+  pid_t pid_ = -1;
+  std::string connectTo_;
+};
 
 }  // namespace pelora::bench

@@ -24,6 +24,11 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+// Starts the peak (VmHWM) again from the memory resident now.
+void resetPeakResident() {
+  std::ofstream("/proc/self/clear_refs") << "5";
+}
+
 double peakResidentMiB() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
@@ -89,19 +94,23 @@ void BM_OfflineShutdown(benchmark::State& state) {
 BENCHMARK(BM_OfflineShutdown)->Arg(0)->Arg(1)->Iterations(5)->Unit(benchmark::kMillisecond);
 
 // Recording 10,000 events (flushAt 20) with the service refused, over a directory holding
-// range(0) finished batches: the ratio of the two rows is the figure (goal ≤ 1.2×).
+// range(0) finished batches: the ratio of the two rows is the figure (goal ≤ 1.2×). The backlog
+// (about 120 MB) passes the default bound, so the first 10,000 also pay for trimming it once; the
+// later ones are the steady cost.
 void BM_OfflineRecording(benchmark::State& state) {
   ScratchDirectory scratch(diskBase());
   leaveBatches(scratch.paths(), static_cast<int>(state.range(0)));
   auto analytics = client(scratch.paths(), refusedRoute());
   const Dictionary properties = hostProperties();
-  double cpu = 0;
+  double first = 0;
+  double later = 0;
   for (auto _ : state) {
     const double before = cpuSeconds();
     for (int i = 0; i < 10'000; ++i) analytics->trackBash("Offline", properties);
-    cpu += cpuSeconds() - before;
+    (first == 0 ? first : later) += cpuSeconds() - before;
   }
-  state.counters["cpu_s_per_10k"] = cpu / static_cast<double>(state.iterations());
+  state.counters["cpu_s_first_10k"] = first;
+  state.counters["cpu_s_later_10k"] = later / static_cast<double>(state.iterations() - 1);
   std::size_t files = 0;
   for ([[maybe_unused]] const auto& entry :
        fs::directory_iterator(analytics->storage()->eventsDirectory()))
@@ -112,7 +121,7 @@ void BM_OfflineRecording(benchmark::State& state) {
 BENCHMARK(BM_OfflineRecording)
     ->Arg(0)
     ->Arg(10'000)
-    ->Iterations(3)
+    ->Iterations(5)
     ->Unit(benchmark::kSecond)
     ->UseRealTime();
 
@@ -134,25 +143,24 @@ void BM_OfflineMillionEventsBytes(benchmark::State& state) {
 }
 BENCHMARK(BM_OfflineMillionEventsBytes)->Iterations(1)->Unit(benchmark::kSecond);
 
-// Draining range(0) stored batches of 20 events into the local collector (in this process, which
-// keeps only message ids) with one flush(deadline): events/s and the growth of peak memory.
+// Draining range(0) stored batches of 20 events into pelora_collector (a process of its own) with
+// one flush(deadline): events/s and the growth of this process's peak memory while it drains.
 void BM_OfflineDrain(benchmark::State& state) {
   const int batches = static_cast<int>(state.range(0));
   for (auto _ : state) {
-    collector::CollectorOptions options;
-    options.keepEvents = false;
-    collector::Collector service(options);
     ScratchDirectory scratch(diskBase());
+    CollectorProcess service(scratch.path(), PELORA_COLLECTOR);
+    if (service.connectTo().empty()) return state.SkipWithError("cannot start pelora_collector");
     leaveBatches(scratch.paths(), batches);
-    const double peakBefore = peakResidentMiB();
-    auto analytics = client(scratch.paths(), service.connectTo(productionTrackingHost),
-                            service.certificates().caFile);
+    resetPeakResident();
+    const double residentBefore = peakResidentMiB();
+    auto analytics = client(scratch.paths(), service.connectTo(), PELORA_COLLECTOR_CA);
     const auto start = Clock::now();
     const bool delivered = analytics->flush(600s);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     state.counters["delivered"] = delivered;
     state.counters["events_per_s"] = batches * 20 / seconds;
-    state.counters["peak_growth_MiB"] = peakResidentMiB() - peakBefore;
+    state.counters["peak_growth_MiB"] = peakResidentMiB() - residentBefore;
     analytics->shutdown(5s);
   }
 }

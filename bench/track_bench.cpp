@@ -7,15 +7,13 @@
 // BM_RecordingPeakRSS/N runs pelora_memory_host, which records N events in a process of its own,
 // and reports that process's peak RSS; /deliver also uploads them to a pelora_collector.
 #include <benchmark/benchmark.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,7 +25,10 @@
 namespace {
 
 namespace fs = std::filesystem;
+using pelora::bench::CollectorProcess;
 using pelora::bench::diskBase;
+using pelora::bench::lineAfter;
+using pelora::bench::run;
 using pelora::bench::ScratchDirectory;
 
 constexpr std::string_view batchHeader = "{ \"batch\": [";
@@ -86,54 +87,17 @@ void BM_TrackBashShmBaseline(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackBashShmBaseline)->UseRealTime();
 
-// Runs `argv` with its standard output into `outputFile`; the exit status, or -1.
-int run(const std::vector<std::string>& argv, const fs::path& outputFile, pid_t* background) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<char*> args;
-  for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  int failed = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed) return -1;
-  if (background) {
-    *background = pid;
-    return 0;
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// The first line of `file` that starts with `prefix`, without the prefix; empty when none does.
-std::string lineAfter(const fs::path& file, std::string_view prefix) {
-  std::ifstream in(file);
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
-  }
-  return {};
-}
-
 void BM_RecordingPeakRSS(benchmark::State& state, bool deliver) {
   ScratchDirectory scratch("/dev/shm");
   if (scratch.path().empty()) return state.SkipWithError("no scratch directory");
   std::vector<std::string> host = {PELORA_MEMORY_HOST, std::to_string(state.range(0)),
                                    scratch.path().string()};
-  pid_t collector = -1;
+  std::optional<CollectorProcess> collector;
   if (deliver) {
-    const fs::path ready = scratch.path() / "connect-to";
-    if (run({PELORA_COLLECTOR, "--quiet", "--port", "0", "--ready-file", ready.string()},
-            scratch.path() / "collector.log", &collector) != 0) {
-      return state.SkipWithError("cannot start pelora_collector");
-    }
-    for (int i = 0; i < 1000 && !fs::exists(ready); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    collector.emplace(scratch.path(), PELORA_COLLECTOR);
+    if (collector->connectTo().empty()) return state.SkipWithError("cannot start pelora_collector");
     host.insert(host.end(),
-                {"--connect-to", lineAfter(ready, ""), "--ca-file", PELORA_COLLECTOR_CA});
+                {"--connect-to", collector->connectTo(), "--ca-file", PELORA_COLLECTOR_CA});
   }
   long peakKiB = -1;
   for (auto _ : state) {
@@ -146,10 +110,6 @@ void BM_RecordingPeakRSS(benchmark::State& state, bool deliver) {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     auto peak = lineAfter(scratch.path() / "host.out", "peak_rss_kib ");
     if (!peak.empty()) peakKiB = std::stol(peak);
-  }
-  if (collector > 0) {
-    ::kill(collector, SIGTERM);
-    ::waitpid(collector, nullptr, 0);
   }
   state.counters["peak_rss_MiB"] = static_cast<double>(peakKiB) / 1024.0;
 }

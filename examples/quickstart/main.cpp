@@ -19,6 +19,8 @@ constexpr const char* usage = R"(usage: quickstart [options]
   --connect-to ENTRY  reroute a host, HOST:PORT:CONNECT-TO-HOST:CONNECT-TO-PORT (repeatable)
   --ca-file FILE      trust this CA bundle for HTTPS
   --data DIR          keep batch files and identity under DIR (default: the user's directories)
+  --delivery-policy   back off from a failing service, honour Retry-After, split batches answered
+                      413 (waits capped at 5 s so that a run stays short)
   --verbose           print the library's debug log
 )";
 
@@ -37,6 +39,7 @@ int main(int argc, char** argv) {
   constexpr int productViews = 23;
   constexpr int timeoutSeconds = 60;
   bool verbose = false;
+  bool deliveryPolicy = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
     if (option == "-h" || option == "--help") {
@@ -45,6 +48,10 @@ int main(int argc, char** argv) {
     }
     if (option == "--verbose") {
       verbose = true;
+      continue;
+    }
+    if (option == "--delivery-policy") {
+      deliveryPolicy = true;
       continue;
     }
     if (i + 1 >= argc) fail(std::string(option) + " needs a value");
@@ -67,6 +74,11 @@ int main(int argc, char** argv) {
   configuration->flushAt(10).flushInterval(1.0).connectTo(connectTo).caBundle(caFile);
   if (!dataDirectory.empty()) {
     configuration->paths({dataDirectory + "/data", dataDirectory + "/config"});
+  }
+  if (deliveryPolicy) {
+    pelora::DeliveryPolicy policy;
+    policy.maxBackoff = seconds(5);
+    configuration->deliveryPolicy(policy);
   }
   if (verbose) pelora::PeloraAnalytics::setDebugLogsEnabled(true);
 

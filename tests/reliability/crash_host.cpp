@@ -3,10 +3,12 @@
 // writes "ack <id>" and a newline to standard output, so the driver knows what was acknowledged
 // (the library prints other lines there too). Runs until killed, or with --events N records N
 // events (per thread), waits until everything is delivered and exits. With --threads N, N threads
-// record at once (their events share syncs), each with its own ids "<run>-<thread>.<n>".
+// record at once (their events share syncs), each with its own ids "<run>-<thread>.<n>". With
+// --max-stored-bytes N the disk bound is N bytes, and "dropped <total>" says when it deleted
+// events.
 //
 // usage: pelora_crash_host --data DIR --key KEY --run ID --connect-to ENTRY --ca-file FILE
-//                          [--seed N] [--events N] [--threads N]
+//                          [--seed N] [--events N] [--threads N] [--max-stored-bytes N]
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +35,7 @@ struct Options {
   std::uint64_t seed = 1;
   std::int64_t events = -1;  // until killed
   int threads = 1;
+  std::uint64_t maxStoredBytes = 0;  // the library's default bound
 };
 
 Options parse(int argc, char** argv) {
@@ -56,6 +59,8 @@ Options parse(int argc, char** argv) {
       options.events = std::stoll(value);
     } else if (name == "--threads") {
       options.threads = std::max(1, std::stoi(value));
+    } else if (name == "--max-stored-bytes") {
+      options.maxStoredBytes = std::stoull(value);
     } else {
       std::cerr << "pelora_crash_host: unknown option " << name << "\n";
       std::exit(2);
@@ -63,7 +68,7 @@ Options parse(int argc, char** argv) {
   }
   if (options.data.empty()) {
     std::cerr << "usage: pelora_crash_host --data DIR [--key KEY] [--run ID] [--connect-to ENTRY]"
-                 " [--ca-file FILE] [--seed N] [--events N]\n";
+                 " [--ca-file FILE] [--seed N] [--events N] [--threads N] [--max-stored-bytes N]\n";
     std::exit(2);
   }
   return options;
@@ -93,8 +98,7 @@ pelora::Dictionary properties(std::mt19937_64& random, const std::string& id) {
       {"nested", pelora::Dictionary{{"list", pelora::Array{1, true, pelora::Null{}, 2.5}}}}};
 }
 
-bool report(const std::string& id) {
-  const std::string line = "ack " + id + "\n";
+bool say(const std::string& line) {
   return ::write(STDOUT_FILENO, line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
@@ -109,10 +113,12 @@ int main(int argc, char** argv) {
       .paths({options.data + "/Documents", options.data + "/config"});
   if (!options.connectTo.empty()) configuration->connectTo({options.connectTo});
   if (!options.caFile.empty()) configuration->caBundle(options.caFile);
+  if (options.maxStoredBytes > 0) configuration->maxStoredBytes(options.maxStoredBytes);
   auto analytics = pelora::PeloraAnalytics::create(configuration);
 
   const auto flushEvery = 10 + random() % 90;
   std::atomic<bool> driverGone{false};
+  std::atomic<std::uint64_t> droppedSaid{0};
   auto record = [&](int thread, std::uint64_t seed) {
     std::mt19937_64 threadRandom(seed);
     const std::string prefix =
@@ -120,7 +126,11 @@ int main(int argc, char** argv) {
     for (std::int64_t i = 0; options.events < 0 || i < options.events; ++i) {
       const std::string id = prefix + std::to_string(i);
       analytics->trackBash("Crash trial", properties(threadRandom, id));
-      if (!report(id)) {
+      // Events the disk bound deleted are gone by design: the driver counts them apart.
+      const std::uint64_t dropped = analytics->droppedEventCount();
+      if (droppedSaid.exchange(dropped) != dropped)
+        (void)say("dropped " + std::to_string(dropped) + "\n");
+      if (!say("ack " + id + "\n")) {
         driverGone = true;
         return;
       }
