@@ -48,6 +48,15 @@ struct StoredBatch {
   bool finished = false;  // finished or refused: the bound may delete it
 };
 
+// What the disk bound knows of the stored batches since it last listed them.
+struct KnownBatches {
+  std::deque<StoredBatch> finished;  // oldest first: what the bound may delete
+  std::uint64_t bytes = 0;           // every stored batch, open ones included
+  std::uint64_t writtenSince = 0;    // by this writer since the listing
+  std::uint64_t changesSeen = 0;     // State::directoryChanges at the listing
+  bool stuck = false;                // nothing more could be deleted: wait for the next listing
+};
+
 // The first `size` bytes of `fd`; nothing when they cannot be read.
 std::optional<std::string> readAll(int fd, off_t size);
 // Drops a torn tail.
@@ -99,16 +108,9 @@ struct Storage::State {
   // The disk bound (disk_bound.cpp). What it knows of the directory is kept from one listing to
   // the next: with thousands of batches stored, listing them for every roll-over would make each
   // event cost more the longer the device is offline.
-  struct KnownBatches {
-    std::deque<detail::StoredBatch> finished;  // oldest first: what the bound may delete
-    std::uint64_t bytes = 0;                   // every stored batch, open ones included
-    std::uint64_t writtenSince = 0;            // by this writer since the listing
-    std::uint64_t changesSeen = 0;             // `directoryChanges` at the listing
-    bool stuck = false;  // nothing more could be deleted: wait for the next listing
-  };
   std::uint64_t maxBytes = 0;
   std::chrono::seconds maxAge{0};
-  std::optional<KnownBatches> known;
+  std::optional<detail::KnownBatches> known;
   // Batches removed, split or set aside by delivery (off the queue) since the State began: a
   // listing older than the last of them may count bytes that are gone.
   std::atomic<std::uint64_t> directoryChanges{0};

@@ -79,7 +79,7 @@ bool Storage::State::listKnown() {
     if (olderThan(b.modified, a.modified)) return false;
     return a.path < b.path;
   });
-  KnownBatches fresh;
+  detail::KnownBatches fresh;
   fresh.changesSeen = changes;
   for (StoredBatch& batch : *stored) {
     fresh.bytes += batch.size;
