@@ -138,15 +138,26 @@ void PeloraAnalytics::start() {
   add(std::make_shared<PeloraLog>(LogFilterKind::debug, PluginType::utility,
                                   PeloraLog::TargetTable{}));
 
+  // The person's choice is known before any destination can send.
+  optedOut_ = storage_->read<bool>(Storage::Constants::optedOut).value_or(false);
+  consent_ = storage_->read<bool>(Storage::Constants::consent).value_or(false);
+  if (optedOut_) storage_->refuseEvents(true);
+  std::weak_ptr<PeloraAnalytics> self = weak_from_this();
   if (values.autoAddPeloraDestination) {
     auto destination = std::make_shared<PeloraDestination>();
     destination->setAnalytics(shared_from_this());
     destination->setProgress(progress_);
+    destination->setUploadGate([self] {
+      auto analytics = self.lock();
+      return analytics && analytics->maySend();
+    });
+    if (!sendingAllowed()) destination->withhold(true);
     add(destination);  // configures it (storage, HTTP client, flush timer) with this client
   }
   auto monitor = std::make_shared<PeloraMonitorEvent>();
   monitor->setAnalytics(shared_from_this());
   monitor->setProgress(progress_);
+  if (!sendingAllowed()) monitor->withhold(true);
   add(monitor);
   debugPrint("Pelora: built-in destinations added");
 
@@ -234,10 +245,89 @@ std::optional<Settings> PeloraAnalytics::settings() const {
 // ---- Recording ----------------------------------------------------------------------------------
 
 bool PeloraAnalytics::accepting(std::string_view what) const {
+  if (optedOut_.load(std::memory_order_relaxed)) return false;  // the person's choice: silently
   if (!shutDown_.load(std::memory_order_relaxed)) return true;
   platform::printLine("Pelora: " + std::string(what) + " after shutdown(); the event is dropped",
                       LogLevel::warning);
   return false;
+}
+
+bool PeloraAnalytics::mayPost() const {
+  if (sendingAllowed()) return true;
+  platform::printLine("Pelora: trackEvent while consent is pending; the event is dropped",
+                      LogLevel::warning);
+  return false;
+}
+
+bool PeloraAnalytics::sendingAllowed() const noexcept {
+  return !optedOut_.load(std::memory_order_relaxed) &&
+         (!configuration_->values.requireConsent || consent_.load(std::memory_order_relaxed));
+}
+
+bool PeloraAnalytics::maySend() {
+  applyPrivacyChoice(true);
+  return sendingAllowed();
+}
+
+void PeloraAnalytics::withholdDelivery(bool withheld) {
+  if (auto destination = find<PeloraDestination>()) destination->withhold(withheld);
+  if (auto monitor = find<PeloraMonitorEvent>()) monitor->withhold(withheld);
+}
+
+void PeloraAnalytics::eraseStored() {
+  storage_->eraseStoredEvents();
+  if (auto destination = find<PeloraDestination>()) destination->forgetStored();
+}
+
+void PeloraAnalytics::applyPrivacyChoice(bool fresh) {
+  std::lock_guard lock(privacyMutex_);
+  if (fresh) storage_->reloadSuite();
+  const bool wasOut = optedOut_;
+  const bool hadConsent = consent_;
+  const bool wasAllowed = sendingAllowed();
+  optedOut_ = storage_->read<bool>(Storage::Constants::optedOut).value_or(false);
+  consent_ = storage_->read<bool>(Storage::Constants::consent).value_or(false);
+  if (optedOut_ != wasOut) storage_->refuseEvents(optedOut_);
+  if (sendingAllowed() != wasAllowed) withholdDelivery(!sendingAllowed());
+  // Another client of the key opted out or revoked consent: what this one stored goes too.
+  if ((optedOut_ && !wasOut) || (configuration_->values.requireConsent && hadConsent && !consent_))
+    eraseStored();
+}
+
+void PeloraAnalytics::optOut() {
+  std::lock_guard lock(privacyMutex_);
+  optedOut_ = true;
+  storage_->write(Storage::Constants::optedOut, true);
+  storage_->refuseEvents(true);
+  withholdDelivery(true);
+  eraseStored();
+}
+
+void PeloraAnalytics::optIn() {
+  std::lock_guard lock(privacyMutex_);
+  optedOut_ = false;
+  storage_->write(Storage::Constants::optedOut, false);
+  storage_->refuseEvents(false);
+  if (sendingAllowed()) withholdDelivery(false);
+}
+
+void PeloraAnalytics::grantConsent() {
+  {
+    std::lock_guard lock(privacyMutex_);
+    consent_ = true;
+    storage_->write(Storage::Constants::consent, true);
+    if (sendingAllowed()) withholdDelivery(false);
+  }
+  flush();  // what waited for consent goes now
+}
+
+void PeloraAnalytics::revokeConsent() {
+  std::lock_guard lock(privacyMutex_);
+  consent_ = false;
+  storage_->write(Storage::Constants::consent, false);
+  if (!configuration_->values.requireConsent) return;
+  withholdDelivery(true);
+  eraseStored();
 }
 
 bool PeloraAnalytics::pluginsReadEventValues() const {
@@ -300,7 +390,7 @@ void PeloraAnalytics::trackBashJSON(const std::string& name, std::optional<JSON>
 void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string& eventName,
                                  const Dictionary& eventData,
                                  const std::optional<std::vector<Dictionary>>& profile) {
-  if (!accepting("trackEvent")) return;
+  if (!accepting("trackEvent") || !mayPost()) return;
   const auto userIdValue = peloraUserId();
   const std::string playerId = AppPushManager::playerId();
   auto stamp = [&](Dictionary dictionary) {
@@ -326,7 +416,7 @@ void PeloraAnalytics::trackEvent(const Dictionary& identityId, const std::string
 }
 
 void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
-  if (!accepting("trackEvent")) return;
+  if (!accepting("trackEvent") || !mayPost()) return;
   try {
     if (!reportIfTooDeep(value)) return;
     process(std::optional(decodeValue<MonitorEvent>(value)));
@@ -457,6 +547,8 @@ bool PeloraAnalytics::flushUntil(Clock::time_point deadline) {
   // Start-up replaying held events moves nothing on: look again at least this often.
   constexpr auto kLookAgain = 100ms;
   auto destination = find<PeloraDestination>();
+  // Opted out or waiting for consent: nothing can leave, however long the wait.
+  if (!maySend()) return !hasUnsentEvents();
   flush();
   auto mayFlushAt = Clock::now();  // a flush that started nothing is not repeated at once
   for (;;) {

@@ -133,6 +133,21 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // Events that the disk bound (Configuration::maxStoredBytes, maxBatchAge) deleted undelivered
   // since this client was created.
   std::uint64_t droppedEventCount() const;
+  // The person's choice about tracking, kept in the suite so that a restart (and every client of
+  // the write key) keeps it. Opted out, trackBash and trackEvent record nothing and nothing is
+  // sent; optOut() also deletes the stored batches and, when it returns, no upload or post of
+  // this client is still running. optIn() records again.
+  void optOut();
+  void optIn();
+  bool isOptedOut() const noexcept { return optedOut_.load(std::memory_order_relaxed); }
+  // With Configuration::requireConsent, events are stored but nothing leaves the device (and
+  // identity-tracking events, which are never stored, are dropped) until grantConsent();
+  // revokeConsent() stops sending again and deletes what is stored. Without it these only record
+  // the choice.
+  void grantConsent();
+  void revokeConsent();
+  bool hasConsent() const noexcept { return consent_.load(std::memory_order_relaxed); }
+
   // Returns once a startup queue in the timeline (if any) is running; at once when there is none
   // or when called from a main-queue task (which could never see the flag change).
   void waitUntilStarted() const;
@@ -165,12 +180,26 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   void trackMonitorEventJSON(const JSON& value);
   void forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const;
   bool accepting(std::string_view what) const;
+  // Whether events may leave the device now, after reading the choice again from the suite (a
+  // change by another client of the key is applied here).
+  bool maySend();
+  bool sendingAllowed() const noexcept;
+  // trackEvent posts at once: while consent is pending the event is dropped (and said so).
+  bool mayPost() const;
+  // Reads the stored choice and brings the destinations and the stored batches in line with it.
+  void applyPrivacyChoice(bool fresh);
+  void withholdDelivery(bool withheld);
+  // Deletes every stored batch of the key and what the destination knew of them.
+  void eraseStored();
   bool pluginsReadEventValues() const;
   bool deliveredAll() const;
   bool postsAndStartupDone() const;
   bool flushUntil(Clock::time_point deadline);
   void releasePlugins();
 
+  std::atomic<bool> optedOut_{false};
+  std::atomic<bool> consent_{false};
+  std::mutex privacyMutex_;  // one change of the choice at a time
   std::shared_ptr<Configuration> configuration_;
   std::shared_ptr<Store> store_;
   std::shared_ptr<Storage> storage_;

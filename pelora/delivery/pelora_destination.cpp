@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <thread>
 #include <utility>
 
 #include "pelora/delivery/delivery_progress.hpp"
@@ -168,6 +169,38 @@ void PeloraDestination::shutdown() {
   if (client) client->cancelAll();
 }
 
+void PeloraDestination::setUploadGate(std::function<bool()> gate) {
+  std::lock_guard lock(mutex_);
+  uploadGate_ = std::move(gate);
+}
+
+void PeloraDestination::withhold(bool withheld) {
+  std::vector<std::shared_ptr<platform::HttpTask>> running;
+  uploadsQueue_->sync([&] {
+    withheld_ = withheld;
+    if (!withheld) return;
+    for (const auto& info : round_->uploads) {
+      if (info.task) running.push_back(info.task);
+    }
+  });
+  for (const auto& task : running) task->cancel();
+  // A cancelled transfer stops on the session's thread: wait until it has, so that no byte of it
+  // leaves after this returns.
+  const auto deadline = Clock::now() + std::chrono::seconds(5);
+  for (const auto& task : running) {
+    while (task->state() != platform::HttpTask::State::completed && Clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+void PeloraDestination::forgetStored() {
+  eventCount_.store(0, std::memory_order_relaxed);
+  uploadsQueue_->sync([&] {
+    round_->backlog.clear();
+    round_->deferred.clear();
+  });
+}
+
 void PeloraDestination::update(const Settings& settings, UpdateType /*type*/) {
   std::optional<std::string> key;
   std::optional<std::string> host;
@@ -237,6 +270,12 @@ void PeloraDestination::flush(Trigger trigger) {
   }
   if (!client || !storage || !http) return;
   eventCount_.store(0, std::memory_order_relaxed);
+  std::function<bool()> gate;
+  {
+    std::lock_guard lock(mutex_);
+    gate = uploadGate_;
+  }
+  if (gate && !gate()) return;
 
   // While the service fails, the oldest known batch goes alone (a probe): no batch is finished and
   // the directory is not listed until it is delivered, so recording offline costs the same
@@ -244,7 +283,7 @@ void PeloraDestination::flush(Trigger trigger) {
   enum class Step { skip, probe, list };
   const auto now = Clock::now();
   const Step step = uploadsQueue_->sync([&] {
-    if (shutDown_) return Step::skip;  // a flush that raced shutdown starts nothing
+    if (shutDown_ || withheld_) return Step::skip;  // a flush that raced shutdown starts nothing
     log("Uploads in-progress: " + std::to_string(round_->uploads.size()), "flush()", __LINE__);
     if (round_->running) {
       log("Skipping processing; Uploads in progress.", "flush()", __LINE__);
@@ -297,7 +336,7 @@ void PeloraDestination::flush(Trigger trigger) {
 void PeloraDestination::startUploads() {
   auto& round = *round_;
   const auto now = Clock::now();
-  while (round.running && !shutDown_ && !round.stopped && !round.backlog.empty() &&
+  while (round.running && !shutDown_ && !withheld_ && !round.stopped && !round.backlog.empty() &&
          round.uploads.size() < (round.probing ? 1 : kUploadWindow)) {
     std::filesystem::path batch = std::move(round.backlog.front());
     round.backlog.pop_front();
@@ -315,7 +354,7 @@ void PeloraDestination::startUploads() {
     for (const auto& [file, result] : ended) settle(file, result);
   }
   if (round.running && round.uploads.empty() && round.backlog.empty() && round.relist &&
-      !round.stopped && !shutDown_) {
+      !round.stopped && !shutDown_ && !withheld_) {
     round.relist = false;
     if (auto files =
             round.storage->read<std::vector<std::filesystem::path>>(Storage::Constants::events)) {

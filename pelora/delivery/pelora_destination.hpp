@@ -88,6 +88,14 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
   std::shared_ptr<HTTPClient> httpClient() const;
+  // Asked at the start of every flush whether batches may leave the device (the person's choice,
+  // which another client of the key may have changed); no gate lets them.
+  void setUploadGate(std::function<bool()> gate);
+  // Withheld, no upload starts, and those in flight are cancelled and have ended when this
+  // returns (their batches stay); released, flushes upload again.
+  void withhold(bool withheld);
+  // The stored batches were deleted (Storage::eraseStoredEvents): forgets what it knew of them.
+  void forgetStored();
 
  private:
   enum class Trigger { asked, automatic };
@@ -110,6 +118,7 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   class UploadEnd;
   std::unique_ptr<Round> round_;
   bool shutDown_ = false;  // no upload starts any more
+  bool withheld_ = false;  // no upload starts until released
 
   mutable std::mutex mutex_;  // guards the members below, which configure and update replace
   // The client's storage, kept for upload completions that end after shutdown let the client go
@@ -120,6 +129,7 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;
   std::unique_ptr<QueueTimer> flushTimer_;
+  std::function<bool()> uploadGate_;
 };
 
 }  // namespace pelora

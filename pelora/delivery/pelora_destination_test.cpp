@@ -85,9 +85,11 @@ TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
 TEST_F(PeloraDestinationTest, WhileUploadsFailFlushesDoNotCutSmallFiles) {
   makeClient(1);
   server.setDefaultResponse({.status = 500});
-  for (int i = 0; i < 5; ++i) {
+  for (std::size_t i = 0; i < 5; ++i) {
     client->trackBash("E" + std::to_string(i));
-    ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
+    // Each flush sends one batch (the oldest) while they fail: wait for this event's, not merely
+    // for a quiet moment, which may come before its flush has even begun.
+    ASSERT_TRUE(eventually([&] { return server.requests().size() > i && uploadsSettled(); }));
   }
   EXPECT_EQ(finishedFiles().size(), 1u);
   for (const auto& request : server.requests()) {

@@ -1,5 +1,8 @@
 #include "pelora/delivery/pelora_monitor_event.hpp"
 
+#include <chrono>
+#include <thread>
+
 #include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/http_client.hpp"
 #include "pelora/state/configuration.hpp"
@@ -77,7 +80,7 @@ std::optional<MonitorEvent> PeloraMonitorEvent::trackNow(MonitorEvent event) {
   // Under the lock, so that a post cannot start after shutdown has cancelled the client's posts
   // (starting one only hands it to the session's thread).
   std::lock_guard lock(mutex_);
-  if (httpClient_) {
+  if (httpClient_ && !withheld_) {
     httpClient_->trackingEventPayload(event.identityId, event.eventName, event.eventData,
                                       event.profile.value_or(std::vector<JSON>{}),
                                       [inFlight = std::make_shared<PostInFlight>(
@@ -92,6 +95,21 @@ void PeloraMonitorEvent::shutdown() {
   client = std::move(httpClient_);
   // Posts still in flight end now: no transfer outlives the client's shutdown.
   if (client) client->cancelAll();
+}
+
+void PeloraMonitorEvent::withhold(bool withheld) {
+  std::shared_ptr<HTTPClient> client;
+  {
+    std::lock_guard lock(mutex_);
+    withheld_ = withheld;
+    if (withheld) client = httpClient_;
+  }
+  if (!client) return;
+  client->cancelAll();
+  // Cancelled posts stop on the session's thread: wait until they have.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (postsInFlight_->load() > 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 std::shared_ptr<HTTPClient> PeloraMonitorEvent::httpClient() const {

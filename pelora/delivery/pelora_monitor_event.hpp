@@ -50,6 +50,9 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   void setProgress(std::shared_ptr<DeliveryProgress> progress);
   std::optional<std::string> apiKey() const;
   std::optional<std::string> apiHost() const;
+  // Withheld, events are not posted, and posts in flight are cancelled and have ended when this
+  // returns; released, events are posted again.
+  void withhold(bool withheld);
 
  private:
   const std::shared_ptr<Timeline> timeline_;
@@ -58,6 +61,7 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   mutable std::mutex mutex_;
   std::shared_ptr<PluginHost> analytics_;
   std::shared_ptr<HTTPClient> httpClient_;
+  bool withheld_ = false;
   std::shared_ptr<DeliveryProgress> progress_;
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;

@@ -158,6 +158,25 @@ void UserDefaults::remove(std::string_view key) {
   pending_.insert_or_assign(std::string(key), std::nullopt);
 }
 
+bool UserDefaults::reload() noexcept {
+  try {
+    Contents current = read(file_);
+    if (!current.readable) return false;
+    JSON::Map merged = current.map ? std::move(*current.map) : JSON::Map{};
+    for (const auto& [key, value] : pending_) {
+      if (value) {
+        merged.insert_or_assign(key, *value);
+      } else if (auto it = merged.find(key); it != merged.end()) {
+        merged.erase(it);
+      }
+    }
+    values_ = std::move(merged);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
 bool UserDefaults::synchronize() noexcept {
   if (pending_.empty()) return true;
   try {

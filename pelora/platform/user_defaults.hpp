@@ -34,6 +34,9 @@ class UserDefaults {
   // rename, fsync of the directory), over what other writers stored meanwhile, and reads their
   // values back. False when writing failed: the changes stay pending and the next call tries again.
   bool synchronize() noexcept;
+  // Reads what other writers stored since (changes not yet written stay on top). False when the
+  // file cannot be read.
+  bool reload() noexcept;
 
   // Where the suite lives.
   const std::filesystem::path& file() const noexcept { return file_; }

@@ -323,6 +323,27 @@ std::uint64_t Storage::State::lost(int error) {
   return 0;
 }
 
+std::size_t Storage::State::eraseAll() {
+  closeCurrent();
+  std::size_t erased = 0;
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().filename().native();
+    if (name.starts_with('.')) continue;
+    const bool batch = name.ends_with(kTempExtension) ||
+                       name.ends_with(detail::kRefusedExtension) ||
+                       detail::parseEventsFileName(name);
+    struct stat info;
+    if (!batch || ::lstat(it->path().c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+    if (::unlink(it->path().c_str()) == 0) ++erased;
+  }
+  known.reset();
+  directoryChanges.fetch_add(1, std::memory_order_release);
+  if (erased > 0) platform::syncDirectory(directory);
+  return erased;
+}
+
 std::vector<std::filesystem::path> Storage::State::finishAndList() {
   if (!recover()) return {};
   finish();

@@ -103,6 +103,7 @@ struct Storage::State {
   // Whether writes that sync themselves (RWF_DSYNC) work on this kernel and file system.
   bool syncedWritesWork = true;
   std::uint64_t lostEvents = 0;  // since the last event that was stored
+  bool refusingEvents = false;   // see Storage::refuseEvents
   detail::GroupCommit commits;
 
   // The disk bound (disk_bound.cpp). What it knows of the directory is kept from one listing to
@@ -211,6 +212,10 @@ struct Storage::State {
 
   // Finishes the current batch and those that crashed writers left, and lists the finished ones.
   std::vector<std::filesystem::path> finishAndList();
+
+  // Deletes every batch file in the directory, ours and other writers', open or finished; returns
+  // how many went.
+  std::size_t eraseAll();
 
   // Before `incoming` more bytes are appended: keeps the stored batches within maxBytes,
   // deleting the oldest finished ones when they would pass it.

@@ -102,4 +102,9 @@ Configuration& Configuration::deliveryPolicy(DeliveryPolicy policy) {
   return *this;
 }
 
+Configuration& Configuration::requireConsent(bool value) {
+  values.requireConsent = value;
+  return *this;
+}
+
 }  // namespace pelora

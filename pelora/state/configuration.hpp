@@ -70,6 +70,8 @@ class PELORA_API Configuration {
     double maxBatchAge = 0;
     // Backoff, splitting and setting aside of refused batches; none by default.
     std::optional<DeliveryPolicy> deliveryPolicy;
+    // Events are recorded but nothing leaves the device until PeloraAnalytics::grantConsent().
+    bool requireConsent = false;
   };
 
   // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
@@ -94,6 +96,7 @@ class PELORA_API Configuration {
   Configuration& maxStoredBytes(std::uint64_t bytes);
   Configuration& maxBatchAge(double seconds);
   Configuration& deliveryPolicy(DeliveryPolicy policy);
+  Configuration& requireConsent(bool value);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

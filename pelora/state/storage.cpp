@@ -41,6 +41,10 @@ std::string_view rawValue(Storage::Constants key) noexcept {
       return "pelora.anonymousId";
     case Storage::Constants::settings:
       return "pelora.settings";
+    case Storage::Constants::optedOut:
+      return "pelora.optedOut";
+    case Storage::Constants::consent:
+      return "pelora.consent";
     case Storage::Constants::events:
       break;
   }
@@ -135,7 +139,7 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
   const std::uint64_t ticket = queue_.sync([&]() noexcept -> std::uint64_t {
     std::uint64_t written = 0;
     try {
-      written = state_->append(text);
+      if (!state_->refusingEvents) written = state_->append(text);
     } catch (const std::exception&) {
       // out of memory on the way: the event is lost, the host never hears of it
     }
@@ -172,6 +176,26 @@ std::optional<JSON> Storage::readValue(Constants key) noexcept {
       return state_->suite->get(rawValue(key));
     } catch (const std::exception&) {
       return std::nullopt;
+    }
+  });
+}
+
+void Storage::reloadSuite() {
+  queue_.sync([&]() noexcept {
+    if (state_->suite) state_->suite->reload();
+  });
+}
+
+void Storage::refuseEvents(bool refuse) {
+  queue_.sync([&]() noexcept { state_->refusingEvents = refuse; });
+}
+
+std::size_t Storage::eraseStoredEvents() {
+  return queue_.sync([&]() noexcept -> std::size_t {
+    try {
+      return state_->eraseAll();
+    } catch (const std::exception&) {
+      return 0;
     }
   });
 }

@@ -59,7 +59,8 @@ class PELORA_API UploadClaim {
 class PELORA_API Storage {
  public:
   // The stored items; rawValue() gives each one's suite key.
-  enum class Constants { userId, traits, anonymousId, settings, events };
+  // optedOut and consent hold the person's choice about tracking (see PeloraAnalytics::optOut).
+  enum class Constants { userId, traits, anonymousId, settings, events, optedOut, consent };
 
   // Keeps `store` and `writeKey` and opens the suite; touches no event file. Empty members of
   // `paths` take their defaults.
@@ -96,6 +97,15 @@ class PELORA_API Storage {
   auto sync(F&& block) {
     return queue_.sync(std::forward<F>(block));
   }
+
+  // Reads the suite again for what other clients of the write key stored since.
+  void reloadSuite();
+  // Refusing, events given to write() are dropped unwritten (the person opted out): set on the
+  // storage queue, so no write that started before it lands after it.
+  void refuseEvents(bool refuse);
+  // Deletes every batch of the write key, open or finished, set aside or being uploaded, of any
+  // writer; returns how many files went. The next event starts a new batch.
+  std::size_t eraseStoredEvents();
 
   // <documents>/pelora/<write key as one file name>, created when missing.
   std::filesystem::path eventsDirectory() const;
