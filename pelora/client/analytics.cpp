@@ -282,52 +282,50 @@ void PeloraAnalytics::eraseStored() {
 void PeloraAnalytics::applyPrivacyChoice(bool fresh) {
   std::lock_guard lock(privacyMutex_);
   if (fresh) storage_->reloadSuite();
-  const bool wasOut = optedOut_;
-  const bool hadConsent = consent_;
-  const bool wasAllowed = sendingAllowed();
-  optedOut_ = storage_->read<bool>(Storage::Constants::optedOut).value_or(false);
-  consent_ = storage_->read<bool>(Storage::Constants::consent).value_or(false);
-  if (optedOut_ != wasOut) storage_->refuseEvents(optedOut_);
-  if (sendingAllowed() != wasAllowed) withholdDelivery(!sendingAllowed());
-  // Another client of the key opted out or revoked consent: what this one stored goes too.
-  if ((optedOut_ && !wasOut) || (configuration_->values.requireConsent && hadConsent && !consent_))
+  applyChoice(storage_->read<bool>(Storage::Constants::optedOut).value_or(false),
+              storage_->read<bool>(Storage::Constants::consent).value_or(false));
+}
+
+bool PeloraAnalytics::applyChoice(bool optedOut, bool consent) {
+  const bool wasOut = optedOut_.exchange(optedOut);
+  const bool hadConsent = consent_.exchange(consent);
+  const bool allowed = sendingAllowed();
+  if (optedOut != wasOut) storage_->refuseEvents(optedOut);
+  if (allowed != (!wasOut && (!configuration_->values.requireConsent || hadConsent)))
+    withholdDelivery(!allowed);
+  // Opted out or consent revoked (here or through another client of the key): what is stored goes.
+  if ((optedOut && !wasOut) || (configuration_->values.requireConsent && hadConsent && !consent)) {
     eraseStored();
+    return true;
+  }
+  return false;
 }
 
 void PeloraAnalytics::optOut() {
   std::lock_guard lock(privacyMutex_);
-  optedOut_ = true;
   storage_->write(Storage::Constants::optedOut, true);
-  storage_->refuseEvents(true);
-  withholdDelivery(true);
-  eraseStored();
+  if (!applyChoice(true, consent_)) eraseStored();  // opted out already: anything left goes too
 }
 
 void PeloraAnalytics::optIn() {
   std::lock_guard lock(privacyMutex_);
-  optedOut_ = false;
   storage_->write(Storage::Constants::optedOut, false);
-  storage_->refuseEvents(false);
-  if (sendingAllowed()) withholdDelivery(false);
+  applyChoice(false, consent_);
 }
 
 void PeloraAnalytics::grantConsent() {
   {
     std::lock_guard lock(privacyMutex_);
-    consent_ = true;
     storage_->write(Storage::Constants::consent, true);
-    if (sendingAllowed()) withholdDelivery(false);
+    applyChoice(optedOut_, true);
   }
   flush();  // what waited for consent goes now
 }
 
 void PeloraAnalytics::revokeConsent() {
   std::lock_guard lock(privacyMutex_);
-  consent_ = false;
   storage_->write(Storage::Constants::consent, false);
-  if (!configuration_->values.requireConsent) return;
-  withholdDelivery(true);
-  eraseStored();
+  if (!applyChoice(optedOut_, false) && configuration_->values.requireConsent) eraseStored();
 }
 
 bool PeloraAnalytics::pluginsReadEventValues() const {

@@ -188,6 +188,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   bool mayPost() const;
   // Reads the stored choice and brings the destinations and the stored batches in line with it.
   void applyPrivacyChoice(bool fresh);
+  // Takes a choice (privacyMutex_ held): recording, delivery and the stored batches follow it;
+  // true when it deleted what was stored.
+  bool applyChoice(bool optedOut, bool consent);
   void withholdDelivery(bool withheld);
   // Deletes every stored batch of the key and what the destination knew of them.
   void eraseStored();
