@@ -85,7 +85,7 @@ install(FILES ${PROJECT_BINARY_DIR}/peloraConfig.cmake ${PROJECT_BINARY_DIR}/pel
 # (cmake --install --prefix DIR), not the one configured. The static library's dependencies are
 # linker flags in Libs.private rather than modules in Requires.private: pkgconf resolves
 # Requires.private even for --cflags, and a shared consumer must not need their .pc files.
-set(PELORA_PC_LIBS_PRIVATE "-lcurl -lcrypto -luuid -pthread")
+set(PELORA_PC_LIBS_PRIVATE "-lcurl -lcrypto -luuid -lz -pthread")
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
     set(PELORA_PC_${dir} "${CMAKE_INSTALL_${dir}}")

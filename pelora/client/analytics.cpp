@@ -177,6 +177,7 @@ void PeloraAnalytics::start() {
     setup.peloraUserId = peloraUserId().value_or("");
     setup.connectTo = values.connectTo;
     setup.caBundle = values.caBundle;
+    setup.proxy = values.proxy;
     // Whole milliseconds; a negative, NaN or absurd value means no wait.
     const double delay = values.iamRetryDelay;
     if (delay > 0 && delay < 86'400) {

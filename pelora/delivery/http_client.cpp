@@ -26,6 +26,7 @@ platform::HttpSessionOptions sessionOptions(const Configuration* configuration) 
   if (configuration) {
     options.connectTo = configuration->values.connectTo;
     options.caBundle = configuration->values.caBundle;
+    options.proxy = configuration->values.proxy;
   }
   return options;
 }
@@ -61,7 +62,10 @@ HTTPClient::HTTPClient(std::shared_ptr<Configuration> configuration, std::weak_p
     : session_(platform::HttpSession::create(sessionOptions(configuration.get()))),
       log_(std::move(log)) {
   std::optional<std::string> flavor;
-  if (configuration) flavor = configuration->values.flavor;
+  if (configuration) {
+    flavor = configuration->values.flavor;
+    compressBatches_ = configuration->values.compressBatches;
+  }
   if (apiKey) {
     apiKey_ = std::move(*apiKey);
   } else if (configuration) {
@@ -83,6 +87,7 @@ std::shared_ptr<platform::HttpTask> HTTPClient::startBatchUpload(const std::file
   request.method = "POST";
   request.url = std::move(*url);
   request.timeout = requestTimeout;
+  request.compressBody = compressBatches_;
   // Captures no reference to this client: a client replaced mid-upload still reports the result.
   auto task = session_->uploadTask(
       std::move(request), batch.string(),

@@ -69,8 +69,8 @@ using HTTPCompletion = std::function<void(const HTTPResult&)>;
 class HTTPClient {
  public:
   // `apiKey` defaults to the configuration's write key; `apiHost` (a bare host name) to the
-  // tracking host of the configuration's flavor. The configuration's connectTo and caBundle
-  // reach the session.
+  // tracking host of the configuration's flavor. The configuration's connectTo, caBundle and proxy
+  // reach the session; with compressBatches, batch uploads go gzip-compressed.
   HTTPClient(std::shared_ptr<Configuration> configuration, std::weak_ptr<LogSink> log,
              std::optional<std::string> apiKey = std::nullopt,
              std::optional<std::string> apiHost = std::nullopt);
@@ -80,9 +80,9 @@ class HTTPClient {
   const std::string& apiHost() const noexcept { return apiHost_; }
   const std::string& apiKey() const noexcept { return apiKey_; }
 
-  // POSTs the file `batch` as it is to the batch endpoint (its write key travels inside it) and
-  // returns the running task; when the URL cannot be formed, calls `completion` with
-  // failedToOpenBatch at once and returns nullptr.
+  // POSTs the file `batch` (as it is, or gzip-compressed) to the batch endpoint (its write key
+  // travels inside it) and returns the running task; when the URL cannot be formed, calls
+  // `completion` with failedToOpenBatch at once and returns nullptr.
   std::shared_ptr<platform::HttpTask> startBatchUpload(const std::filesystem::path& batch,
                                                        HTTPCompletion completion);
 
@@ -107,6 +107,7 @@ class HTTPClient {
   std::shared_ptr<platform::HttpSession> session_;
   std::string apiHost_;
   std::string apiKey_;
+  bool compressBatches_ = false;
   std::weak_ptr<LogSink> log_;
 };
 

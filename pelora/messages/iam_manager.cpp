@@ -31,16 +31,16 @@ std::string lowercased(std::string text) {
 
 // A long poll is held open by the service until it has a message: a minute of silence ends it, and
 // so does the pull time limit, so that a service dripping its answer cannot hold it for ever.
-std::shared_ptr<platform::HttpSession> makeSession(const std::vector<std::string>& connectTo,
-                                                   const std::string& caBundle,
-                                                   std::chrono::milliseconds pullTimeLimit) {
+platform::HttpSessionOptions sessionOptions(const IAMManager::Setup& setup) {
   platform::HttpSessionOptions options;
   options.requestTimeout = 60s;
-  options.resourceTimeout = pullTimeLimit > 0ms ? pullTimeLimit : IAMManager::kPullTimeLimit;
+  options.resourceTimeout =
+      setup.pullTimeLimit > 0ms ? setup.pullTimeLimit : IAMManager::kPullTimeLimit;
   options.ephemeral = false;
-  options.connectTo = connectTo;
-  options.caBundle = caBundle;
-  return platform::HttpSession::create(std::move(options));
+  options.connectTo = setup.connectTo;
+  options.caBundle = setup.caBundle;
+  options.proxy = setup.proxy;
+  return options;
 }
 
 // One component of the pull path: percent-encoded, so that a key or id holding "/", "?", "#",
@@ -87,7 +87,8 @@ std::chrono::milliseconds IAMManager::backoffWait(std::uint32_t failures, double
 
 void IAMManager::start(Setup setup) {
   print("IAM : Init -enableIAM");
-  auto session = makeSession(setup.connectTo, setup.caBundle, setup.pullTimeLimit);
+  auto options = sessionOptions(setup);
+  auto session = platform::HttpSession::create(options);
   std::shared_ptr<platform::HttpTask> previous;
   std::shared_ptr<platform::TimerSource> retry;
   {
@@ -99,9 +100,7 @@ void IAMManager::start(Setup setup) {
     backoffStart_ = setup.backoffStart;
     backoffCap_ = setup.backoffCap;
     failuresInARow_ = 0;
-    connectTo_ = setup.connectTo;
-    caBundle_ = setup.caBundle;
-    pullTimeLimit_ = setup.pullTimeLimit;
+    sessionOptions_ = std::move(options);
     stopped_ = false;
     defaultSession_ = std::move(session);
     ++generation_;  // a loop of an earlier start ends with its pull
@@ -497,7 +496,7 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
     session = defaultSession_;
     // Polling stopped (or never started): a session for this request alone, whose thread ends
     // with it.
-    if (!session) session = makeSession(connectTo_, caBundle_, pullTimeLimit_);
+    if (!session) session = platform::HttpSession::create(sessionOptions_);
   }
   platform::HttpRequest request;
   request.purpose = platform::HttpPurpose::link;

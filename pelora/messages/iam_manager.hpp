@@ -33,9 +33,10 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
     std::string hostDomain;    // the service's base URL for the flavor (inAppMessageBaseURL)
     std::string workSpaceId;   // the write key; empty stops polling at once
     std::string peloraUserId;  // the device-level user id, or empty
-    // Transport overrides, as for tracking (local services and tests).
+    // Transport overrides, as for tracking (local services and tests), and the host's proxy.
     std::vector<std::string> connectTo;
     std::string caBundle;
+    std::string proxy;
     // The host's fixed wait before the next pull after a pull that failed (a network error or an
     // answer other than 200). Zero (the default) leaves the waits to the backoff below.
     std::chrono::milliseconds retryDelay{0};
@@ -137,13 +138,11 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   // Open notifications in flight (a session drops a task once it completes); ended with the pulls.
   std::vector<std::weak_ptr<platform::HttpTask>> noticeTasks_;
   std::shared_ptr<platform::TimerSource> retryTimer_;  // the wait before the next pull, if any
-  std::chrono::milliseconds pullTimeLimit_{kPullTimeLimit};
-  std::size_t queuedBytes_ = 0;  // of the messages in mQueue_
-  bool stopped_ = false;         // stopPolling() ran and no start() since
+  std::size_t queuedBytes_ = 0;                        // of the messages in mQueue_
+  bool stopped_ = false;                               // stopPolling() ran and no start() since
   // The timers of a timed message not shown yet (its show and its countdown).
   std::vector<std::shared_ptr<platform::ui::Timer>> showTimers_;
-  std::vector<std::string> connectTo_;
-  std::string caBundle_;
+  platform::HttpSessionOptions sessionOptions_;  // of the last start()
   std::uint64_t generation_ = 0;  // a new start or a stop ends the pulls of the one before
   // Pull completions and retries running now: each may hold the session a moment longer, so a
   // stop waits for them (shutdown counts on the session's thread having ended).

@@ -25,6 +25,7 @@
 
 #include "pelora/core/coding.hpp"
 #include "pelora/platform/console.hpp"
+#include "pelora/platform/gzip_reader.hpp"
 #include "pelora/platform/private_files.hpp"
 #include "pelora/platform/thread_set.hpp"
 
@@ -317,6 +318,16 @@ HttpError tooLargeError(const TransferPolicy& policy) {
                    CURLE_WRITE_ERROR);
 }
 
+// Whether libcurl may send requests through a proxy named in the environment. Which variable
+// applies to which URL (and no_proxy) is libcurl's to decide; this only tells whether one may.
+bool proxyInEnvironment() {
+  for (const char* name : {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy", "ALL_PROXY"}) {
+    const char* value = std::getenv(name);
+    if (value && *value) return true;
+  }
+  return false;
+}
+
 class Engine;
 
 class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
@@ -350,8 +361,9 @@ struct Transfer {
   std::shared_ptr<Task> task;
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
-  std::string body;  // POSTFIELDS points here
-  int fd = -1;       // the upload file
+  std::string body;                  // POSTFIELDS points here
+  int fd = -1;                       // the upload file
+  std::unique_ptr<GzipReader> gzip;  // the upload file compressed as it is read, when asked
   const TransferPolicy* policy = &policyFor(HttpPurpose::delivery);
   std::string responseBody;
   std::size_t headerBytes = 0;
@@ -360,6 +372,8 @@ struct Transfer {
   bool refusedLocal = false;  // it led to a local address it may not reach
   // "host:port" pairs the session's connectTo entries reroute: where the host itself chose to go.
   const std::vector<std::string>* reroutedHosts = nullptr;
+  // A proxy may carry it: then the connected address is the proxy's, not the URL's.
+  bool mayUseProxy = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
   // Starts once the connection is ready: connecting has its own limit, and waiting in curl's
@@ -414,6 +428,12 @@ size_t onHeader(char*, size_t size, size_t count, void* context) noexcept {
 
 size_t onRead(char* buffer, size_t size, size_t count, void* context) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
+  if (transfer->gzip) {
+    const auto n = transfer->gzip->read(buffer, size * count);
+    if (!n) return CURL_READFUNC_ABORT;
+    transfer->touch();
+    return *n;
+  }
   for (;;) {
     ssize_t n = ::read(transfer->fd, buffer, size * count);
     if (n >= 0) {
@@ -427,12 +447,39 @@ size_t onRead(char* buffer, size_t size, size_t count, void* context) noexcept {
 // curl rewinds the body when it retries on a fresh connection or follows a redirect.
 int onSeek(void* context, curl_off_t offset, int origin) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
+  if (transfer->gzip) {
+    // A compressed stream starts again only from its beginning.
+    if (offset != 0 || origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
+    return transfer->gzip->rewind() ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
+  }
   return ::lseek(transfer->fd, static_cast<off_t>(offset), origin) < 0 ? CURL_SEEKFUNC_FAIL
                                                                        : CURL_SEEKFUNC_OK;
 }
 
+// Whether the host of `url` names this machine or its network by itself: "localhost" or a local
+// address written out.
+bool namesLocalHost(const char* url) {
+  CurlURL parsed;
+  CurlString host;
+  if (!parseURL(parsed.handle, url) ||
+      curl_url_get(parsed.handle, CURLUPART_HOST, &host.text, 0) != CURLUE_OK) {
+    return true;
+  }
+  std::string name = host.text;
+  if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
+    name = name.substr(1, name.size() - 2);
+  }
+  const std::string_view suffix = ".localhost";
+  return equalsIgnoringCase(name, "localhost") ||
+         (name.size() > suffix.size() &&
+          equalsIgnoringCase(std::string_view(name).substr(name.size() - suffix.size()), suffix)) ||
+         isLocalAddress(name.c_str());
+}
+
 // Connected, nothing sent yet: the last moment to refuse where a service-given URL or a redirect
 // has led (to this machine or its network), unless the host itself rerouted that name there.
+// Through a proxy the connected address is the proxy's (often on the local network) and the proxy
+// resolves the name: then only a URL that names a local host by itself is refused.
 int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
   transfer->lastActivity = Clock::now();
@@ -442,14 +489,14 @@ int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept 
   if (!transfer->policy->publicAddressOnly && redirects == 0) return CURL_PREREQFUNC_OK;
   try {
     char* url = nullptr;
-    if (transfer->reroutedHosts &&
-        curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK && url) {
+    if (curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK && url) {
       const std::string target = hostAndPort(url);
       const auto& rerouted = *transfer->reroutedHosts;
       if (std::any_of(rerouted.begin(), rerouted.end(),
                       [&](const std::string& pair) { return equalsIgnoringCase(pair, target); })) {
         return CURL_PREREQFUNC_OK;
       }
+      if (transfer->mayUseProxy && !namesLocalHost(url)) return CURL_PREREQFUNC_OK;
     }
   } catch (...) {
   }
@@ -554,6 +601,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
 
   curl_slist* connectTo_ = nullptr;
   std::vector<std::string> reroutedHosts_;  // "host:port" of the connectTo entries
+  const bool mayUseProxy_ = !options.proxy.empty() || proxyInEnvironment();
 
   std::mutex mutex_;
   std::vector<Message> inbox_;  // guarded by mutex_
@@ -934,6 +982,7 @@ void Engine::setTransport(CURL* easy, Transfer& transfer, std::chrono::milliseco
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(options.resourceTimeout.count()));
   if (connectTo_) curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connectTo_);
   if (!options.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle.c_str());
+  if (!options.proxy.empty()) curl_easy_setopt(easy, CURLOPT_PROXY, options.proxy.c_str());
 }
 
 // The method and the body: a file streamed with its size, a body in memory, or none.
@@ -942,13 +991,15 @@ void applyMethod(CURL* easy, Transfer& transfer, HttpRequest& request,
   Transfer* context = &transfer;
   const std::string method = request.method.empty() ? "GET" : request.method;
   if (uploadSize) {
-    // POST with a known size: a Content-Length body read from the file as curl sends it.
+    // POST read from the file as curl sends it: with a Content-Length, or in chunks when
+    // compressed (-1: the size is not known ahead).
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, onRead);
     curl_easy_setopt(easy, CURLOPT_READDATA, context);
     curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, onSeek);
     curl_easy_setopt(easy, CURLOPT_SEEKDATA, context);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, *uploadSize);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     transfer.gzip ? curl_off_t{-1} : *uploadSize);
   } else if (hasBody) {
     transfer.body = std::move(request.body);
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
@@ -972,6 +1023,7 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
   HttpRequest& request = task->request;
   transfer->policy = &policyFor(request.purpose);
   transfer->reroutedHosts = &reroutedHosts_;
+  transfer->mayUseProxy = mayUseProxy_;
   transfer->easy = curl_easy_init();
   if (!transfer->easy) {
     error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);
@@ -983,6 +1035,10 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
   if (task->uploadFile) {
     uploadSize = openUploadFile(*transfer, *task->uploadFile, error);
     if (!uploadSize) return nullptr;
+    if (request.compressBody) {
+      transfer->gzip = std::make_unique<GzipReader>(transfer->fd);
+      request.headers.emplace_back("Content-Encoding", "gzip");
+    }
   }
   const bool hasBody = sendsBody(request, uploadSize.has_value());
   for (const auto& line : headerLines(request, hasBody)) {
@@ -1060,6 +1116,28 @@ std::optional<std::string> normalizedURL(std::string_view text) {
   if (curl_url_get(url.handle, CURLUPART_SCHEME, &scheme.text, 0) != CURLUE_OK) return std::nullopt;
   std::string_view name = scheme.text;
   if (name != "http" && name != "https") return std::nullopt;
+  return urlText(url.handle);
+}
+
+std::optional<std::string> proxyURL(std::string_view text) {
+  initializeLibraries();
+  CurlURL url;
+  CurlString scheme;
+  CurlString path;
+  if (!url.handle || text.find('\0') != std::string_view::npos ||
+      curl_url_set(url.handle, CURLUPART_URL, std::string(text).c_str(),
+                   CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
+      curl_url_get(url.handle, CURLUPART_SCHEME, &scheme.text, 0) != CURLUE_OK ||
+      curl_url_get(url.handle, CURLUPART_PATH, &path.text, 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  const std::string_view name = scheme.text;
+  const bool known = name == "http" || name == "https" || name == "socks4" || name == "socks4a" ||
+                     name == "socks5" || name == "socks5h";
+  if (!known || !hasPart(url.handle, CURLUPART_HOST) || std::string_view(path.text) != "/" ||
+      hasPart(url.handle, CURLUPART_QUERY) || hasPart(url.handle, CURLUPART_FRAGMENT)) {
+    return std::nullopt;
+  }
   return urlText(url.handle);
 }
 

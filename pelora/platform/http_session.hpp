@@ -32,6 +32,9 @@ struct PELORA_API HttpSessionOptions {
   std::vector<std::string> connectTo;
   // PEM file of the certificate authorities to trust; empty means the system's.
   std::string caBundle;
+  // Every request goes through this proxy ("http://host:port", or a scheme libcurl knows). Empty:
+  // the environment's https_proxy, http_proxy, all_proxy and no_proxy, as libcurl reads them.
+  std::string proxy;
   // Nothing persists between runs: no cookies, cache or credentials. Sessions never persist
   // anything, so this only records the intent.
   bool ephemeral = true;
@@ -56,6 +59,9 @@ struct PELORA_API HttpRequest {
   std::string url;  // absolute
   HttpHeaders headers;
   std::string body;  // ignored by upload tasks, which send their file
+  // Upload tasks only: the file goes gzip-compressed as it is read ("Content-Encoding: gzip", in
+  // chunks, since its compressed length is known only at the end).
+  bool compressBody = false;
   // Idle limit for this request; the session's requestTimeout when absent.
   std::optional<std::chrono::milliseconds> timeout;
 };
@@ -135,6 +141,9 @@ class PELORA_API HttpSession {
 
 // Parses and normalises an absolute http(s) URL; nothing when it is not one.
 PELORA_API std::optional<std::string> normalizedURL(std::string_view text);
+// Normalises a proxy URL: http, https, socks4, socks4a, socks5 or socks5h, a host (a user and port
+// allowed), no path, query or fragment; nothing when it is not one.
+PELORA_API std::optional<std::string> proxyURL(std::string_view text);
 // Whether `text` is an absolute URL of any scheme ("pelora://exit", "mailto:a@b").
 PELORA_API bool isAbsoluteURL(std::string_view text);
 // "https://" + host (may carry ":port") + path, normalised; nothing when the host or path is

@@ -4,6 +4,7 @@
 
 #include "pelora/core/coding.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/platform/http_session.hpp"
 
 namespace pelora {
 
@@ -104,6 +105,25 @@ Configuration& Configuration::deliveryPolicy(DeliveryPolicy policy) {
 
 Configuration& Configuration::requireConsent(bool value) {
   values.requireConsent = value;
+  return *this;
+}
+
+Configuration& Configuration::compressBatches(bool value) {
+  values.compressBatches = value;
+  return *this;
+}
+
+Configuration& Configuration::proxy(std::string url) {
+  if (url.empty()) {
+    values.proxy.clear();
+    return *this;
+  }
+  auto proxy = platform::proxyURL(url);
+  if (!proxy) {
+    throw std::invalid_argument("proxy: \"" + url +
+                                "\" is not a proxy URL such as \"http://host:port\"");
+  }
+  values.proxy = std::move(*proxy);
   return *this;
 }
 

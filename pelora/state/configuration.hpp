@@ -72,6 +72,11 @@ class PELORA_API Configuration {
     std::optional<DeliveryPolicy> deliveryPolicy;
     // Events are recorded but nothing leaves the device until PeloraAnalytics::grantConsent().
     bool requireConsent = false;
+    // Batch uploads go gzip-compressed ("Content-Encoding: gzip"); the files stay plain JSON.
+    bool compressBatches = false;
+    // The proxy for every request of the client ("http://host:port"); empty: the environment's
+    // https_proxy, all_proxy and no_proxy apply.
+    std::string proxy;
   };
 
   // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
@@ -97,6 +102,10 @@ class PELORA_API Configuration {
   Configuration& maxBatchAge(double seconds);
   Configuration& deliveryPolicy(DeliveryPolicy policy);
   Configuration& requireConsent(bool value);
+  Configuration& compressBatches(bool value);
+  // Throws std::invalid_argument unless `url` is empty (no proxy of our own) or an http, https or
+  // socks proxy URL with a host and nothing after it but "/".
+  Configuration& proxy(std::string url);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

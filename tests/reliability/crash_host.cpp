@@ -5,10 +5,11 @@
 // events (per thread), waits until everything is delivered and exits. With --threads N, N threads
 // record at once (their events share syncs), each with its own ids "<run>-<thread>.<n>". With
 // --max-stored-bytes N the disk bound is N bytes, and "dropped <total>" says when it deleted
-// events.
+// events. With --compress 1 batches are uploaded gzip-compressed.
 //
 // usage: pelora_crash_host --data DIR --key KEY --run ID --connect-to ENTRY --ca-file FILE
 //                          [--seed N] [--events N] [--threads N] [--max-stored-bytes N]
+//                          [--compress 0|1]
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,6 +37,7 @@ struct Options {
   std::int64_t events = -1;  // until killed
   int threads = 1;
   std::uint64_t maxStoredBytes = 0;  // the library's default bound
+  bool compress = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -61,6 +63,8 @@ Options parse(int argc, char** argv) {
       options.threads = std::max(1, std::stoi(value));
     } else if (name == "--max-stored-bytes") {
       options.maxStoredBytes = std::stoull(value);
+    } else if (name == "--compress") {
+      options.compress = value == "1";
     } else {
       std::cerr << "pelora_crash_host: unknown option " << name << "\n";
       std::exit(2);
@@ -68,7 +72,8 @@ Options parse(int argc, char** argv) {
   }
   if (options.data.empty()) {
     std::cerr << "usage: pelora_crash_host --data DIR [--key KEY] [--run ID] [--connect-to ENTRY]"
-                 " [--ca-file FILE] [--seed N] [--events N] [--threads N] [--max-stored-bytes N]\n";
+                 " [--ca-file FILE] [--seed N] [--events N] [--threads N] [--max-stored-bytes N]"
+                 " [--compress 0|1]\n";
     std::exit(2);
   }
   return options;
@@ -114,6 +119,7 @@ int main(int argc, char** argv) {
   if (!options.connectTo.empty()) configuration->connectTo({options.connectTo});
   if (!options.caFile.empty()) configuration->caBundle(options.caFile);
   if (options.maxStoredBytes > 0) configuration->maxStoredBytes(options.maxStoredBytes);
+  configuration->compressBatches(options.compress);
   auto analytics = pelora::PeloraAnalytics::create(configuration);
 
   const auto flushEvery = 10 + random() % 90;

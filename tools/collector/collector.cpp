@@ -174,7 +174,8 @@ struct Collector::State {
   ScriptedResponse answerFor(const RecordedRequest& request);
   std::optional<ScriptedResponse> refusal(const JSON& body, std::size_t size,
                                           const std::string& what);
-  ScriptedResponse acceptBatch(const JSON& body, const std::vector<TrackEvent>& received);
+  ScriptedResponse acceptBatch(const RecordedRequest& request, const JSON& body,
+                               const std::vector<TrackEvent>& received);
   ScriptedResponse acceptTrackingEvent(const JSON& body);
   ScriptedResponse pull(const RecordedRequest& request);
   ScriptedResponse queueMessage(const RecordedRequest& request);
@@ -280,7 +281,7 @@ ScriptedResponse Collector::State::answerFor(const RecordedRequest& request) {
     std::lock_guard lock(mutex);
     if (auto refused = refusal(body, received.size(), what)) return *refused;
   }
-  if (!problem) return isBatch ? acceptBatch(body, received) : acceptTrackingEvent(body);
+  if (!problem) return isBatch ? acceptBatch(request, body, received) : acceptTrackingEvent(body);
   {
     std::lock_guard lock(mutex);
     ++counts.rejected;
@@ -304,8 +305,9 @@ std::optional<ScriptedResponse> Collector::State::refusal(const JSON& body, std:
   return std::nullopt;
 }
 
-ScriptedResponse Collector::State::acceptBatch(const JSON& body,
+ScriptedResponse Collector::State::acceptBatch(const RecordedRequest& request, const JSON& body,
                                                const std::vector<TrackEvent>& received) {
+  const bool compressed = request.header("Content-Encoding").value_or("") == "gzip";
   std::size_t seenBefore = 0;
   std::size_t number = 0;
   {
@@ -318,13 +320,16 @@ ScriptedResponse Collector::State::acceptBatch(const JSON& body,
     counts.events += received.size();
     counts.distinctEvents = messageIds.size();
     number = ++counts.batches;
+    counts.batchBytes += request.body.size();
+    counts.batchBytesReceived += request.receivedBytes;
+    if (compressed) ++counts.compressedBatches;
     if (options.keepEvents) events.insert(events.end(), received.begin(), received.end());
     changed.notify_all();
   }
   const auto& map = *body.mapPointer();
-  print("batch " + std::to_string(number) + ": " + std::to_string(received.size()) +
-        " events, writeKey " + *map.at("writeKey").stringPointer() + ", sentAt " +
-        *map.at("sentAt").stringPointer() + ": " + eventNames(received) +
+  print("batch " + std::to_string(number) + ": " + std::to_string(received.size()) + " events" +
+        (compressed ? " (gzip)" : "") + ", writeKey " + *map.at("writeKey").stringPointer() +
+        ", sentAt " + *map.at("sentAt").stringPointer() + ": " + eventNames(received) +
         (seenBefore ? " (" + std::to_string(seenBefore) + " received before)" : ""));
   return answer(200, "stored");
 }
@@ -586,6 +591,14 @@ std::string Collector::summary() const {
             count(c.opened, "open notification", "open notifications");
   }
   return text;
+}
+
+std::string Collector::byteSummary() const {
+  const auto c = counts();
+  return "batch bytes: " + std::to_string(c.batchBytes) + " as JSON, " +
+         std::to_string(c.batchBytesReceived) + " received, " +
+         std::to_string(c.compressedBatches) + " of " + std::to_string(c.batches) +
+         " batches gzip-compressed";
 }
 
 }  // namespace pelora::collector

@@ -109,6 +109,11 @@ class Collector {
     std::size_t inAppMessages = 0;   // messages handed out by pulls
     std::size_t opened = 0;          // open notifications
     std::map<int, std::size_t> failedByStatus;  // `failed`, by the status answered
+    // Of the accepted batches: their JSON text, what came over the connection for them (TLS and
+    // header included) and how many came gzip-compressed.
+    std::uint64_t batchBytes = 0;
+    std::uint64_t batchBytesReceived = 0;
+    std::size_t compressedBatches = 0;
   };
   Counts counts() const;
   // The events of every accepted batch in arrival order (a resent batch's events appear again).
@@ -127,6 +132,8 @@ class Collector {
   // "N batches, N events (N distinct), N tracking events, N failed (N with S, ...), N rejected",
   // and the pulls, in-app messages and open notifications when there were any.
   std::string summary() const;
+  // "batch bytes: N as JSON, N received, N of N batches gzip-compressed".
+  std::string byteSummary() const;
 
   // Ends held pulls, stops listening and joins the server's threads; later requests are refused.
   void stop();

@@ -98,7 +98,7 @@ struct HttpsServer::State {
       : certificates(std::move(files)),
         server(certificates.certificateFile.c_str(), certificates.keyFile.c_str()) {}
 
-  void handle(const httplib::Request& request, httplib::Response& response);
+  void handle(const httplib::Request& request, std::string body, httplib::Response& response);
   void connectionEnded();
 
   const Certificates certificates;
@@ -121,6 +121,8 @@ struct HttpsServer::State {
   // Duplicates of the connection sockets by connection thread, so that stop() can end the
   // keep-alive waits of idle connections at once instead of after httplib's timeout.
   std::map<std::thread::id, int> connectionSockets;
+  // Bytes read from each connection (by its thread) up to its last request.
+  std::map<std::thread::id, std::uint64_t> connectionBytes;
 };
 
 void HttpsServer::State::connectionEnded() {
@@ -130,12 +132,15 @@ void HttpsServer::State::connectionEnded() {
     ::close(socket->second);
     connectionSockets.erase(socket);
   }
+  connectionBytes.erase(std::this_thread::get_id());
   --connections;
   changed.notify_all();
 }
 
-void HttpsServer::State::handle(const httplib::Request& request, httplib::Response& response) {
+void HttpsServer::State::handle(const httplib::Request& request, std::string body,
+                                httplib::Response& response) {
   const int socket = request.ssl ? SSL_get_fd(request.ssl) : -1;
+  const std::uint64_t bytesRead = request.ssl ? BIO_number_read(SSL_get_rbio(request.ssl)) : 0;
   RecordedRequest record;
   record.method = request.method;
   record.path = request.path;
@@ -143,7 +148,7 @@ void HttpsServer::State::handle(const httplib::Request& request, httplib::Respon
   for (const auto& [name, value] : request.headers) {
     if (!isPseudoField(name)) record.headers.emplace_back(name, value);
   }
-  record.body = request.body;
+  record.body = std::move(body);
   record.time = std::chrono::steady_clock::now();
 
   std::optional<ScriptedResponse> answer;
@@ -155,6 +160,9 @@ void HttpsServer::State::handle(const httplib::Request& request, httplib::Respon
       if (copy >= 0) connectionSockets.emplace(std::this_thread::get_id(), copy);
     }
     if (stopping && socket >= 0) ::shutdown(socket, SHUT_RDWR);
+    auto& before = connectionBytes[std::this_thread::get_id()];
+    record.receivedBytes = bytesRead - before;
+    before = bytesRead;
     maxInFlight = std::max(maxInFlight, ++inFlight);
     if (keepRequests) requests.push_back(record);
     auto script = scripts.find(request.path);
@@ -241,14 +249,30 @@ HttpsServer::HttpsServer(Certificates certificates, int port)
   // delayed acknowledgement hold each answer back ~40 ms.
   server.set_tcp_nodelay(true);
   auto handler = [state](const httplib::Request& request, httplib::Response& response) {
-    state->handle(request, response);
+    state->handle(request, request.body, response);
+  };
+  // Bodies are read here rather than by httplib, which would inflate a compressed one without
+  // limit: past kMaxBodyBytes decoded, the connection ends.
+  auto withBody = [state](const httplib::Request& request, httplib::Response& response,
+                          const httplib::ContentReader& reader) {
+    std::string body;
+    const bool whole = reader([&](const char* data, std::size_t size) {
+      if (size > kMaxBodyBytes - body.size()) return false;
+      body.append(data, size);
+      return true;
+    });
+    if (!whole) {
+      response.status = 413;
+      return;
+    }
+    state->handle(request, std::move(body), response);
   };
   // Every path, also one whose decoded form holds a line break (which "." does not match).
   const std::string any = R"([\s\S]*)";
   server.Get(any, handler);
-  server.Post(any, handler);
-  server.Put(any, handler);
-  server.Patch(any, handler);
+  server.Post(any, withBody);
+  server.Put(any, withBody);
+  server.Patch(any, withBody);
   server.Delete(any, handler);
   server.Options(any, handler);
 

@@ -23,7 +23,10 @@ struct RecordedRequest {
   std::string path;    // without the query
   std::string target;  // as sent: path and query
   Headers headers{};
-  std::string body{};
+  std::string body{};  // decoded when it came compressed ("Content-Encoding: gzip")
+  // Bytes read from the connection for this request: since the previous request on it, TLS
+  // records and header included (and the handshake, for a connection's first request).
+  std::uint64_t receivedBytes = 0;
   std::chrono::steady_clock::time_point time;  // when the whole request had arrived
 
   // The first field named `name` (any letter case).
@@ -62,6 +65,9 @@ struct Certificates {
 
 class HttpsServer {
  public:
+  // A request body past this many bytes (as decoded) ends its connection unanswered.
+  static constexpr std::size_t kMaxBodyBytes = 64u << 20;
+
   // Consulted for a request whose path has no scripted answer left; nothing means the default.
   using Responder = std::function<std::optional<ScriptedResponse>(const RecordedRequest&)>;
 

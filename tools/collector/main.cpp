@@ -196,6 +196,7 @@ int main(int argc, char** argv) {
     sigwait(&stopSignals, &signal);
     collector.stop();
     pelora::platform::printLine("pelora_collector: received " + collector.summary());
+    pelora::platform::printLine("pelora_collector: " + collector.byteSummary());
   } catch (const std::exception& error) {
     std::cerr << "pelora_collector: " << error.what() << "\n";
     return 1;
