@@ -126,6 +126,15 @@ PELORA_C_API pelora_status pelora_config_set_max_batch_age(pelora_config* config
 PELORA_C_API pelora_status pelora_config_set_delivery_policy(
     pelora_config* config, double initial_backoff_seconds, double max_backoff_seconds,
     int refused_after_tries, int split_too_large, int pause_while_offline);
+/* Events are recorded but nothing leaves the device until pelora_grant_consent (default 0). */
+PELORA_C_API pelora_status pelora_config_set_require_consent(pelora_config* config, int enabled);
+/* Batch uploads go gzip-compressed ("Content-Encoding: gzip"); the files on disk stay plain JSON
+ * (default 0). */
+PELORA_C_API pelora_status pelora_config_set_compress_batches(pelora_config* config, int enabled);
+/* Every request of the client goes through this proxy ("http://host:port"; https and socks
+ * proxies too). NULL or "" (the default): the environment's https_proxy, all_proxy and no_proxy
+ * apply. PELORA_ERROR_INVALID_ARGUMENT when it is not a proxy URL. */
+PELORA_C_API pelora_status pelora_config_set_proxy(pelora_config* config, const char* url);
 /* An opaque handle to the host application, kept for plugins that ask for it. */
 PELORA_C_API pelora_status pelora_config_set_application(pelora_config* config, void* application);
 
@@ -172,6 +181,24 @@ PELORA_C_API pelora_status pelora_shutdown(pelora_client* client, double timeout
 PELORA_C_API int pelora_has_unsent_events(pelora_client* client);
 /* Events the disk bound deleted undelivered since the client was created (0 for NULL). */
 PELORA_C_API uint64_t pelora_dropped_event_count(pelora_client* client);
+
+/* ---- The person's choice about tracking -------------------------------------------------------
+ * Kept with the preferences, so that a restart, and every client of the write key, keeps it. */
+
+/* Opts out: nothing is recorded or sent from now on and the stored batches are deleted; when it
+ * returns, no upload or post of this client is still running. */
+PELORA_C_API pelora_status pelora_opt_out(pelora_client* client);
+/* Records and sends again. */
+PELORA_C_API pelora_status pelora_opt_in(pelora_client* client);
+/* 1 while opted out, else 0 (also for NULL). */
+PELORA_C_API int pelora_is_opted_out(pelora_client* client);
+/* With pelora_config_set_require_consent: lets stored and later events leave the device. */
+PELORA_C_API pelora_status pelora_grant_consent(pelora_client* client);
+/* Stops sending again and deletes what is stored (events are still recorded while consent is
+ * pending). */
+PELORA_C_API pelora_status pelora_revoke_consent(pelora_client* client);
+/* 1 once consent was granted (and not revoked), else 0 (also for NULL). */
+PELORA_C_API int pelora_has_consent(pelora_client* client);
 
 #ifdef __cplusplus
 }

@@ -232,6 +232,73 @@ TEST(CApi, TheDiskBoundAndTheDeliveryPolicyAreSetAndCounted) {
   pelora_client_free(client);
 }
 
+// Opt-out and consent through C: the choice outlives the client (a new one on the same files
+// keeps it), opting out and revoking delete what was stored, and granting lets it all go.
+TEST(CApi, OptOutAndConsentLastAcrossRestartsAndDeleteWhatWasStored) {
+  TempDirectory data;
+  Collector collector;
+  auto consentClient = [&] {
+    return newClient(data, collector, [](pelora_config* config) {
+      EXPECT_EQ(pelora_config_set_require_consent(config, 1), PELORA_OK);
+    });
+  };
+  pelora_client* client = consentClient();
+  EXPECT_EQ(pelora_has_consent(client), 0);
+  ASSERT_EQ(pelora_track_bash(client, "Pending", "{}"), PELORA_OK);
+  EXPECT_EQ(pelora_flush_wait(client, 1.0), PELORA_ERROR_TIMEOUT);  // held back, still stored
+  EXPECT_EQ(pelora_has_unsent_events(client), 1);
+  ASSERT_EQ(pelora_grant_consent(client), PELORA_OK);
+  pelora_client_free(client);
+
+  client = consentClient();  // a restart keeps the consent, and sends what waited
+  EXPECT_EQ(pelora_has_consent(client), 1);
+  EXPECT_EQ(pelora_flush_wait(client, 20.0), PELORA_OK);
+  EXPECT_EQ(collector.counts().distinctEvents, 1u);
+  ASSERT_EQ(pelora_revoke_consent(client), PELORA_OK);
+  ASSERT_EQ(pelora_track_bash(client, "Held again", "{}"), PELORA_OK);
+  ASSERT_EQ(pelora_opt_out(client), PELORA_OK);
+  EXPECT_EQ(pelora_has_unsent_events(client), 0);  // the held event was deleted
+  EXPECT_EQ(pelora_track_bash(client, "Not recorded", "{}"), PELORA_OK);
+  EXPECT_EQ(pelora_has_unsent_events(client), 0);
+  pelora_client_free(client);
+
+  client = consentClient();
+  EXPECT_EQ(pelora_is_opted_out(client), 1);
+  EXPECT_EQ(pelora_has_consent(client), 0);
+  ASSERT_EQ(pelora_opt_in(client), PELORA_OK);
+  ASSERT_EQ(pelora_grant_consent(client), PELORA_OK);
+  ASSERT_EQ(pelora_track_bash(client, "Back", "{}"), PELORA_OK);
+  EXPECT_EQ(pelora_flush_wait(client, 20.0), PELORA_OK);
+  EXPECT_EQ(collector.counts().distinctEvents, 2u);
+  EXPECT_EQ(pelora_is_opted_out(nullptr), 0);
+  EXPECT_EQ(pelora_has_consent(nullptr), 0);
+  EXPECT_EQ(pelora_opt_out(nullptr), PELORA_ERROR_INVALID_ARGUMENT);
+  pelora_client_free(client);
+}
+
+// Compression and the proxy are set from C, and a proxy that is not one is refused there.
+TEST(CApi, CompressedUploadsAndTheProxySettingReachTheClient) {
+  TempDirectory data;
+  Collector collector;
+  pelora_client* client = newClient(data, collector, [](pelora_config* config) {
+    EXPECT_EQ(pelora_config_set_proxy(config, "proxy.corp:3128"), PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_NE(std::string(pelora_last_error()).find("proxy"), std::string::npos);
+    EXPECT_EQ(pelora_config_set_proxy(config, "http://127.0.0.1:1"), PELORA_OK);
+    EXPECT_EQ(pelora_config_set_proxy(config, nullptr), PELORA_OK);  // none after all
+    EXPECT_EQ(pelora_config_set_compress_batches(config, 1), PELORA_OK);
+  });
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(pelora_track_bash(client, "Compressed", R"({"category":"Shoes / Running"})"),
+              PELORA_OK);
+  }
+  EXPECT_EQ(pelora_flush_wait(client, 20.0), PELORA_OK) << pelora_last_error();
+  const auto counts = collector.counts();
+  EXPECT_EQ(counts.distinctEvents, 50u);
+  EXPECT_EQ(counts.compressedBatches, counts.batches);
+  EXPECT_LT(counts.batchBytesReceived, counts.batchBytes);
+  pelora_client_free(client);
+}
+
 struct LogLines {
   std::mutex mutex;
   std::vector<std::pair<pelora_log_level, std::string>> lines;

@@ -501,4 +501,52 @@ uint64_t pelora_dropped_event_count(pelora_client* client) {
   return client->analytics->droppedEventCount();
 }
 
+pelora_status pelora_config_set_require_consent(pelora_config* config, int enabled) {
+  return configure(config, [&](auto& c) { c.requireConsent(enabled != 0); });
+}
+
+pelora_status pelora_config_set_compress_batches(pelora_config* config, int enabled) {
+  return configure(config, [&](auto& c) { c.compressBatches(enabled != 0); });
+}
+
+pelora_status pelora_config_set_proxy(pelora_config* config, const char* url) {
+  return configure(config, [&](auto& c) { c.proxy(url == nullptr ? "" : text(url, "url")); });
+}
+
+pelora_status pelora_opt_out(pelora_client* client) {
+  return guarded([&] {
+    recording(client).optOut();
+    return PELORA_OK;
+  });
+}
+
+pelora_status pelora_opt_in(pelora_client* client) {
+  return guarded([&] {
+    recording(client).optIn();
+    return PELORA_OK;
+  });
+}
+
+int pelora_is_opted_out(pelora_client* client) {
+  return client != nullptr && client->analytics->isOptedOut() ? 1 : 0;
+}
+
+pelora_status pelora_grant_consent(pelora_client* client) {
+  return guarded([&] {
+    recording(client).grantConsent();
+    return PELORA_OK;
+  });
+}
+
+pelora_status pelora_revoke_consent(pelora_client* client) {
+  return guarded([&] {
+    recording(client).revokeConsent();
+    return PELORA_OK;
+  });
+}
+
+int pelora_has_consent(pelora_client* client) {
+  return client != nullptr && client->analytics->hasConsent() ? 1 : 0;
+}
+
 }  // extern "C"

@@ -180,8 +180,10 @@ class Client:
     enable_iam, api_host, push_app_id, default_settings (dict), documents_dir and preferences_dir
     (both or neither), connect_to (list of "HOST:PORT:TO-HOST:TO-PORT"), ca_bundle (file),
     iam_retry_delay (seconds), max_stored_bytes (the disk bound; 64 MiB, 0 for none),
-    max_batch_age (seconds; none by default), shutdown_timeout (seconds the with-block waits on
-    exit; 10).
+    max_batch_age (seconds; none by default), require_consent (record, but send nothing until
+    grant_consent()), compress_batches (gzip uploads), proxy ("http://host:port"; by default the
+    environment's https_proxy and no_proxy apply), shutdown_timeout (seconds the with-block waits
+    on exit; 10).
     """
 
     def __init__(self, write_key, *, flavor=None, flush_at=None, flush_interval=None,
@@ -189,7 +191,8 @@ class Client:
                  auto_add_pelora_destination=None, enable_iam=None, api_host=None,
                  push_app_id=None, default_settings=None, documents_dir=None,
                  preferences_dir=None, connect_to=(), ca_bundle=None, iam_retry_delay=None,
-                 max_stored_bytes=None, max_batch_age=None, shutdown_timeout=10.0):
+                 max_stored_bytes=None, max_batch_age=None, require_consent=None,
+                 compress_batches=None, proxy=None, shutdown_timeout=10.0):
         self._handle = None
         self.shutdown_timeout = shutdown_timeout
         config = ctypes.c_void_p()
@@ -212,6 +215,8 @@ class Client:
             "track_deeplinks": _lib.pelora_config_set_track_deeplinks,
             "auto_add_pelora_destination": _lib.pelora_config_set_auto_add_pelora_destination,
             "enable_iam": _lib.pelora_config_set_enable_iam,
+            "require_consent": _lib.pelora_config_set_require_consent,
+            "compress_batches": _lib.pelora_config_set_compress_batches,
         }
         for name, setter in switches.items():
             if options[name] is not None:
@@ -230,7 +235,8 @@ class Client:
                                                           float(options["iam_retry_delay"])))
         texts = {"api_host": _lib.pelora_config_set_api_host,
                  "push_app_id": _lib.pelora_config_set_push_app_id,
-                 "ca_bundle": _lib.pelora_config_set_ca_bundle}
+                 "ca_bundle": _lib.pelora_config_set_ca_bundle,
+                 "proxy": _lib.pelora_config_set_proxy}
         for name, setter in texts.items():
             if options[name] is not None:
                 _check(setter(config, _text(options[name], name)))
@@ -331,6 +337,31 @@ class Client:
     def dropped_event_count(self):
         """Events the disk bound deleted undelivered since the client was created."""
         return int(_lib.pelora_dropped_event_count(self._client()))
+
+    def opt_out(self):
+        """Records and sends nothing from now on and deletes what is stored; kept across
+        restarts. When it returns, no upload of this client is still running."""
+        _check(_lib.pelora_opt_out(self._client()))
+
+    def opt_in(self):
+        """Records and sends again."""
+        _check(_lib.pelora_opt_in(self._client()))
+
+    @property
+    def is_opted_out(self):
+        return bool(_lib.pelora_is_opted_out(self._client()))
+
+    def grant_consent(self):
+        """With require_consent: lets what is stored, and what follows, leave the device."""
+        _check(_lib.pelora_grant_consent(self._client()))
+
+    def revoke_consent(self):
+        """Stops sending again and deletes what is stored."""
+        _check(_lib.pelora_revoke_consent(self._client()))
+
+    @property
+    def has_consent(self):
+        return bool(_lib.pelora_has_consent(self._client()))
 
     def __enter__(self):
         return self

@@ -110,6 +110,9 @@ def _declare(lib):
         "pelora_config_set_iam_retry_delay": (status, [c_void_p, c_double]),
         "pelora_config_set_max_stored_bytes": (status, [c_void_p, ctypes.c_uint64]),
         "pelora_config_set_max_batch_age": (status, [c_void_p, c_double]),
+        "pelora_config_set_require_consent": (status, [c_void_p, c_int]),
+        "pelora_config_set_compress_batches": (status, [c_void_p, c_int]),
+        "pelora_config_set_proxy": (status, [c_void_p, c_char_p]),
         "pelora_client_new": (status, [c_void_p, ctypes.POINTER(c_void_p)]),
         "pelora_client_free": (None, [c_void_p]),
         "pelora_track_bash": (status, [c_void_p, c_char_p, c_char_p]),
@@ -124,6 +127,12 @@ def _declare(lib):
         "pelora_shutdown": (status, [c_void_p, c_double]),
         "pelora_has_unsent_events": (c_int, [c_void_p]),
         "pelora_dropped_event_count": (ctypes.c_uint64, [c_void_p]),
+        "pelora_opt_out": (status, [c_void_p]),
+        "pelora_opt_in": (status, [c_void_p]),
+        "pelora_is_opted_out": (c_int, [c_void_p]),
+        "pelora_grant_consent": (status, [c_void_p]),
+        "pelora_revoke_consent": (status, [c_void_p]),
+        "pelora_has_consent": (c_int, [c_void_p]),
     }
     for name, (restype, argtypes) in signatures.items():
         function = getattr(lib, name)

@@ -154,3 +154,93 @@ def test_offline_the_disk_bound_holds_and_counts_what_it_drops(collector, tmp_pa
         stored += sum(os.path.getsize(os.path.join(root, name)) for name in files
                       if not name.startswith("."))
     assert stored <= 32 * 1024
+
+
+def test_opt_out_and_consent_last_across_restarts(collector, tmp_path):
+    options = collector.options(str(tmp_path))
+    options.update(require_consent=True, shutdown_timeout=1)
+    with pelora.Client("py-consent-key", **options) as client:
+        assert not client.has_consent
+        client.track("Pending", {"seq": 1})
+        assert client.flush(timeout=1) is False  # held back until consent
+        client.grant_consent()
+    with pelora.Client("py-consent-key", **options) as client:  # a restart keeps the consent
+        assert client.has_consent
+        assert client.flush(timeout=20) is True
+        client.opt_out()
+        client.track("Not recorded")
+        assert not client.has_unsent_events
+    with pelora.Client("py-consent-key", **options) as client:
+        assert client.is_opted_out
+        client.opt_in()
+        assert not client.is_opted_out
+        client.track("Back", {"seq": 2})
+        assert client.flush(timeout=20) is True
+    assert [event["properties"]["seq"] for event in collector.events()] == [1, 2]
+
+
+class ConnectProxy:
+    """A CONNECT-only proxy that sends every tunnel to one port on 127.0.0.1 and counts them by
+    the host:port asked for."""
+
+    def __init__(self, upstream_port):
+        import socket
+        import threading
+        self.upstream_port = upstream_port
+        self.tunnels = {}
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.url = "http://127.0.0.1:%d" % self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        import threading
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+
+    def _serve(self, client):
+        import select
+        import socket
+        head = b""
+        while b"\r\n\r\n" not in head:
+            piece = client.recv(4096)
+            if not piece:
+                return client.close()
+            head += piece
+        target = head.split(b" ")[1].decode()
+        self.tunnels[target] = self.tunnels.get(target, 0) + 1
+        upstream = socket.create_connection(("127.0.0.1", self.upstream_port))
+        client.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
+        upstream.sendall(head.split(b"\r\n\r\n", 1)[1])
+        while True:
+            readable, _, _ = select.select([client, upstream], [], [])
+            for side in readable:
+                data = side.recv(65536)
+                if not data:
+                    client.close()
+                    upstream.close()
+                    return
+                (upstream if side is client else client).sendall(data)
+
+    def close(self):
+        self.listener.close()
+
+
+def test_compressed_uploads_through_a_proxy_arrive(collector, tmp_path):
+    options = collector.options(str(tmp_path))
+    host, _, _, port = collector.connect_to.split(":")
+    proxy = ConnectProxy(int(port))
+    del options["connect_to"]  # only the proxy knows where the service is
+    options.update(proxy=proxy.url, compress_batches=True)
+    with pytest.raises(pelora.InvalidArgumentError, match="proxy"):
+        pelora.Client("py-proxy-key", **dict(options, proxy="not a proxy"))
+    with pelora.Client("py-proxy-key", **options) as client:
+        for seq in range(30):
+            client.track("Proxied", {"seq": seq, "category": "Shoes / Running"})
+        assert client.flush(timeout=20) is True
+    proxy.close()
+    assert proxy.tunnels.get(host + ":443", 0) >= 1
+    assert [event["properties"]["seq"] for event in collector.events()] == list(range(30))
