@@ -31,6 +31,17 @@ class DeliveryProgress {
     std::unique_lock lock(mutex_);
     changed_.wait_until(lock, until, [&] { return generation_ != seen; });
   }
+  // Waits until `done()` holds, looking again each time it moves on; false when `until` passed
+  // first. `done` must turn true only for a change that is followed by an advance().
+  template <class Done>
+  bool waitUntil(Done&& done, Clock::time_point until) const {
+    for (;;) {
+      const std::uint64_t seen = generation();
+      if (done()) return true;
+      if (Clock::now() >= until) return false;
+      waitPast(seen, until);
+    }
+  }
 
  private:
   mutable std::mutex mutex_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <thread>
 #include <utility>
 
 #include "pelora/delivery/delivery_progress.hpp"
@@ -105,7 +104,8 @@ class PeloraDestination::UploadEnd {
 PeloraDestination::PeloraDestination()
     : uploadsQueue_(
           platform::SerialQueue::create("uploadsQueue." + std::string(platform::queueLabelSuffix))),
-      round_(std::make_unique<Round>()) {}
+      round_(std::make_unique<Round>()),
+      progress_(std::make_shared<DeliveryProgress>()) {}
 
 PeloraDestination::~PeloraDestination() = default;
 
@@ -143,7 +143,7 @@ void PeloraDestination::configure(std::shared_ptr<PluginHost> analytics) {
 
 void PeloraDestination::setProgress(std::shared_ptr<DeliveryProgress> progress) {
   std::lock_guard lock(mutex_);
-  progress_ = std::move(progress);
+  if (progress) progress_ = std::move(progress);
 }
 
 void PeloraDestination::shutdown() {
@@ -176,6 +176,11 @@ void PeloraDestination::setUploadGate(std::function<bool()> gate) {
 
 void PeloraDestination::withhold(bool withheld) {
   std::vector<std::shared_ptr<platform::HttpTask>> running;
+  std::shared_ptr<DeliveryProgress> progress;
+  {
+    std::lock_guard lock(mutex_);
+    progress = progress_;
+  }
   uploadsQueue_->sync([&] {
     withheld_ = withheld;
     if (!withheld) return;
@@ -185,12 +190,14 @@ void PeloraDestination::withhold(bool withheld) {
   });
   for (const auto& task : running) task->cancel();
   // A cancelled transfer stops on the session's thread: wait until it has, so that no byte of it
-  // leaves after this returns.
-  const auto deadline = Clock::now() + std::chrono::seconds(5);
-  for (const auto& task : running) {
-    while (task->state() != platform::HttpTask::State::completed && Clock::now() < deadline)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  // leaves after this returns. Its completion (uploadFinished) moves the progress on.
+  progress->waitUntil(
+      [&] {
+        return std::all_of(running.begin(), running.end(), [](const auto& task) {
+          return task->state() == platform::HttpTask::State::completed;
+        });
+      },
+      Clock::now() + std::chrono::seconds(5));
 }
 
 void PeloraDestination::forgetStored() {

@@ -125,7 +125,7 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   // (recording reaches it through the client, without this lock).
   std::shared_ptr<Storage> storage_;
   std::shared_ptr<HTTPClient> httpClient_;
-  std::shared_ptr<DeliveryProgress> progress_;
+  std::shared_ptr<DeliveryProgress> progress_;  // never null
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;
   std::unique_ptr<QueueTimer> flushTimer_;

@@ -1,7 +1,6 @@
 #include "pelora/delivery/pelora_monitor_event.hpp"
 
 #include <chrono>
-#include <thread>
 
 #include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/http_client.hpp"
@@ -45,7 +44,8 @@ class PostInFlight {
 
 PeloraMonitorEvent::PeloraMonitorEvent()
     : timeline_(std::make_shared<Timeline>()),
-      postsInFlight_(std::make_shared<std::atomic<std::size_t>>(0)) {}
+      postsInFlight_(std::make_shared<std::atomic<std::size_t>>(0)),
+      progress_(std::make_shared<DeliveryProgress>()) {}
 
 std::shared_ptr<PluginHost> PeloraMonitorEvent::analytics() const {
   std::lock_guard lock(mutex_);
@@ -66,7 +66,7 @@ void PeloraMonitorEvent::setAnalytics(std::shared_ptr<PluginHost> analytics) {
 
 void PeloraMonitorEvent::setProgress(std::shared_ptr<DeliveryProgress> progress) {
   std::lock_guard lock(mutex_);
-  progress_ = std::move(progress);
+  if (progress) progress_ = std::move(progress);
 }
 
 void PeloraMonitorEvent::update(const Settings& settings, UpdateType /*type*/) {
@@ -99,17 +99,19 @@ void PeloraMonitorEvent::shutdown() {
 
 void PeloraMonitorEvent::withhold(bool withheld) {
   std::shared_ptr<HTTPClient> client;
+  std::shared_ptr<DeliveryProgress> progress;
   {
     std::lock_guard lock(mutex_);
     withheld_ = withheld;
     if (withheld) client = httpClient_;
+    progress = progress_;
   }
   if (!client) return;
   client->cancelAll();
-  // Cancelled posts stop on the session's thread: wait until they have.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (postsInFlight_->load() > 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // Cancelled posts stop on the session's thread: wait until they have (each one's end moves the
+  // progress on).
+  progress->waitUntil([&] { return postsInFlight_->load() == 0; },
+                      std::chrono::steady_clock::now() + std::chrono::seconds(5));
 }
 
 std::shared_ptr<HTTPClient> PeloraMonitorEvent::httpClient() const {

@@ -62,7 +62,7 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
   std::shared_ptr<PluginHost> analytics_;
   std::shared_ptr<HTTPClient> httpClient_;
   bool withheld_ = false;
-  std::shared_ptr<DeliveryProgress> progress_;
+  std::shared_ptr<DeliveryProgress> progress_;  // never null
   std::optional<std::string> apiKey_;
   std::optional<std::string> apiHost_;
 };
