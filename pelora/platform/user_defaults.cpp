@@ -75,15 +75,26 @@ bool replaceAtomically(const std::filesystem::path& file, std::string_view text)
 struct Contents {
   bool readable = true;
   std::optional<JSON::Map> map;
+  std::optional<detail::FileStamp> stamp;  // of the file read
 };
+
+detail::FileStamp stampOf(const struct stat& info) {
+  return {static_cast<std::uint64_t>(info.st_dev), static_cast<std::uint64_t>(info.st_ino),
+          static_cast<std::int64_t>(info.st_size),
+          static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec,
+          static_cast<std::int64_t>(info.st_ctim.tv_sec) * 1'000'000'000 + info.st_ctim.tv_nsec};
+}
 
 Contents read(const std::filesystem::path& file) {
   const UniqueFd in = openOwnFile(file, O_RDONLY);
   if (!in) {
     // Missing, or a link or something else that is not our file: it holds nothing of ours, and
     // the next write puts a file of ours in its place.
-    return {errno == ENOENT || errno == ELOOP || errno == EPERM, std::nullopt};
+    return {errno == ENOENT || errno == ELOOP || errno == EPERM, std::nullopt, std::nullopt};
   }
+  // Of the file opened: what is read below is this stamp's content.
+  std::optional<detail::FileStamp> stamp;
+  if (struct stat info{}; ::fstat(in.get(), &info) == 0) stamp = stampOf(info);
   std::string text;
   char buffer[4096];
   for (;;) {
@@ -91,25 +102,17 @@ Contents read(const std::filesystem::path& file) {
     if (n == 0) break;
     if (n < 0) {
       if (errno == EINTR) continue;
-      return {false, std::nullopt};
+      return {false, std::nullopt, std::nullopt};
     }
     text.append(buffer, static_cast<std::size_t>(n));
   }
   try {
     JSON json = JSON::parse(text);
-    if (const auto* map = json.mapPointer()) return {true, *map};
+    if (const auto* map = json.mapPointer()) return {true, *map, stamp};
   } catch (const DecodingError&) {
     // Corrupt content: the suite starts over rather than failing its owner.
   }
-  return {};
-}
-
-JSON::Map load(const std::filesystem::path& file) {
-  try {
-    return read(file).map.value_or(JSON::Map{});
-  } catch (const std::exception&) {
-    return {};
-  }
+  return {true, std::nullopt, stamp};
 }
 
 // An exclusive flock on `path` (created when missing) for the life of the object.
@@ -137,7 +140,13 @@ std::optional<UserDefaults> UserDefaults::open(const std::filesystem::path& pref
                                                std::string_view name) {
   if (!isSingleFileName(name)) return std::nullopt;
   UserDefaults suite(preferences, preferences / "pelora" / (std::string(name) + ".json"));
-  suite.values_ = load(suite.file_);
+  try {
+    Contents contents = read(suite.file_);
+    suite.values_ = contents.map.value_or(JSON::Map{});
+    suite.readStamp_ = contents.stamp;
+  } catch (const std::exception&) {
+    suite.values_ = {};
+  }
   return suite;
 }
 
@@ -159,6 +168,11 @@ void UserDefaults::remove(std::string_view key) {
 }
 
 bool UserDefaults::reload() noexcept {
+  // Unchanged since values_ was read from it (values_ already holds the changes made since).
+  if (struct stat info{};
+      readStamp_ && ::stat(file_.c_str(), &info) == 0 && stampOf(info) == *readStamp_) {
+    return true;
+  }
   try {
     Contents current = read(file_);
     if (!current.readable) return false;
@@ -171,6 +185,7 @@ bool UserDefaults::reload() noexcept {
       }
     }
     values_ = std::move(merged);
+    readStamp_ = current.stamp;
   } catch (const std::exception&) {
     return false;
   }

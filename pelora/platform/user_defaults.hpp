@@ -6,6 +6,7 @@
 // suite on its own queue).
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -15,6 +16,15 @@
 #include "pelora/core/json.hpp"
 
 namespace pelora::platform {
+
+namespace detail {
+// Which file, at which change: equal stamps mean the same content (a write replaces the file).
+struct FileStamp {
+  std::uint64_t device = 0, inode = 0;
+  std::int64_t size = 0, modifiedNs = 0, changedNs = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+}  // namespace detail
 
 class UserDefaults {
  public:
@@ -34,8 +44,8 @@ class UserDefaults {
   // rename, fsync of the directory), over what other writers stored meanwhile, and reads their
   // values back. False when writing failed: the changes stay pending and the next call tries again.
   bool synchronize() noexcept;
-  // Reads what other writers stored since (changes not yet written stay on top). False when the
-  // file cannot be read.
+  // Reads what other writers stored since (changes not yet written stay on top); costs a stat()
+  // when the file has not changed since it was last read. False when the file cannot be read.
   bool reload() noexcept;
 
   // Where the suite lives.
@@ -48,6 +58,7 @@ class UserDefaults {
   std::filesystem::path preferences_;
   std::filesystem::path file_;
   JSON::Map values_;
+  std::optional<detail::FileStamp> readStamp_;  // of the file values_ was last read from
   // Changes not yet written: a value, or nothing for a removal.
   std::map<std::string, std::optional<JSON>, std::less<>> pending_;
   bool sweptLeftovers_ = false;  // killed writers' temporary files, once per suite

@@ -167,5 +167,22 @@ TEST_F(UserDefaultsTest, KilledWritersTemporaryFilesAreRemoved) {
   EXPECT_EQ(names, (std::set<std::string>{".other.json.Ab12Cd", ".suite.json.lock", "suite.json"}));
 }
 
+// reload() skips reading a file it has read unchanged; a write of the same size within the same
+// clock tick (and perhaps on a reused inode) is still a change it must see.
+TEST_F(UserDefaultsTest, ReloadSeesEveryWriteOfAnotherSuiteEvenInQuickSuccession) {
+  auto reader = UserDefaults::open(root_, "suite");
+  auto writer = UserDefaults::open(root_, "suite");
+  ASSERT_TRUE(reader && writer);
+  for (int i = 0; i < 300; ++i) {
+    const std::int64_t value = 10 + i % 90;  // always two digits: every file is the same size
+    writer->set("k", JSON(value));
+    ASSERT_TRUE(writer->synchronize());
+    ASSERT_TRUE(reader->reload());
+    ASSERT_EQ(reader->get("k"), JSON(value)) << i;
+    ASSERT_TRUE(reader->reload());  // unchanged: the same value
+    ASSERT_EQ(reader->get("k"), JSON(value)) << i;
+  }
+}
+
 }  // namespace
 }  // namespace pelora::platform
