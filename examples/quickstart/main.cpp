@@ -21,6 +21,8 @@ constexpr const char* usage = R"(usage: quickstart [options]
   --data DIR          keep batch files and identity under DIR (default: the user's directories)
   --delivery-policy   back off from a failing service, honour Retry-After, split batches answered
                       413 (waits capped at 5 s so that a run stays short)
+  --compress          upload batches gzip-compressed
+  --proxy URL         send every request through this proxy (http://host:port)
   --verbose           print the library's debug log
 )";
 
@@ -40,6 +42,8 @@ int main(int argc, char** argv) {
   constexpr int timeoutSeconds = 60;
   bool verbose = false;
   bool deliveryPolicy = false;
+  bool compress = false;
+  std::string proxy;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
     if (option == "-h" || option == "--help") {
@@ -54,6 +58,10 @@ int main(int argc, char** argv) {
       deliveryPolicy = true;
       continue;
     }
+    if (option == "--compress") {
+      compress = true;
+      continue;
+    }
     if (i + 1 >= argc) fail(std::string(option) + " needs a value");
     const std::string value = argv[++i];
     if (option == "--connect-to") {
@@ -62,6 +70,8 @@ int main(int argc, char** argv) {
       caFile = value;
     } else if (option == "--data") {
       dataDirectory = value;
+    } else if (option == "--proxy") {
+      proxy = value;
     } else {
       fail("unknown option " + std::string(option));
     }
@@ -72,6 +82,12 @@ int main(int argc, char** argv) {
   auto configuration =
       std::make_shared<pelora::Configuration>("quickstart-write-key", "production", false);
   configuration->flushAt(10).flushInterval(1.0).connectTo(connectTo).caBundle(caFile);
+  configuration->compressBatches(compress);
+  try {
+    configuration->proxy(proxy);
+  } catch (const std::invalid_argument& error) {
+    fail(error.what());
+  }
   if (!dataDirectory.empty()) {
     configuration->paths({dataDirectory + "/data", dataDirectory + "/config"});
   }
