@@ -10,6 +10,7 @@
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
+#include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tools/collector/collector.hpp"
 
@@ -146,6 +147,28 @@ TEST_F(Privacy, AChoiceMadeThroughOneClientReachesAnotherOfTheSameKey) {
   EXPECT_TRUE(recording->flush(Clock::now() + 10s));
   EXPECT_FALSE(recording->isOptedOut());
   EXPECT_EQ(service.counts().distinctEvents, 1u);
+}
+
+// A message pull names the device: while consent is pending, or after opting out, no pull goes.
+TEST_F(Privacy, MessagePullsWaitForConsentAndStopWhenOptedOut) {
+  service.holdPulls(50ms);
+  auto c = std::make_shared<Configuration>("privacy-key", std::nullopt, true);
+  c->flushAt(1'000'000)
+      .flushInterval(3600)
+      .requireConsent(true)
+      .paths({data.path() / "Documents", data.path() / "config"})
+      .connectTo({service.connectTo(productionTrackingHost), service.connectTo(test::iamHost())})
+      .caBundle(service.certificates().caFile);
+  auto analytics = PeloraAnalytics::create(c);
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(service.counts().pulls, 0u);
+  analytics->grantConsent();
+  ASSERT_TRUE(service.waitFor([](const auto& counts) { return counts.pulls >= 2; }, 10s));
+  analytics->optOut();
+  const auto pulls = service.counts().pulls;
+  std::this_thread::sleep_for(300ms);
+  EXPECT_LE(service.counts().pulls, pulls + 1);  // at most the one under way when it stopped
+  analytics->shutdown(Clock::now() + 5s);
 }
 
 }  // namespace

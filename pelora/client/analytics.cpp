@@ -170,21 +170,9 @@ void PeloraAnalytics::start() {
       });
   debugPrint("Pelora: settings checked");
 
-  if (values.enableIAM) {
-    IAMManager::Setup setup;
-    setup.hostDomain = std::string(inAppMessageBaseURL(values.flavor));
-    setup.workSpaceId = values.writeKey;
-    setup.peloraUserId = peloraUserId().value_or("");
-    setup.connectTo = values.connectTo;
-    setup.caBundle = values.caBundle;
-    setup.proxy = values.proxy;
-    // Whole milliseconds; a negative, NaN or absurd value means no wait.
-    const double delay = values.iamRetryDelay;
-    if (delay > 0 && delay < 86'400) {
-      setup.retryDelay = std::chrono::milliseconds(static_cast<std::int64_t>(delay * 1000));
-    }
-    IAMManager::shared()->start(std::move(setup));
-    startedIAM_ = true;
+  {
+    std::lock_guard lock(privacyMutex_);
+    pollMessages(sendingAllowed());
   }
 
   if (!values.peloraAppPushID.empty()) {
@@ -275,6 +263,30 @@ void PeloraAnalytics::withholdDelivery(bool withheld) {
   if (auto monitor = find<PeloraMonitorEvent>()) monitor->withhold(withheld);
 }
 
+void PeloraAnalytics::pollMessages(bool on) {
+  const auto& values = configuration_->values;
+  on = on && values.enableIAM && !shutDown_.load();
+  if (on == pollingMessages_) return;
+  pollingMessages_ = on;
+  if (!on) {
+    IAMManager::shared()->stopPolling();
+    return;
+  }
+  IAMManager::Setup setup;
+  setup.hostDomain = std::string(inAppMessageBaseURL(values.flavor));
+  setup.workSpaceId = values.writeKey;
+  setup.peloraUserId = peloraUserId().value_or("");
+  setup.connectTo = values.connectTo;
+  setup.caBundle = values.caBundle;
+  setup.proxy = values.proxy;
+  // Whole milliseconds; a negative, NaN or absurd value means no wait.
+  const double delay = values.iamRetryDelay;
+  if (delay > 0 && delay < 86'400) {
+    setup.retryDelay = std::chrono::milliseconds(static_cast<std::int64_t>(delay * 1000));
+  }
+  IAMManager::shared()->start(std::move(setup));
+}
+
 void PeloraAnalytics::eraseStored() {
   storage_->eraseStoredEvents();
   if (auto destination = find<PeloraDestination>()) destination->forgetStored();
@@ -292,8 +304,10 @@ bool PeloraAnalytics::applyChoice(bool optedOut, bool consent) {
   const bool hadConsent = consent_.exchange(consent);
   const bool allowed = sendingAllowed();
   if (optedOut != wasOut) storage_->refuseEvents(optedOut);
-  if (allowed != (!wasOut && (!configuration_->values.requireConsent || hadConsent)))
+  if (allowed != (!wasOut && (!configuration_->values.requireConsent || hadConsent))) {
     withholdDelivery(!allowed);
+    pollMessages(allowed);
+  }
   // Opted out or consent revoked (here or through another client of the key): what is stored goes.
   if ((optedOut && !wasOut) || (configuration_->values.requireConsent && hadConsent && !consent)) {
     eraseStored();
@@ -618,7 +632,10 @@ bool PeloraAnalytics::shutdown(Clock::time_point deadline) {
     platform::AppLifecycle::shared().removeObserver(*foregroundObserver_);
     foregroundObserver_.reset();
   }
-  if (startedIAM_) IAMManager::shared()->stopPolling();
+  {
+    std::lock_guard lock(privacyMutex_);
+    pollMessages(false);
+  }
   releasePlugins();
   // Threads that only need to exit get a moment even when the flush used up the deadline.
   const auto threadsDeadline = std::max(deadline, Clock::now() + std::chrono::seconds(2));

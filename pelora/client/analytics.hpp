@@ -192,6 +192,9 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // true when it deleted what was stored.
   bool applyChoice(bool optedOut, bool consent);
   void withholdDelivery(bool withheld);
+  // In-app message polling follows the choice too, since a pull names the device (privacyMutex_
+  // held): on while sending is allowed and the client runs, with enableIAM.
+  void pollMessages(bool on);
   // Deletes every stored batch of the key and what the destination knew of them.
   void eraseStored();
   bool pluginsReadEventValues() const;
@@ -211,7 +214,7 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // What flush(deadline) waits on: the built-in destinations move it on as uploads and posts end.
   std::shared_ptr<DeliveryProgress> progress_;
   std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
-  bool startedIAM_ = false;
+  bool pollingMessages_ = false;  // guarded by privacyMutex_
   std::atomic<bool> shutDown_{false};
   // pluginsReadEventValues() without walking the timeline per event: the answer (low bit) for
   // the plugin change count in the other bits, recomputed when the count moved on.
