@@ -5,8 +5,6 @@
 // the bytes carried each way. Thread-safe; stop() (or the destructor) ends every tunnel and joins.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,23 +18,14 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/loopback.hpp"
+
 namespace pelora::test {
 
 class ConnectProxy {
  public:
   explicit ConnectProxy(int upstreamPort) : upstreamPort_(upstreamPort) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener_, 64) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      if (listener_ >= 0) ::close(listener_);
-      throw std::runtime_error("ConnectProxy: cannot listen on 127.0.0.1");
-    }
-    port_ = ntohs(address.sin_port);
+    listener_ = listenOnLoopback(port_, "ConnectProxy");
     acceptor_ = std::thread([this] { acceptLoop(); });
   }
   ~ConnectProxy() { stop(); }
@@ -104,7 +93,7 @@ class ConnectProxy {
       return forget(client);
     }
     const std::string target = head.substr(8, head.find(' ', 8) - 8);
-    const int upstream = connectUpstream();
+    const int upstream = connectToLoopback(upstreamPort_);
     if (upstream < 0) {
       const std::string answer = "HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n";
       (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
@@ -142,20 +131,6 @@ class ConnectProxy {
     }
     forget(upstream);
     forget(client);
-  }
-
-  int connectUpstream() const {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(upstreamPort_));
-    if (socket >= 0 &&
-        ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-      return socket;
-    }
-    if (socket >= 0) ::close(socket);
-    return -1;
   }
 
   void forget(int socket) {

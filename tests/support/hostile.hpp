@@ -18,6 +18,8 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/loopback.hpp"
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define PELORA_TEST_SANITIZER_HEAP 1
 #elif defined(__has_feature)
@@ -108,16 +110,7 @@ inline std::string gzipOfZeros(std::size_t decoded) {
 class PlainListener {
  public:
   PlainListener() {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(listener_, 16) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-      throw std::runtime_error("PlainListener: cannot listen");
-    port_ = ntohs(address.sin_port);
+    listener_ = listenOnLoopback(port_, "PlainListener");
     thread_ = std::thread([this] {
       for (;;) {
         const int connection = ::accept(listener_, nullptr, nullptr);
