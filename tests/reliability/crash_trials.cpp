@@ -1,6 +1,7 @@
 // Crash trials: hosts (pelora_crash_host) record events into one data directory and are killed
 // with SIGKILL at random instants, one or two at a time, then restarted on the same directories.
-// A third of the hosts record from 2 to 8 threads at once.
+// A third of the hosts record from 2 to 8 threads at once; half of them (by seed) upload their
+// batches gzip-compressed.
 // At the end a client delivers what is left. Every event that a host acknowledged must have
 // reached the collector; an event may arrive twice only inside a whole batch sent again after a
 // kill took the answer to its first upload (the same batch, accepted around a kill and again
@@ -131,7 +132,9 @@ Host start(const Options& options, const fs::path& data, const std::string& run,
                                               "--threads",
                                               std::to_string(threads),
                                               "--max-stored-bytes",
-                                              std::to_string(options.maxStoredBytes)};
+                                              std::to_string(options.maxStoredBytes),
+                                              "--compress",
+                                              seed % 2 == 0 ? "1" : "0"};
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
