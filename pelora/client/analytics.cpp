@@ -266,10 +266,10 @@ void PeloraAnalytics::withholdDelivery(bool withheld) {
 void PeloraAnalytics::pollMessages(bool on) {
   const auto& values = configuration_->values;
   on = on && values.enableIAM && !shutDown_.load();
-  if (on == pollingMessages_) return;
-  pollingMessages_ = on;
+  if (on == messagesStarted_.has_value()) return;
   if (!on) {
-    IAMManager::shared()->stopPolling();
+    IAMManager::shared()->stopPolling(messagesStarted_);
+    messagesStarted_.reset();
     return;
   }
   IAMManager::Setup setup;
@@ -284,7 +284,7 @@ void PeloraAnalytics::pollMessages(bool on) {
   if (delay > 0 && delay < 86'400) {
     setup.retryDelay = std::chrono::milliseconds(static_cast<std::int64_t>(delay * 1000));
   }
-  IAMManager::shared()->start(std::move(setup));
+  messagesStarted_ = IAMManager::shared()->start(std::move(setup));
 }
 
 void PeloraAnalytics::eraseStored() {

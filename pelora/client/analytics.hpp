@@ -214,7 +214,8 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // What flush(deadline) waits on: the built-in destinations move it on as uploads and posts end.
   std::shared_ptr<DeliveryProgress> progress_;
   std::optional<platform::AppLifecycle::ObserverToken> foregroundObserver_;
-  bool pollingMessages_ = false;  // guarded by privacyMutex_
+  // The token of this client's message polling while it runs; guarded by privacyMutex_.
+  std::optional<std::uint64_t> messagesStarted_;
   std::atomic<bool> shutDown_{false};
   // pluginsReadEventValues() without walking the timeline per event: the answer (low bit) for
   // the plugin change count in the other bits, recomputed when the count moved on.

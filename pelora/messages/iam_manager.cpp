@@ -85,12 +85,13 @@ std::chrono::milliseconds IAMManager::backoffWait(std::uint32_t failures, double
   return std::min(step, half + std::chrono::milliseconds(static_cast<std::int64_t>(above)));
 }
 
-void IAMManager::start(Setup setup) {
+std::uint64_t IAMManager::start(Setup setup) {
   print("IAM : Init -enableIAM");
   auto options = sessionOptions(setup);
   auto session = platform::HttpSession::create(options);
   std::shared_ptr<platform::HttpTask> previous;
   std::shared_ptr<platform::TimerSource> retry;
+  std::uint64_t token = 0;
   {
     std::lock_guard lock(mutex_);
     hostDomain_ = std::move(setup.hostDomain);
@@ -103,7 +104,7 @@ void IAMManager::start(Setup setup) {
     sessionOptions_ = std::move(options);
     stopped_ = false;
     defaultSession_ = std::move(session);
-    ++generation_;  // a loop of an earlier start ends with its pull
+    token = ++generation_;  // a loop of an earlier start ends with its pull
     previous = std::move(dataTask_);
     retry = std::move(retryTimer_);
   }
@@ -111,13 +112,14 @@ void IAMManager::start(Setup setup) {
   if (previous) previous->cancel();
   print("--- Start Polling ----");
   longPoll();
+  return token;
 }
 
 void IAMManager::longPoll() {
   startPolling();
 }
 
-void IAMManager::stopPolling() {
+void IAMManager::stopPolling(std::optional<std::uint64_t> startedAs) {
   std::shared_ptr<platform::HttpTask> task;
   std::shared_ptr<platform::HttpSession> session;
   std::vector<std::weak_ptr<platform::HttpTask>> notices;
@@ -125,6 +127,7 @@ void IAMManager::stopPolling() {
   std::vector<std::shared_ptr<platform::ui::Timer>> showTimers;
   {
     std::lock_guard lock(mutex_);
+    if (startedAs && *startedAs != generation_) return;
     ++generation_;
     stopped_ = true;
     task = std::move(dataTask_);
@@ -493,9 +496,10 @@ void IAMManager::activeOpenIAM(const IAMData& data) {
   std::shared_ptr<platform::HttpSession> session;
   {
     std::lock_guard lock(mutex_);
+    // Stopped (a shutdown, or the person's choice): nothing more goes to the service.
+    if (stopped_) return;
     session = defaultSession_;
-    // Polling stopped (or never started): a session for this request alone, whose thread ends
-    // with it.
+    // Polling never started: a session for this request alone, whose thread ends with it.
     if (!session) session = platform::HttpSession::create(sessionOptions_);
   }
   platform::HttpRequest request;

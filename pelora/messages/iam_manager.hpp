@@ -75,14 +75,17 @@ class PELORA_API IAMManager : public std::enable_shared_from_this<IAMManager> {
   static std::shared_ptr<IAMManager> shared();
 
   // The start-up with in-app messages on: prints "IAM : Init -enableIAM", takes the setup, prints
-  // "--- Start Polling ----" and starts the pull loop (a loop already running is replaced).
-  void start(Setup setup);
+  // "--- Start Polling ----" and starts the pull loop (a loop already running is replaced). Returns
+  // this start's token, for stopPolling.
+  std::uint64_t start(Setup setup);
   // One pull; the next follows its completion. Cancels a pull still in flight.
   void longPoll();
   // Ends the pull loop and everything it started: the pull in flight, a wait before the next,
   // open notifications in flight, messages waiting to be shown and a timed one not shown yet. No
-  // thread of the manager's is left busy. A message on screen stays until it closes.
-  void stopPolling();
+  // thread of the manager's is left busy. A message on screen stays until it closes, and sends no
+  // open notification. With `startedAs`, only when the loop running is still that start's (one
+  // client does not stop another's).
+  void stopPolling(std::optional<std::uint64_t> startedAs = std::nullopt);
   // Whether a pull is in flight.
   bool isPolling() const;
   // Pulls started since the process began (for measuring the loop).

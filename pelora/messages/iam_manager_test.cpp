@@ -90,6 +90,26 @@ TEST_F(IAMManagerTest, FirstFailedPullsAreFollowedAtOnceAndStoppingEndsTheLoop) 
   EXPECT_FALSE(pullsReach(collector, 5, 300ms));
 }
 
+// A stop that names an earlier start leaves a later one polling (one client does not stop
+// another's); once stopped, a message still on screen sends no open notification.
+TEST_F(IAMManagerTest, AStopForAnEarlierStartLeavesTheLaterOneAndAfterAStopNothingIsNotified) {
+  collector.holdPulls(50ms);
+  const auto first = manager->start(test::setupFor(collector));
+  const auto second = manager->start(test::setupFor(collector));
+  manager->stopPolling(first);
+  EXPECT_TRUE(manager->isPolling());
+  const auto pulls = collector.counts().pulls;
+  EXPECT_TRUE(pullsReach(collector, pulls + 2, 10s));
+  manager->stopPolling(second);
+  EXPECT_FALSE(manager->isPolling());
+
+  IAMData data;
+  data.actionOpen = "https://" + test::iamHost() + "/iam/opened/after-stop";
+  manager->activeOpenIAM(data);
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(collector.counts().opened, 0u);
+}
+
 // Pulls this manager starts from now on, whatever the tests before left counted.
 struct PullCount {
   std::shared_ptr<IAMManager> manager;

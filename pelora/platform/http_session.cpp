@@ -318,16 +318,6 @@ HttpError tooLargeError(const TransferPolicy& policy) {
                    CURLE_WRITE_ERROR);
 }
 
-// Whether libcurl may send requests through a proxy named in the environment. Which variable
-// applies to which URL (and no_proxy) is libcurl's to decide; this only tells whether one may.
-bool proxyInEnvironment() {
-  for (const char* name : {"https_proxy", "HTTPS_PROXY", "http_proxy", "all_proxy", "ALL_PROXY"}) {
-    const char* value = std::getenv(name);
-    if (value && *value) return true;
-  }
-  return false;
-}
-
 class Engine;
 
 class Task final : public HttpTask, public std::enable_shared_from_this<Task> {
@@ -372,8 +362,8 @@ struct Transfer {
   bool refusedLocal = false;  // it led to a local address it may not reach
   // "host:port" pairs the session's connectTo entries reroute: where the host itself chose to go.
   const std::vector<std::string>* reroutedHosts = nullptr;
-  // A proxy may carry it: then the connected address is the proxy's, not the URL's.
-  bool mayUseProxy = false;
+  // The host's own proxy carries it: the connected address is the proxy's, not the URL's.
+  bool viaProxy = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
   // Starts once the connection is ready: connecting has its own limit, and waiting in curl's
@@ -469,6 +459,7 @@ bool namesLocalHost(const char* url) {
   if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
     name = name.substr(1, name.size() - 2);
   }
+  if (name.size() > 1 && name.back() == '.') name.pop_back();  // "localhost." is localhost
   const std::string_view suffix = ".localhost";
   return equalsIgnoringCase(name, "localhost") ||
          (name.size() > suffix.size() &&
@@ -477,13 +468,14 @@ bool namesLocalHost(const char* url) {
 }
 
 // Connected, nothing sent yet: the last moment to refuse where a service-given URL or a redirect
-// has led (to this machine or its network), unless the host itself rerouted that name there.
-// Through a proxy the connected address is the proxy's (often on the local network) and the proxy
-// resolves the name: then only a URL that names a local host by itself is refused.
+// has led (to this machine or its network), unless the host itself rerouted that name there. A URL
+// that names a local host by itself is refused whatever carries it. Through the host's own proxy
+// the connected address is the proxy's (often on the local network) and the proxy resolves the
+// name, so there the name alone decides; otherwise the address connected to does. A proxy from the
+// environment is libcurl's choice per URL (no_proxy), so its address is checked like any other.
 int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept {
   auto* transfer = static_cast<Transfer*>(context);
   transfer->lastActivity = Clock::now();
-  if (!primaryIP || !isLocalAddress(primaryIP)) return CURL_PREREQFUNC_OK;
   long redirects = 0;
   curl_easy_getinfo(transfer->easy, CURLINFO_REDIRECT_COUNT, &redirects);
   if (!transfer->policy->publicAddressOnly && redirects == 0) return CURL_PREREQFUNC_OK;
@@ -496,7 +488,9 @@ int onConnectionReady(void* context, char* primaryIP, char*, int, int) noexcept 
                       [&](const std::string& pair) { return equalsIgnoringCase(pair, target); })) {
         return CURL_PREREQFUNC_OK;
       }
-      if (transfer->mayUseProxy && !namesLocalHost(url)) return CURL_PREREQFUNC_OK;
+      const bool local =
+          namesLocalHost(url) || (!transfer->viaProxy && (!primaryIP || isLocalAddress(primaryIP)));
+      if (!local) return CURL_PREREQFUNC_OK;
     }
   } catch (...) {
   }
@@ -601,7 +595,6 @@ class Engine : public std::enable_shared_from_this<Engine> {
 
   curl_slist* connectTo_ = nullptr;
   std::vector<std::string> reroutedHosts_;  // "host:port" of the connectTo entries
-  const bool mayUseProxy_ = !options.proxy.empty() || proxyInEnvironment();
 
   std::mutex mutex_;
   std::vector<Message> inbox_;  // guarded by mutex_
@@ -982,7 +975,11 @@ void Engine::setTransport(CURL* easy, Transfer& transfer, std::chrono::milliseco
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(options.resourceTimeout.count()));
   if (connectTo_) curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connectTo_);
   if (!options.caBundle.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle.c_str());
-  if (!options.proxy.empty()) curl_easy_setopt(easy, CURLOPT_PROXY, options.proxy.c_str());
+  if (!options.proxy.empty()) {
+    curl_easy_setopt(easy, CURLOPT_PROXY, options.proxy.c_str());
+    // Every request, whatever no_proxy in the environment says: the address checks count on it.
+    curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+  }
 }
 
 // The method and the body: a file streamed with its size, a body in memory, or none.
@@ -1023,7 +1020,7 @@ std::unique_ptr<Transfer> Engine::makeTransfer(const std::shared_ptr<Task>& task
   HttpRequest& request = task->request;
   transfer->policy = &policyFor(request.purpose);
   transfer->reroutedHosts = &reroutedHosts_;
-  transfer->mayUseProxy = mayUseProxy_;
+  transfer->viaProxy = !options.proxy.empty();
   transfer->easy = curl_easy_init();
   if (!transfer->easy) {
     error = makeError(HttpError::Code::other, "The request could not be created", {}, 0);

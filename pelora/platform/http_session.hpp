@@ -32,8 +32,9 @@ struct PELORA_API HttpSessionOptions {
   std::vector<std::string> connectTo;
   // PEM file of the certificate authorities to trust; empty means the system's.
   std::string caBundle;
-  // Every request goes through this proxy ("http://host:port", or a scheme libcurl knows). Empty:
-  // the environment's https_proxy, http_proxy, all_proxy and no_proxy, as libcurl reads them.
+  // Every request goes through this proxy ("http://host:port", or a scheme libcurl knows), no_proxy
+  // notwithstanding. Empty: the environment's https_proxy, http_proxy, all_proxy and no_proxy, as
+  // libcurl reads them.
   std::string proxy;
   // Nothing persists between runs: no cookies, cache or credentials. Sessions never persist
   // anything, so this only records the intent.

@@ -76,6 +76,7 @@ struct Contents {
   bool readable = true;
   std::optional<JSON::Map> map;
   std::optional<detail::FileStamp> stamp;  // of the file read
+  UniqueFd file;                           // the file read, still open
 };
 
 detail::FileStamp stampOf(const struct stat& info) {
@@ -86,11 +87,12 @@ detail::FileStamp stampOf(const struct stat& info) {
 }
 
 Contents read(const std::filesystem::path& file) {
-  const UniqueFd in = openOwnFile(file, O_RDONLY);
+  UniqueFd in = openOwnFile(file, O_RDONLY);
   if (!in) {
     // Missing, or a link or something else that is not our file: it holds nothing of ours, and
     // the next write puts a file of ours in its place.
-    return {errno == ENOENT || errno == ELOOP || errno == EPERM, std::nullopt, std::nullopt};
+    return {errno == ENOENT || errno == ELOOP || errno == EPERM, std::nullopt, std::nullopt,
+            UniqueFd()};
   }
   // Of the file opened: what is read below is this stamp's content.
   std::optional<detail::FileStamp> stamp;
@@ -102,17 +104,17 @@ Contents read(const std::filesystem::path& file) {
     if (n == 0) break;
     if (n < 0) {
       if (errno == EINTR) continue;
-      return {false, std::nullopt, std::nullopt};
+      return {false, std::nullopt, std::nullopt, UniqueFd()};
     }
     text.append(buffer, static_cast<std::size_t>(n));
   }
   try {
     JSON json = JSON::parse(text);
-    if (const auto* map = json.mapPointer()) return {true, *map, stamp};
+    if (const auto* map = json.mapPointer()) return {true, *map, stamp, std::move(in)};
   } catch (const DecodingError&) {
     // Corrupt content: the suite starts over rather than failing its owner.
   }
-  return {true, std::nullopt, stamp};
+  return {true, std::nullopt, stamp, std::move(in)};
 }
 
 // An exclusive flock on `path` (created when missing) for the life of the object.
@@ -144,6 +146,7 @@ std::optional<UserDefaults> UserDefaults::open(const std::filesystem::path& pref
     Contents contents = read(suite.file_);
     suite.values_ = contents.map.value_or(JSON::Map{});
     suite.readStamp_ = contents.stamp;
+    suite.readFile_ = std::move(contents.file);
   } catch (const std::exception&) {
     suite.values_ = {};
   }
@@ -186,6 +189,7 @@ bool UserDefaults::reload() noexcept {
     }
     values_ = std::move(merged);
     readStamp_ = current.stamp;
+    readFile_ = std::move(current.file);
   } catch (const std::exception&) {
     return false;
   }

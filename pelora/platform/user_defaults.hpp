@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "pelora/core/json.hpp"
+#include "pelora/platform/private_files.hpp"
 
 namespace pelora::platform {
 
@@ -59,6 +60,8 @@ class UserDefaults {
   std::filesystem::path file_;
   JSON::Map values_;
   std::optional<detail::FileStamp> readStamp_;  // of the file values_ was last read from
+  // That file, held open: its inode cannot be handed to a later file while we compare stamps.
+  UniqueFd readFile_;
   // Changes not yet written: a value, or nothing for a removal.
   std::map<std::string, std::optional<JSON>, std::less<>> pending_;
   bool sweptLeftovers_ = false;  // killed writers' temporary files, once per suite

@@ -120,8 +120,8 @@ Configuration& Configuration::proxy(std::string url) {
   }
   auto proxy = platform::proxyURL(url);
   if (!proxy) {
-    throw std::invalid_argument("proxy: \"" + url +
-                                "\" is not a proxy URL such as \"http://host:port\"");
+    // Not quoted back: the text may hold a password.
+    throw std::invalid_argument("proxy: not a proxy URL such as \"http://host:port\"");
   }
   values.proxy = std::move(*proxy);
   return *this;

@@ -263,6 +263,7 @@ HttpsServer::HttpsServer(Certificates certificates, int port)
     });
     if (!whole) {
       response.status = 413;
+      response.set_header("Connection", "close");  // the rest of the body is not a request
       return;
     }
     state->handle(request, std::move(body), response);

@@ -65,7 +65,8 @@ struct Certificates {
 
 class HttpsServer {
  public:
-  // A request body past this many bytes (as decoded) ends its connection unanswered.
+  // A request body past this many bytes (as decoded) is answered 413 and its connection closed,
+  // the rest of it unread.
   static constexpr std::size_t kMaxBodyBytes = 64u << 20;
 
   // Consulted for a request whose path has no scripted answer left; nothing means the default.
