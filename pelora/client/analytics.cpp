@@ -8,6 +8,7 @@
 
 #include "pelora/client/startup_queue.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/core/version.hpp"
 #include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/pelora_destination.hpp"
 #include "pelora/delivery/pelora_monitor_event.hpp"
@@ -121,6 +122,10 @@ PeloraAnalytics::PeloraAnalytics(std::shared_ptr<Configuration> configuration,
       launchOptions_(std::move(launchOptions)),
       timeline_(std::make_shared<Timeline>()),
       progress_(std::make_shared<DeliveryProgress>()) {}
+
+std::string PeloraAnalytics::version() {
+  return std::string(libraryVersion);
+}
 
 PeloraAnalytics::~PeloraAnalytics() {
   if (foregroundObserver_) platform::AppLifecycle::shared().removeObserver(*foregroundObserver_);

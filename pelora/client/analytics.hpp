@@ -53,8 +53,8 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // Stops watching the app lifecycle (a client normally lives as long as the process).
   ~PeloraAnalytics() override;
 
-  // "1.0.0".
-  static std::string version() { return "1.0.0"; }
+  // The library's version ("1.0.0"), the project version of the build.
+  static std::string version();
 
   const std::shared_ptr<Configuration>& configuration() const noexcept override {
     return configuration_;

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/core/version.hpp"
 #include "pelora/platform/console.hpp"
 #include "pelora/platform/http_status.hpp"
 #include "pelora/state/configuration.hpp"
@@ -22,7 +23,7 @@ platform::HttpSessionOptions sessionOptions(const Configuration* configuration) 
   options.requestTimeout = std::chrono::seconds(60);
   options.maxConnectionsPerHost = 2;
   options.headers = {{"Content-Type", "application/json; charset=utf-8"},
-                     {"User-Agent", "analytics-ios/1.0.0"}};
+                     {"User-Agent", "analytics-ios/" + std::string(libraryVersion)}};
   if (configuration) {
     options.connectTo = configuration->values.connectTo;
     options.caBundle = configuration->values.caBundle;

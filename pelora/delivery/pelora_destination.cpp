@@ -4,6 +4,7 @@
 #include <deque>
 #include <utility>
 
+#include "pelora/core/version.hpp"
 #include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/delivery_schedule.hpp"
 #include "pelora/delivery/http_client.hpp"
@@ -108,6 +109,10 @@ PeloraDestination::PeloraDestination()
       progress_(std::make_shared<DeliveryProgress>()) {}
 
 PeloraDestination::~PeloraDestination() = default;
+
+std::string PeloraDestination::version() {
+  return std::string(libraryVersion);
+}
 
 void PeloraDestination::configure(std::shared_ptr<PluginHost> analytics) {
   DestinationPlugin::configure(analytics);

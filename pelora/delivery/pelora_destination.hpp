@@ -53,7 +53,7 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   PeloraDestination();
   ~PeloraDestination() override;
 
-  static std::string version() { return "1.0.0"; }
+  static std::string version();  // the library's
   std::string pluginVersion() const override { return version(); }
   std::string key() const override { return "Pelora.io"; }
 

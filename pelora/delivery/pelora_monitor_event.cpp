@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "pelora/core/version.hpp"
 #include "pelora/delivery/delivery_progress.hpp"
 #include "pelora/delivery/http_client.hpp"
 #include "pelora/state/configuration.hpp"
@@ -41,6 +42,10 @@ class PostInFlight {
 };
 
 }  // namespace
+
+std::string PeloraMonitorEvent::version() {
+  return std::string(libraryVersion);
+}
 
 PeloraMonitorEvent::PeloraMonitorEvent()
     : timeline_(std::make_shared<Timeline>()),

@@ -23,7 +23,7 @@ class PELORA_API PeloraMonitorEvent : public EventPlugin, public VersionedPlugin
  public:
   PeloraMonitorEvent();
 
-  static std::string version() { return "1.0.0"; }
+  static std::string version();  // the library's
   std::string pluginVersion() const override { return version(); }
   PluginType type() const override { return PluginType::before; }
   // Posts monitor events; track events pass untouched.
