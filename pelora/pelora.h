@@ -1,12 +1,16 @@
+/* clang-format off */
 /* The Pelora client library for C and for every language that binds C (Python, Rust, Go, C#...).
  *
  *   pelora_config* config = NULL;
  *   pelora_config_new("WRITE_KEY", "production", &config);
  *   pelora_config_set_flush_at(config, 10);
  *   pelora_client* client = NULL;
- *   if (pelora_client_new(config, &client) != PELORA_OK) fprintf(stderr, "%s\n",
- * pelora_last_error()); pelora_config_free(config); pelora_track_bash(client, "Order Completed",
- * "{\"total\": 129.95, \"items\": 2}"); pelora_shutdown(client, 10.0); pelora_client_free(client);
+ *   if (pelora_client_new(config, &client) != PELORA_OK)
+ *     fprintf(stderr, "%s\n", pelora_last_error());
+ *   pelora_config_free(config);
+ *   pelora_track_bash(client, "Order Completed", "{\"total\": 129.95, \"items\": 2}");
+ *   pelora_shutdown(client, 10.0);
+ *   pelora_client_free(client);
  *
  * Errors: every call that can fail returns a pelora_status; on anything but PELORA_OK,
  * pelora_last_error() tells why, and the call changed and recorded nothing. No C++ exception ever
@@ -20,6 +24,7 @@
  * pelora_client_free() must come after every other call on it has returned. A pelora_config is not
  * locked: use it from one thread at a time. The log handler is called on library threads as well
  * as on the caller's. */
+/* clang-format on */
 #ifndef PELORA_PELORA_H
 #define PELORA_PELORA_H
 
