@@ -91,18 +91,21 @@ PELORA_C_API void pelora_config_free(pelora_config* config);
 PELORA_C_API pelora_status pelora_config_set_flush_at(pelora_config* config, int64_t events);
 /* Seconds between timed uploads (default 30). */
 PELORA_C_API pelora_status pelora_config_set_flush_interval(pelora_config* config, double seconds);
-/* Switches, 0 or 1 (defaults: 1, 1, 1, 1). */
+/* Switches, 0 or 1 (defaults: 1, 1, 1, 1). The first two are kept for compatibility and have no
+ * effect here (the library records no lifecycle or deep-link events). */
 PELORA_C_API pelora_status
 pelora_config_set_track_application_lifecycle_events(pelora_config* config, int enabled);
 PELORA_C_API pelora_status pelora_config_set_track_deeplinks(pelora_config* config, int enabled);
 PELORA_C_API pelora_status pelora_config_set_auto_add_pelora_destination(pelora_config* config,
                                                                          int enabled);
 PELORA_C_API pelora_status pelora_config_set_enable_iam(pelora_config* config, int enabled);
-/* The tracking host, "host" or "host/path" (default: the production host). */
+/* Kept for compatibility; no effect here: batches go to the settings' host (production), and
+ * identity-tracking events to the flavor's host. */
 PELORA_C_API pelora_status pelora_config_set_api_host(pelora_config* config, const char* host);
 /* The push app id; a push provider starts when it is not empty. */
 PELORA_C_API pelora_status pelora_config_set_push_app_id(pelora_config* config, const char* app_id);
-/* Settings used until the service has sent its own, as JSON text ({"integrations": {...}}). */
+/* Settings as JSON text ({"integrations": {...}}) for the moment before the client's first
+ * settings check, which replaces them at start: in effect no lasting one. */
 PELORA_C_API pelora_status pelora_config_set_default_settings(pelora_config* config,
                                                               const char* settings_json);
 /* Where event batches and preferences are kept (defaults: the XDG data and config directories).
@@ -140,7 +143,8 @@ PELORA_C_API pelora_status pelora_config_set_compress_batches(pelora_config* con
  * proxies too). NULL or "" (the default): the environment's https_proxy, all_proxy and no_proxy
  * apply. PELORA_ERROR_INVALID_ARGUMENT when it is not a proxy URL. */
 PELORA_C_API pelora_status pelora_config_set_proxy(pelora_config* config, const char* url);
-/* An opaque handle to the host application, kept for plugins that ask for it. */
+/* An opaque handle to the host application, kept for plugins that ask for it; the library itself
+ * never reads it. */
 PELORA_C_API pelora_status pelora_config_set_application(pelora_config* config, void* application);
 
 /* ---- Client -----------------------------------------------------------------------------------

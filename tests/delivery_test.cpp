@@ -210,6 +210,30 @@ TEST(Delivery, MonitorEventsArriveAtOnceAndMalformedBodiesAreRejected) {
   EXPECT_EQ(filesWaiting(*analytics), 3u);
 }
 
+// A "stg" (or "dev") flavor sends identity-tracking events to that environment's tracking host,
+// while batches follow the settings' host, which the settings check sets to production.
+TEST(Delivery, AFlavorRoutesIdentityEventsWhileBatchesGoToTheSettingsHost) {
+  TempDirectory data;
+  Collector production;
+  Collector staging;
+  auto configuration = std::make_shared<Configuration>("flavor-key", "stg", false);
+  configuration->flushAt(1'000'000)
+      .flushInterval(3600)
+      .paths({data.path() / "Documents", data.path() / "config"})
+      .connectTo({production.connectTo(productionTrackingHost),
+                  staging.connectTo(stagingTrackingHost)})
+      .caBundle(production.certificates().caFile);
+  auto analytics = PeloraAnalytics::create(configuration);
+  analytics->trackBash("Routed");
+  analytics->trackEvent(Dictionary{{"email", std::string("f@example.com")}}, "login",
+                        Dictionary{});
+  ASSERT_TRUE(analytics->flush(std::chrono::seconds(10)));
+  EXPECT_EQ(production.counts().batches, 1u);
+  EXPECT_EQ(production.counts().trackingEvents, 0u);
+  EXPECT_EQ(staging.counts().batches, 0u);
+  EXPECT_EQ(staging.counts().trackingEvents, 1u);
+}
+
 // Starts the crash host on `data` for `events` events under run `run`; its output goes to `log`.
 pid_t startHost(const std::filesystem::path& data, const Collector& collector,
                 const std::string& run, int events, const std::filesystem::path& log) {

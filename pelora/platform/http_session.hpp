@@ -36,8 +36,8 @@ struct PELORA_API HttpSessionOptions {
   // notwithstanding. Empty: the environment's https_proxy, http_proxy, all_proxy and no_proxy, as
   // libcurl reads them.
   std::string proxy;
-  // Nothing persists between runs: no cookies, cache or credentials. Sessions never persist
-  // anything, so this only records the intent.
+  // Kept for compatibility; no effect: sessions never keep cookies, a cache or credentials
+  // between runs, whatever it says.
   bool ephemeral = true;
 };
 

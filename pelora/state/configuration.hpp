@@ -43,15 +43,21 @@ class PELORA_API Configuration {
     std::string writeKey;
     // "dev" or "stg" select those environments; absent or anything else means production.
     std::optional<std::string> flavor;
+    // Kept for compatibility and handed to plugins that ask; the library itself never reads it.
     std::any application;  // empty when absent
+    // Kept for compatibility; no effect here: the library records no lifecycle or deep-link events.
     bool trackApplicationLifecycleEvents = true;
     bool trackDeeplinks = true;
     std::int64_t flushAt = 20;    // events stored before an upload starts
     double flushInterval = 30.0;  // seconds between timed uploads
+    // The settings before the first settings check, which at start replaces them with the write
+    // key and the production tracking host: in effect only for that moment.
     std::optional<Settings> defaultSettings;
     bool autoAddPeloraDestination = true;
     bool enableIAM = true;
-    std::string apiHost;  // the production tracking host by default
+    // Kept for compatibility; no effect here: batches go to the settings' host, identity-tracking
+    // events to the flavor's.
+    std::string apiHost;
     std::string peloraAppPushID;
     // Where files go; the user's defaults when absent.
     std::optional<platform::Paths> paths;
