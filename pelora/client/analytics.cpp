@@ -489,18 +489,10 @@ std::shared_ptr<DestinationPlugin> PeloraAnalytics::find(std::string_view key) c
 }
 
 void PeloraAnalytics::forEachEventPlugin(const std::function<void(EventPlugin&)>& action) const {
-  for (PluginType type : allPluginTypes) {
-    auto it = timeline_->plugins().find(type);
-    if (it == timeline_->plugins().end()) continue;
-    for (const auto& plugin : it->second->plugins()) {
-      if (auto eventPlugin = std::dynamic_pointer_cast<EventPlugin>(plugin)) action(*eventPlugin);
-      if (auto destination = std::dynamic_pointer_cast<DestinationPlugin>(plugin)) {
-        destination->apply([&](const std::shared_ptr<Plugin>& inner) {
-          if (auto innerEvent = std::dynamic_pointer_cast<EventPlugin>(inner)) action(*innerEvent);
-        });
-      }
-    }
-  }
+  // The timeline's one walk: every stage, and inside each destination its own plugins.
+  timeline_->apply([&](const std::shared_ptr<Plugin>& plugin) {
+    if (auto eventPlugin = std::dynamic_pointer_cast<EventPlugin>(plugin)) action(*eventPlugin);
+  });
 }
 
 void PeloraAnalytics::flush() {
