@@ -177,7 +177,8 @@ class Client:
 
     Options (keywords): flavor ("dev", "stg", else production), flush_at, flush_interval
     (seconds), track_application_lifecycle_events, track_deeplinks, auto_add_pelora_destination,
-    enable_iam, api_host, push_app_id, default_settings (dict), documents_dir and preferences_dir
+    enable_iam, api_host (kept for compatibility, like the two track_ switches: no effect here),
+    push_app_id, default_settings (dict), documents_dir and preferences_dir
     (both or neither), connect_to (list of "HOST:PORT:TO-HOST:TO-PORT"), ca_bundle (file),
     iam_retry_delay (seconds), max_stored_bytes (the disk bound; 64 MiB, 0 for none),
     max_batch_age (seconds; none by default), require_consent (record, but send nothing until
