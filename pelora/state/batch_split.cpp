@@ -92,7 +92,7 @@ bool Storage::setAsideRefused(const std::filesystem::path& file) {
       state_->known.reset();  // the disk bound lists it afresh under its new name
       log::message("The service refuses batch " + file.filename().string() + "; it is kept as " +
                        stem + std::string(detail::kRefusedExtension) + " and not sent again.",
-                   LogFilterKind::error, "setAsideRefused(file:)", __LINE__);
+                   LogFilterKind::error, "Storage::setAsideRefused", __LINE__);
       return true;
     } catch (const std::exception&) {
       return false;

@@ -73,7 +73,7 @@ void GroupCommit::waitFor(std::uint64_t ticket) {
     // A failed sync cannot be undone for events of other writers; they stay written.
     if (!ok) {
       log::message("Event storage could not sync a batch: " + std::string(std::strerror(error)),
-                   LogFilterKind::error, "write(_:)", __LINE__);
+                   LogFilterKind::error, "GroupCommit::waitFor", __LINE__);
     }
     if (synced.load(std::memory_order_relaxed) < target) {
       synced.store(target, std::memory_order_release);
