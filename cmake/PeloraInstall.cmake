@@ -22,7 +22,7 @@ install(TARGETS pelora_shared EXPORT peloraTargets
 install(TARGETS pelora_static EXPORT peloraStaticTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
-# The public headers: pelora/pelora.h (the C API, self-contained), pelora/pelora.hpp and every
+# The public headers: pelora/pelora.h (the C API, plain C with core/export.h), pelora/pelora.hpp and every
 # header of ours it includes, directly or not.
 # Internals (the HTTP client, the user-defaults suite, RapidJSON glue, ...) stay in the tree.
 function(pelora_public_headers out)

@@ -31,7 +31,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#define PELORA_C_API __attribute__((visibility("default")))
+#include "pelora/core/export.h"
+
+/* The C API's functions: exported like the rest of the library's API. */
+#define PELORA_C_API PELORA_API
 
 #ifdef __cplusplus
 extern "C" {

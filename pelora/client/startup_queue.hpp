@@ -10,7 +10,7 @@
 #include <optional>
 #include <variant>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/plugin/plugin.hpp"

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "pelora/core/decimal.hpp"
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 namespace pelora {
 

@@ -4,7 +4,7 @@
 // value. Parsing never rounds: text that no mantissa and exponent in range hold is rejected.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <compare>
 #include <cstddef>

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/key_path.hpp"
 
 namespace pelora {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/json.hpp"
 
 namespace pelora {

@@ -21,7 +21,7 @@
 #include "pelora/core/coding.hpp"
 #include "pelora/core/decimal.hpp"
 #include "pelora/core/dictionary.hpp"
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/key_path.hpp"
 
 namespace pelora {

@@ -2,7 +2,7 @@
 // its first component (`current`) and the rest (`remaining`).
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <algorithm>
 #include <cstddef>

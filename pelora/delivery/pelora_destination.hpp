@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"
 #include "pelora/platform/http_session.hpp"

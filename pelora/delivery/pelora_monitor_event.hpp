@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/plugin/plugin.hpp"
 #include "pelora/plugin/timeline.hpp"
 

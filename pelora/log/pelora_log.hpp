@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/logging.hpp"
 #include "pelora/plugin/plugin.hpp"
 

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/messages/iam_records.hpp"
 #include "pelora/platform/ui.hpp"
 

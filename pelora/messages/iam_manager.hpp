@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/messages/iam_records.hpp"
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/json.hpp"
 
 namespace pelora {

@@ -3,7 +3,7 @@
 // the did/will functions from any thread; observers run later on the main queue.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <cstdint>
 #include <functional>

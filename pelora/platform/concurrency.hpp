@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/dispatch.hpp"
 
 namespace pelora {

@@ -6,7 +6,7 @@
 #include <functional>
 #include <string_view>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 namespace pelora {
 

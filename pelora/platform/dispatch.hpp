@@ -7,7 +7,7 @@
 // host may call exit() while tasks run.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <chrono>
 #include <functional>

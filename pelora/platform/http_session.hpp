@@ -3,7 +3,7 @@
 // The session owns its connections; in-flight tasks finish even after the last session handle goes.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <chrono>
 #include <functional>

@@ -3,7 +3,7 @@
 // set both.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <filesystem>
 

@@ -8,7 +8,7 @@
 // subclasses them and mirrors each change onto real widgets through the protected hooks.
 #pragma once
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 #include <chrono>
 #include <functional>

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "pelora/core/events.hpp"
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/plugin/plugin_host.hpp"
 #include "pelora/state/settings.hpp"
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/logging.hpp"
 #include "pelora/state/settings.hpp"
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/plugin/plugin.hpp"
 
 namespace pelora {

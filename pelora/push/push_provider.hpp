@@ -11,7 +11,7 @@
 #include <string>
 
 #include "pelora/core/dictionary.hpp"
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 
 namespace pelora {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/paths.hpp"
 #include "pelora/state/settings.hpp"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/json.hpp"
 
 namespace pelora {

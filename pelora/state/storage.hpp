@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "pelora/core/events.hpp"
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/json.hpp"
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/dispatch.hpp"

@@ -15,7 +15,7 @@
 #include <typeinfo>
 #include <utility>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/dispatch.hpp"
 
 namespace pelora {

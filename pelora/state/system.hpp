@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/core/json.hpp"
 #include "pelora/state/configuration.hpp"
 #include "pelora/state/settings.hpp"

@@ -25,7 +25,7 @@
 #include <memory>
 #include <string>
 
-#include "pelora/core/export.hpp"
+#include "pelora/core/export.h"
 #include "pelora/platform/ui.hpp"
 
 namespace pelora::gtk {
