@@ -50,7 +50,8 @@ void IAMFullScreenViewController::viewDidLoad() {
   webView->setBackgroundColor(Color::clear());
   root->addSubview(webView);
 
-  // Placed as it always was: 14 points of it lie past the right edge.
+  // Placed where message pages are laid out to expect it, although 14 points of it lie past the
+  // right edge.
   const std::int64_t closingAfter = iamData ? iamData->closingAfter.value_or(0) : 0;
   closeCountDownLabel =
       application->makeLabel({bounds.width - kLabelRightMargin - 100, kLabelTop, 130, 20});
@@ -133,7 +134,8 @@ void IAMFullScreenViewController::decidePolicy(platform::ui::WebView& /*webView*
       } else {
         print("Link Invalid --- " + target);
       }
-      // Closed without telling the manager, and the countdown goes on: kept as it always was.
+      // Closed without telling the manager and with the countdown left running, unlike a close by
+      // the countdown or "pelora://exit": the behaviour message pages are written against.
       dismiss(true);
     } else {
       print("Link Invalid --- " + link);
