@@ -220,13 +220,12 @@ TEST(Delivery, AFlavorRoutesIdentityEventsWhileBatchesGoToTheSettingsHost) {
   configuration->flushAt(1'000'000)
       .flushInterval(3600)
       .paths({data.path() / "Documents", data.path() / "config"})
-      .connectTo({production.connectTo(productionTrackingHost),
-                  staging.connectTo(stagingTrackingHost)})
+      .connectTo(
+          {production.connectTo(productionTrackingHost), staging.connectTo(stagingTrackingHost)})
       .caBundle(production.certificates().caFile);
   auto analytics = PeloraAnalytics::create(configuration);
   analytics->trackBash("Routed");
-  analytics->trackEvent(Dictionary{{"email", std::string("f@example.com")}}, "login",
-                        Dictionary{});
+  analytics->trackEvent(Dictionary{{"email", std::string("f@example.com")}}, "login", Dictionary{});
   ASSERT_TRUE(analytics->flush(std::chrono::seconds(10)));
   EXPECT_EQ(production.counts().batches, 1u);
   EXPECT_EQ(production.counts().trackingEvents, 0u);
