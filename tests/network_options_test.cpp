@@ -51,6 +51,19 @@ std::string contents(const fs::path& file) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+// A client of `key` keeping its files in `data` and trusting `caFile`; only explicit flushes
+// upload.
+std::shared_ptr<Configuration> configurationFor(const std::string& key,
+                                                const test::TempDirectory& data,
+                                                const std::string& caFile, bool enableIAM = false) {
+  auto configuration = std::make_shared<Configuration>(key, std::nullopt, enableIAM);
+  configuration->flushAt(1'000'000)
+      .flushInterval(3600)
+      .paths({data.path() / "Documents", data.path() / "config"})
+      .caBundle(caFile);
+  return configuration;
+}
+
 // Events with text that compresses as real properties do: repeated keys, similar values.
 void recordSome(PeloraAnalytics& analytics, int count) {
   for (int i = 0; i < count; ++i) {
@@ -80,13 +93,8 @@ TEST(CompressedUploads, TheServiceReceivesTheBatchFileExactlyAndFewerBytesWhenCo
       }
       return std::nullopt;
     });
-    auto configuration = std::make_shared<Configuration>("gzip-key", std::nullopt, false);
-    configuration->flushAt(1'000'000)
-        .flushInterval(3600)
-        .compressBatches(compress)
-        .paths({data.path() / "Documents", data.path() / "config"})
-        .connectTo({service.connectTo(kTrackingHost)})
-        .caBundle(service.certificates().caFile);
+    auto configuration = configurationFor("gzip-key", data, service.certificates().caFile);
+    configuration->compressBatches(compress).connectTo({service.connectTo(kTrackingHost)});
     auto analytics = PeloraAnalytics::create(configuration);
     recordSome(*analytics, 200);
     ASSERT_TRUE(analytics->flush(Clock::now() + 10s));
@@ -148,13 +156,8 @@ TEST(CompressedUploads, AHostKilledMidUploadKeepsTheBatchAndTheNextRunSendsIt) {
   EXPECT_GE(service.counts().compressedBatches, 1u);
 
   service.delayAnswers(0ms);
-  auto configuration = std::make_shared<Configuration>("crash-key", std::nullopt, false);
-  configuration->flushAt(1'000'000)
-      .flushInterval(3600)
-      .compressBatches(true)
-      .paths({data.path() / "Documents", data.path() / "config"})
-      .connectTo({service.connectTo(productionTrackingHost)})
-      .caBundle(service.certificates().caFile);
+  auto configuration = configurationFor("crash-key", data, service.certificates().caFile);
+  configuration->compressBatches(true).connectTo({service.connectTo(kTrackingHost)});
   auto analytics = PeloraAnalytics::create(configuration);
   const auto before = service.counts();
   ASSERT_TRUE(analytics->flush(Clock::now() + 30s));
@@ -182,11 +185,7 @@ void exerciseThroughProxy(const std::string& proxy, Collector& service,
       "\"actionOpen\":\"https://" + test::iamHost() + "/iam/opened/proxied\"";
   service.queueInAppMessage(test::iamData(opened));
   test::ManualHeadless screen;
-  auto configuration = std::make_shared<Configuration>("proxy-key", std::nullopt, true);
-  configuration->flushAt(1'000'000)
-      .flushInterval(3600)
-      .paths({data.path() / "Documents", data.path() / "config"})
-      .caBundle(service.certificates().caFile);
+  auto configuration = configurationFor("proxy-key", data, service.certificates().caFile, true);
   if (!proxy.empty()) configuration->proxy(proxy);
   auto analytics = PeloraAnalytics::create(configuration);
   analytics->trackBash("Through the proxy");
