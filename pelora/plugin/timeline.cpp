@@ -90,18 +90,10 @@ void Timeline::apply(const std::function<void(const std::shared_ptr<Plugin>&)>& 
 }
 
 bool Timeline::readsEventValues() const {
-  for (const auto& [type, mediator] : plugins_) {
-    const PluginSnapshot list = mediator->plugins();
-    std::size_t index = 0;
-    for (const auto& plugin : list) {
-      if (plugin->readsEventValues()) return true;
-      if (list.isDestination(index++) &&
-          static_cast<const DestinationPlugin&>(*plugin).timeline()->readsEventValues()) {
-        return true;
-      }
-    }
-  }
-  return false;
+  bool reads = false;
+  apply(
+      [&](const std::shared_ptr<Plugin>& plugin) { reads = reads || plugin->readsEventValues(); });
+  return reads;
 }
 
 std::shared_ptr<DestinationPlugin> Timeline::find(std::string_view key) const {

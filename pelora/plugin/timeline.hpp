@@ -124,17 +124,7 @@ class PELORA_API Timeline {
   // the before result.
   template <class E>
   std::optional<E> process(std::optional<E> event) const {
-    runStage(PluginType::before, event);
-    if (event) {
-      // Destinations get copies of their own; only another kind of plugin in that stage could
-      // change the stage's event, so only then does the stage need a copy of it.
-      auto destinations = plugins_.find(PluginType::destination);
-      if (destinations != plugins_.end() && !destinations->second->runOnCopies(event)) {
-        auto copy = event;
-        destinations->second->run(copy);
-      }
-    }
-    runStage(PluginType::after, event);
+    runAll(event, /*resultNeeded=*/true);
     return event;
   }
   // process() for a caller that has no use for the result, on `event` in place (left
@@ -142,18 +132,7 @@ class PELORA_API Timeline {
   // on it instead of a copy.
   template <class E>
   void deliver(std::optional<E>&& event) const {
-    runStage(PluginType::before, event);
-    if (!event) return;
-    auto after = plugins_.find(PluginType::after);
-    const bool nothingAfter = after == plugins_.end() || after->second->empty();
-    auto destinations = plugins_.find(PluginType::destination);
-    if (destinations != plugins_.end() && !destinations->second->runOnCopies(event, nothingAfter)) {
-      auto copy = event;
-      destinations->second->run(copy);
-    } else if (nothingAfter) {
-      return;
-    }
-    runStage(PluginType::after, event);
+    runAll(event, /*resultNeeded=*/false);
   }
 
   // The first plugin (in stage order) that is a T.
@@ -172,6 +151,24 @@ class PELORA_API Timeline {
   std::shared_ptr<DestinationPlugin> find(std::string_view key) const;
 
  private:
+  // process() and deliver(): destinations get copies of their own, so the stage's event needs a
+  // copy only when another kind of plugin shares the stage.
+  template <class E>
+  void runAll(std::optional<E>& event, bool resultNeeded) const {
+    runStage(PluginType::before, event);
+    if (!event) return;
+    auto after = plugins_.find(PluginType::after);
+    const bool lastTakesIt = !resultNeeded && (after == plugins_.end() || after->second->empty());
+    auto destinations = plugins_.find(PluginType::destination);
+    if (destinations != plugins_.end() && !destinations->second->runOnCopies(event, lastTakesIt)) {
+      auto copy = event;
+      destinations->second->run(copy);
+    } else if (lastTakesIt) {
+      return;  // nobody needs what the last destination left
+    }
+    runStage(PluginType::after, event);
+  }
+
   const std::map<PluginType, std::shared_ptr<Mediator>> plugins_;
 };
 
