@@ -418,7 +418,7 @@ class HTTPClientTest : public HttpSessionTest {
   void SetUp() override {
     configuration->connectTo({server.connectTo(kHost)}).caBundle(server.certificates().caFile);
   }
-  void TearDown() override { log::setDebugEnabled(false); }
+  void TearDown() override { platform::log::setDebugEnabled(false); }
 
   std::shared_ptr<HTTPClient> client() { return std::make_shared<HTTPClient>(configuration, log); }
 
@@ -580,7 +580,7 @@ TEST_F(HTTPClientTest, TrackingEventPostsOneJSONObject) {
 }
 
 TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   auto [results, completion] = clientCompletion();
   std::string printed = postEvent(*client(), completion);
   ASSERT_TRUE(results->wait());
@@ -591,7 +591,7 @@ TEST_F(HTTPClientTest, TrackingEventDebugOutputAndEmptyHost) {
   HTTPClient blocked(configuration, log, std::nullopt, "");
   auto [blockedResults, blockedCompletion] = clientCompletion();
   for (bool debug : {false, true}) {
-    log::setDebugEnabled(debug);
+    platform::log::setDebugEnabled(debug);
     EXPECT_EQ(postEvent(blocked, blockedCompletion),
               debug ? "trackingEvent Native SDK Payload\n"
                       "--- Error : Pelora SDK isn't initialized ---\n"

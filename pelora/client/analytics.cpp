@@ -75,11 +75,11 @@ std::optional<JSON> convertOrReport(const Dictionary& dictionary) {
 
 // One switch for the whole library: the log's.
 bool PeloraAnalytics::debugLogsEnabled() noexcept {
-  return log::debugEnabled();
+  return platform::log::debugEnabled();
 }
 
 void PeloraAnalytics::setDebugLogsEnabled(bool enabled) noexcept {
-  log::setDebugEnabled(enabled);
+  platform::log::setDebugEnabled(enabled);
 }
 
 void PeloraAnalytics::setLogHandler(LogHandler handler) {
@@ -658,7 +658,7 @@ void PeloraAnalytics::waitUntilStarted() const {
 
 void PeloraAnalytics::log(std::string_view message, std::optional<LogFilterKind> kind,
                           std::string_view function, int line) {
-  if (!log::debugEnabled()) return;
+  if (!platform::log::debugEnabled()) return;
   if (auto logger = timeline_->find<PeloraLog>()) {
     logger->log(message, kind.value_or(LogFilterKind::debug), function, line);
   }

@@ -495,11 +495,11 @@ TEST(JSONKeyPaths, ReadNestedValuesAsRequestedTypes) {
   EXPECT_FALSE(json.value<int>("user.name"));
 
   // A failed nested decode is logged.
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   testing::internal::CaptureStdout();
   EXPECT_FALSE(JSON::parse(R"({"home":{"x":1}})").value<Point>("home"));
   std::string output = testing::internal::GetCapturedStdout();
-  log::setDebugEnabled(false);
+  platform::log::setDebugEnabled(false);
   EXPECT_NE(output.find("Unable to decode object (home) to a Codable: "), std::string::npos)
       << output;
   EXPECT_NE(output.find("subscript(keyPath:)"), std::string::npos) << output;

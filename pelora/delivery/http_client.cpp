@@ -104,7 +104,7 @@ std::shared_ptr<platform::HttpTask> HTTPClient::startBatchUpload(const std::file
 void HTTPClient::trackingEventPayload(const JSON& identityId, const std::string& eventName,
                                       const JSON& eventData, const std::vector<JSON>& profile,
                                       HTTPCompletion completion) {
-  const bool debug = log::debugEnabled();
+  const bool debug = platform::log::debugEnabled();
   if (debug) platform::printLine("trackingEvent Native SDK Payload");
   auto url = platform::httpsURL(apiHost_, "");
   if (!url) {

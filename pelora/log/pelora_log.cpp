@@ -18,24 +18,11 @@ bool passes(LogFilterKind kind, LogFilterKind filter) {
 }  // namespace
 
 void ConsoleTarget::parseLog(const LogMessage& message) {
+  std::string_view label = "history";
+  if (message.type == LoggingType::log) label = name(message.kind);
+  if (message.type == LoggingType::metric) label = "metric";
   std::string line = message.timestamp;
-  line.append(" [pelora ");
-  switch (message.type) {
-    case LoggingType::log:
-      line.append(name(message.kind));
-      break;
-    case LoggingType::metric:
-      line.append("metric");
-      break;
-    case LoggingType::history:
-      line.append("history");
-      break;
-  }
-  line.append("] ");
-  if (!message.function.empty()) {
-    line.append(message.function).append(":").append(std::to_string(message.line)).append(" ");
-  }
-  line.append(message.message);
+  line.append(" ").append(formatLogLine(label, message.function, message.line, message.message));
   platform::printLine(line);
 }
 
@@ -46,7 +33,7 @@ PeloraLog::PeloraLog(LogFilterKind filterKind, PluginType type, TargetTable targ
 
 void PeloraLog::log(std::string_view message, LogFilterKind kind, std::string_view function,
                     int line) {
-  if (!log::debugEnabled() || !passes(kind, filterKind_)) return;
+  if (!platform::log::debugEnabled() || !passes(kind, filterKind_)) return;
   const auto targets = targetsOf(LoggingType::log);
   if (targets.empty()) return;
   const LogMessage entry{kind, std::string(message),   std::string(function),

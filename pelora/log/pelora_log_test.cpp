@@ -45,8 +45,8 @@ class RecordingTarget : public LogTarget {
 // Switches debug logs on for one test and back off after it.
 class PeloraLogTest : public ::testing::Test {
  protected:
-  void SetUp() override { log::setDebugEnabled(true); }
-  void TearDown() override { log::setDebugEnabled(false); }
+  void SetUp() override { platform::log::setDebugEnabled(true); }
+  void TearDown() override { platform::log::setDebugEnabled(false); }
 
   void logAllKinds(PeloraLog& logger) {
     logger.log("e", LogFilterKind::error, "f", 1);
@@ -74,12 +74,12 @@ TEST_F(PeloraLogTest, DebugSwitchGatesLogsButNotMetrics) {
   auto metrics = std::make_shared<RecordingTarget>();
   PeloraLog logger(LogFilterKind::debug, PluginType::utility,
                    {{LoggingType::log, {logs}}, {LoggingType::metric, {metrics}}});
-  log::setDebugEnabled(false);
+  platform::log::setDebugEnabled(false);
   logAllKinds(logger);
   logger.metric(MetricType::counter, "events", 3);
   EXPECT_THAT(logs->texts(), IsEmpty());
   EXPECT_THAT(metrics->texts(), ElementsAre("counter events 3"));
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   logger.log("now", LogFilterKind::error, "f", 1);
   EXPECT_THAT(logs->texts(), ElementsAre("now"));
 }

@@ -15,7 +15,7 @@ using platform::ui::NavigationActionPolicy;
 using platform::ui::Rect;
 
 void print(std::string_view line) {
-  log::debugPrint(line);
+  platform::log::debugPrint(line);
 }
 
 std::string format(double value) {

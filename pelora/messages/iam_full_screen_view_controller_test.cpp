@@ -16,7 +16,7 @@ using platform::ui::Rect;
 
 class IAMViewTest : public ::testing::Test {
  protected:
-  void TearDown() override { log::setDebugEnabled(false); }
+  void TearDown() override { platform::log::setDebugEnabled(false); }
 
   // A view for a message with `fields`, presented over the root view controller.
   std::shared_ptr<IAMFullScreenViewController> show(const std::string& fields) {
@@ -29,12 +29,12 @@ class IAMViewTest : public ::testing::Test {
   }
   // What the main queue printed while `action` ran there, debug logs on.
   std::string printedBy(const std::function<void()>& action) {
-    log::setDebugEnabled(true);
+    platform::log::setDebugEnabled(true);
     ::testing::internal::CaptureStdout();
     SerialQueue::main()->sync(action);
     SerialQueue::main()->sync([] {});  // completions it queued
     const std::string printed = ::testing::internal::GetCapturedStdout();
-    log::setDebugEnabled(false);
+    platform::log::setDebugEnabled(false);
     return printed;
   }
 
@@ -83,11 +83,11 @@ TEST_F(IAMViewTest, ClosesOnTheTickAfterZeroAndTellsTheManager) {
     EXPECT_EQ(SerialQueue::main()->sync([&] { return view->closeCountDownLabel->text(); }), text);
     EXPECT_EQ(screen.top(), view);
   }
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   ::testing::internal::CaptureStdout();
   screen.application->advance(1s);
   const std::string printed = ::testing::internal::GetCapturedStdout();
-  log::setDebugEnabled(false);
+  platform::log::setDebugEnabled(false);
   EXPECT_EQ(screen.top(), nullptr);
   EXPECT_NE(printed.find("dismissIAM ..."), std::string::npos) << printed;
   EXPECT_FALSE(view->timer->isValid());

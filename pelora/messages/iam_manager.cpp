@@ -20,7 +20,7 @@ thread_local int callbackDepth = 0;
 using namespace std::chrono_literals;
 
 void print(std::string_view line) {
-  log::debugPrint(line);
+  platform::log::debugPrint(line);
 }
 
 std::string lowercased(std::string text) {
@@ -335,7 +335,7 @@ void IAMManager::appendError(const std::string& text) {
     std::lock_guard lock(mutex_);
     errorMessage_ += text;
     if (errorMessage_.size() > 2 * kKept) errorMessage_.erase(0, errorMessage_.size() - kKept);
-    if (log::debugEnabled()) message = errorMessage_;
+    if (platform::log::debugEnabled()) message = errorMessage_;
   }
   print(message);
 }

@@ -41,7 +41,7 @@ class IAMManagerTest : public ::testing::Test {
  protected:
   void SetUp() override { collector.holdPulls(20s); }
   void TearDown() override {
-    log::setDebugEnabled(false);
+    platform::log::setDebugEnabled(false);
     manager->stopPolling();
     // Whatever is still on screen goes, so that the shared manager is idle for the next test.
     if (auto shown = std::dynamic_pointer_cast<IAMFullScreenViewController>(screen.top())) {
@@ -120,7 +120,7 @@ struct PullCount {
 // Offline with the default settings the loop neither spins nor gives up: a handful of pulls at
 // once, then waits that grow, said once; a stop during a wait ends it.
 TEST_F(IAMManagerTest, OfflineThePullLoopBacksOffAndAStopEndsItsWait) {
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   std::mutex mutex;
   std::string printed;
   platform::setLogHandler([&](LogLevel, std::string_view line) {
@@ -224,7 +224,7 @@ TEST_F(IAMManagerTest, RetryDelayWaitsAfterEachFailureAndAStopCancelsTheWait) {
 }
 
 TEST_F(IAMManagerTest, WithoutAWriteKeyNothingIsRequested) {
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   // The pull loop prints from its own thread: collect the lines until its last one arrived.
   std::mutex mutex;
   std::string printed;
@@ -279,7 +279,7 @@ TEST_F(IAMManagerTest, QueuedMessagesFollowEachCloseAfterAHandOver) {
 // "time" (any letter case) with a positive activeValue waits that many seconds; otherwise a
 // message shows at once.
 TEST_F(IAMManagerTest, TimeMessagesWaitTheirSeconds) {
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   collector.queueInAppMessage(test::iamData(R"("activeType":"TIME","activeValue":3)"));
   ::testing::internal::CaptureStdout();
   manager->start(test::setupFor(collector));

@@ -39,7 +39,7 @@ ExclusiveRunner::Entered::~Entered() {
 }
 
 void reportQueueSize(std::size_t count) {
-  if (!log::debugEnabled()) return;
+  if (!platform::log::debugEnabled()) return;
   platform::printLine("**** Queue Size : " + std::to_string(count), LogLevel::debug);
 }
 

@@ -25,8 +25,10 @@ using platform::SerialQueue;
 // Sets the module-wide debug switch for one test and restores it.
 class DebugLogs {
  public:
-  explicit DebugLogs(bool on) : before_(log::debugEnabled()) { log::setDebugEnabled(on); }
-  ~DebugLogs() { log::setDebugEnabled(before_); }
+  explicit DebugLogs(bool on) : before_(platform::log::debugEnabled()) {
+    platform::log::setDebugEnabled(on);
+  }
+  ~DebugLogs() { platform::log::setDebugEnabled(before_); }
 
  private:
   bool before_;

@@ -20,22 +20,18 @@ std::string_view name(std::optional<LogFilterKind> kind) noexcept {
   return "log";
 }
 
-LogLevel logLevel(std::optional<LogFilterKind> kind) noexcept {
-  if (!kind) return LogLevel::info;
-  switch (*kind) {
-    case LogFilterKind::error:
-      return LogLevel::error;
-    case LogFilterKind::warning:
-      return LogLevel::warning;
-    case LogFilterKind::debug:
-      return LogLevel::debug;
-  }
-  return LogLevel::info;
+std::string formatLogLine(std::string_view label, std::string_view function, int line,
+                          std::string_view message) {
+  std::string text = "[pelora ";
+  text.append(label).append("] ");
+  if (!function.empty()) text.append(function).append(":").append(std::to_string(line)).append(" ");
+  text.append(message);
+  return text;
 }
 
 }  // namespace pelora
 
-namespace pelora::log {
+namespace pelora::platform::log {
 namespace {
 std::atomic<bool> debugFlag{false};
 
@@ -58,14 +54,11 @@ bool debugEnabled() noexcept {
 void message(std::string_view message, std::optional<LogFilterKind> kind, std::string_view function,
              int line) {
   if (!debugEnabled()) return;
-  std::string text = "[pelora ";
-  text.append(pelora::name(kind)).append("] ").append(function).append(":");
-  text.append(std::to_string(line)).append(" ").append(message);
-  platform::printLine(text, logLevel(kind));
+  printLine(formatLogLine(pelora::name(kind), function, line, message), logLevel(kind));
 }
 
 void debugPrint(std::string_view line) {
-  if (debugEnabled()) platform::printLine(line, LogLevel::debug);
+  if (debugEnabled()) printLine(line, LogLevel::debug);
 }
 
-}  // namespace pelora::log
+}  // namespace pelora::platform::log

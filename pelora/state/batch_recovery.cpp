@@ -50,9 +50,9 @@ std::optional<std::string> readAll(int fd, off_t size) {
 
 void Storage::State::setAside(const std::string& path) {
   const int error = renameToFreeName(path, path, kSetAsideExtension);
-  log::message("Event storage " + path + " is not a batch file; " +
-                   (error == 0 ? "set aside." : "left in place."),
-               LogFilterKind::error, kFinishFunction, __LINE__);
+  platform::log::message("Event storage " + path + " is not a batch file; " +
+                             (error == 0 ? "set aside." : "left in place."),
+                         LogFilterKind::error, kFinishFunction, __LINE__);
 }
 
 Storage::State::Found Storage::State::repair(int file, const std::string& path, off_t size,

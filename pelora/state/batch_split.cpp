@@ -90,9 +90,10 @@ bool Storage::setAsideRefused(const std::filesystem::path& file) {
       if (error != 0) return false;
       platform::syncDirectory(state_->directory);
       state_->known.reset();  // the disk bound lists it afresh under its new name
-      log::message("The service refuses batch " + file.filename().string() + "; it is kept as " +
-                       stem + std::string(detail::kRefusedExtension) + " and not sent again.",
-                   LogFilterKind::error, "Storage::setAsideRefused", __LINE__);
+      platform::log::message("The service refuses batch " + file.filename().string() +
+                                 "; it is kept as " + stem +
+                                 std::string(detail::kRefusedExtension) + " and not sent again.",
+                             LogFilterKind::error, "Storage::setAsideRefused", __LINE__);
       return true;
     } catch (const std::exception&) {
       return false;

@@ -161,8 +161,8 @@ Storage::State::Closing Storage::State::appendClosing(int file, const std::strin
     if (writeAll(file, closing) && ::fdatasync(file) == 0) return Closing::written;
     if (!cutBack(file, info.st_size)) result = Closing::torn;
   }
-  log::message("Event storage " + path + " has some kind of problem.", LogFilterKind::error,
-               kFinishFunction, __LINE__);
+  platform::log::message("Event storage " + path + " has some kind of problem.",
+                         LogFilterKind::error, kFinishFunction, __LINE__);
   return result;
 }
 
@@ -176,7 +176,7 @@ std::optional<std::string> Storage::State::moveToTemp(const std::string& path) {
   const std::string message =
       "Unable to rename to temp: " + path + ", Error: " + std::generic_category().message(error);
   platform::printLine(message);
-  log::message(message, LogFilterKind::error, kFinishFunction, __LINE__);
+  platform::log::message(message, LogFilterKind::error, kFinishFunction, __LINE__);
   return std::nullopt;
 }
 

@@ -72,8 +72,9 @@ void GroupCommit::waitFor(std::uint64_t ticket) {
     lastGroup = written - std::min(written, synced.load(std::memory_order_relaxed));
     // A failed sync cannot be undone for events of other writers; they stay written.
     if (!ok) {
-      log::message("Event storage could not sync a batch: " + std::string(std::strerror(error)),
-                   LogFilterKind::error, "GroupCommit::waitFor", __LINE__);
+      platform::log::message(
+          "Event storage could not sync a batch: " + std::string(std::strerror(error)),
+          LogFilterKind::error, "GroupCommit::waitFor", __LINE__);
     }
     if (synced.load(std::memory_order_relaxed) < target) {
       synced.store(target, std::memory_order_release);

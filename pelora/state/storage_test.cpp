@@ -81,11 +81,11 @@ mode_t modeOf(const fs::path& path) {
 // What `action` prints with debug logs on.
 template <class Action>
 std::string printedByDebugLogs(Action action) {
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   testing::internal::CaptureStdout();
   action();
   const std::string output = testing::internal::GetCapturedStdout();
-  log::setDebugEnabled(false);
+  platform::log::setDebugEnabled(false);
   return output;
 }
 

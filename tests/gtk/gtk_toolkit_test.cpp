@@ -98,7 +98,7 @@ class GtkToolkitTest : public ::testing::Test {
   }
   void TearDown() override {
     gtk::setOpenURLHandler(nullptr);
-    log::setDebugEnabled(false);
+    platform::log::setDebugEnabled(false);
   }
 
   // Presents a message showing `page` and waits until WebKit has drawn it.
@@ -178,7 +178,7 @@ TEST_F(GtkToolkitTest, ExitLinkClosesTheWindowAndTellsTheManager) {
   g_object_unref(pixels);
   EXPECT_GT(blue, 100) << "the page was not drawn";
 
-  log::setDebugEnabled(true);
+  platform::log::setDebugEnabled(true);
   ::testing::internal::CaptureStdout();
   click(controller, "exit");
   EXPECT_TRUE(runUntil([&] { return gtk::windowOf(*controller) == nullptr; }));
@@ -278,7 +278,7 @@ TEST_F(GtkToolkitTest, WhatThePageFollowsByItselfOpensNothing) {
   WebKitWebContext* context = nullptr;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.page);
-    log::setDebugEnabled(true);
+    platform::log::setDebugEnabled(true);
     ::testing::internal::CaptureStdout();
     auto controller = show("", finish + c.page);
     if (!context) {  // every message view shares it
@@ -290,7 +290,7 @@ TEST_F(GtkToolkitTest, WhatThePageFollowsByItselfOpensNothing) {
     }
     const bool finished = runUntil([&] { return titleOf(controller) == "done"; });
     const std::string printed = ::testing::internal::GetCapturedStdout();
-    log::setDebugEnabled(false);
+    platform::log::setDebugEnabled(false);
     EXPECT_TRUE(finished) << titleOf(controller);
     EXPECT_EQ(opened, std::vector<std::string>{});
     EXPECT_NE(gtk::windowOf(*controller), nullptr);
