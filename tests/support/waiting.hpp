@@ -9,7 +9,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <vector>
 
 namespace pelora::test {
 
@@ -60,6 +62,30 @@ class Counter {
   std::mutex mutex_;
   std::condition_variable changed_;
   int value_ = 0;
+};
+
+// What completions were handed, shared with them so a failed test cannot leave them dangling.
+template <class Result>
+struct Calls {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<Result> results;
+
+  void add(Result result) {
+    std::lock_guard lock(mutex);
+    results.push_back(std::move(result));
+    changed.notify_all();
+  }
+  // The first result, once it has arrived.
+  std::optional<Result> wait(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, timeout, [&] { return !results.empty(); })) return std::nullopt;
+    return results.front();
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex);
+    return results.size();
+  }
 };
 
 }  // namespace pelora::test
