@@ -538,27 +538,6 @@ TEST(JSONKeyPaths, WritesAndReadsShareOneLengthLimit) {
   }
 }
 
-TEST(JSONKeyPaths, PathAndIfIndirectionsResolveAgainstTheRoot) {
-  Dictionary d{
-      {"context", Dictionary{{"id", std::string("abc")}, {"empty", std::string()}}},
-      {"alias", Dictionary{{"@path", std::string("$.context.id")}}},
-      {"pick", Dictionary{{"@if", Dictionary{{"exists", std::string("$.context.id")},
-                                             {"then", std::string("yes")},
-                                             {"else", std::string("no")}}}}},
-      {"blank", Dictionary{{"@if", Dictionary{{"blank", std::string("$.context.empty")},
-                                              {"then", Dictionary{{"@path", "$.context.id"}}},
-                                              {"else", std::string("filled")}}}}},
-      {"missing", Dictionary{{"@if", Dictionary{{"exists", std::string("$.nope")},
-                                                {"then", std::string("yes")}}}}},
-      {"loop", Dictionary{{"@path", std::string("$.loop")}}},
-  };
-  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "alias")), "abc");
-  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "pick")), "yes");
-  EXPECT_EQ(std::any_cast<std::string>(valueForKeyPath(d, "blank")), "abc");
-  EXPECT_FALSE(valueForKeyPath(d, "missing").has_value());
-  EXPECT_FALSE(valueForKeyPath(d, "loop").has_value());
-}
-
 TEST(JSONKeyPaths, LookupsStayCheapOnSelfReferringDocumentsAndFollowLongChains) {
   // Each "@if" refers back to its own key twice: without a bound, every level doubles the work.
   const JSON selfReferring = JSON::parse(

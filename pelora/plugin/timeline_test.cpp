@@ -5,52 +5,14 @@
 #include <mutex>
 
 #include "pelora/client/analytics.hpp"
+#include "tests/support/recording_plugins.hpp"
 #include "tests/support/temp_directory.hpp"
 
 namespace pelora {
 namespace {
 
-// Records what reaches it and optionally changes or drops track events.
-class Recorder : public EventPlugin {
- public:
-  explicit Recorder(PluginType type,
-                    std::function<std::optional<TrackEvent>(TrackEvent)> change = {})
-      : type_(type), change_(std::move(change)) {}
-  PluginType type() const override { return type_; }
-  std::optional<TrackEvent> track(TrackEvent event) override {
-    std::lock_guard lock(mutex_);
-    seen_.push_back(event.event);
-    return change_ ? change_(std::move(event)) : std::optional<TrackEvent>(std::move(event));
-  }
-  void shutdown() override { ++shutdowns; }
-  std::vector<std::string> seen() const {
-    std::lock_guard lock(mutex_);
-    return seen_;
-  }
-  int shutdowns = 0;
-
- private:
-  PluginType type_;
-  std::function<std::optional<TrackEvent>(TrackEvent)> change_;
-  mutable std::mutex mutex_;
-  std::vector<std::string> seen_;
-};
-
-class RecordingDestination : public DestinationPlugin {
- public:
-  explicit RecordingDestination(std::string key, std::optional<TrackEvent> replacement = {})
-      : key_(std::move(key)), replacement_(std::move(replacement)) {}
-  std::string key() const override { return key_; }
-  std::optional<TrackEvent> track(TrackEvent event) override {
-    seen.push_back(event.event);
-    return replacement_;
-  }
-  std::vector<std::string> seen;
-
- private:
-  std::string key_;
-  std::optional<TrackEvent> replacement_;
-};
+using test::Recorder;
+using test::RecordingDestination;
 
 class TimelineTest : public ::testing::Test {
  protected:
@@ -130,27 +92,6 @@ TEST_F(TimelineTest, WithNothingAfterEveryDestinationStillGetsTheWholeEvent) {
   EXPECT_EQ(last->kept[0].event, "x");
   EXPECT_EQ(last->kept[0].properties, JSON(JSON::Map{{"k", JSON(1)}}));
   EXPECT_TRUE(last->kept[0].messageId.has_value());
-}
-
-TEST_F(TimelineTest, DestinationNeedsSettingsEntryAndNoFalseInTheEvent) {
-  auto unlisted = std::make_shared<RecordingDestination>("Unlisted");
-  analytics->add(unlisted);
-  analytics->trackBash("ignored");
-  EXPECT_TRUE(unlisted->seen.empty());  // no settings entry for its key
-
-  auto listed = std::make_shared<RecordingDestination>("Listed");
-  analytics->add(listed);
-  analytics->manuallyEnableDestination(listed);
-  // A before plugin stands in for a host that marks events per destination.
-  auto marker = std::make_shared<Recorder>(PluginType::before, [](TrackEvent e) {
-    if (e.event == "off") e.integrations = JSON::parse(R"({"Listed":false})");
-    if (e.event == "on") e.integrations = JSON::parse(R"({"Listed":true})");
-    if (e.event == "text") e.integrations = JSON::parse(R"({"Listed":"no"})");
-    return std::optional<TrackEvent>(e);
-  });
-  analytics->add(marker);
-  for (const char* name : {"off", "on", "text", "plain"}) analytics->trackBash(name);
-  EXPECT_EQ(listed->seen, (std::vector<std::string>{"on", "text", "plain"}));
 }
 
 TEST_F(TimelineTest, FindRemoveAndApplyFollowTheStages) {
