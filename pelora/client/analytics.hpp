@@ -50,10 +50,11 @@ class PELORA_API PeloraAnalytics : public PluginHost,
   // machine and application), unless set.
   static std::optional<std::string> peloraUserId();
   static void setPeloraUserId(std::optional<std::string> userId);
-  // Stops watching the app lifecycle (a client normally lives as long as the process).
+  // Stops watching the app lifecycle, so that a destroyed client is never called back (a client
+  // normally lives as long as the process).
   ~PeloraAnalytics() override;
 
-  // The library's version ("1.0.0"), the project version of the build.
+  // The library's version: the project version this build was configured with.
   static std::string version();
 
   const std::shared_ptr<Configuration>& configuration() const noexcept override {
@@ -171,7 +172,8 @@ class PELORA_API PeloraAnalytics : public PluginHost,
                   std::optional<LaunchOptions> launchOptions);
   void start();
   void checkSettings();
-  // Completes the event (which it holds) and runs the timeline on it in place.
+  // Completes the event and runs the timeline on it in place: this runs for every recorded event,
+  // so the event is moved along, never copied.
   template <class E>
   void process(std::optional<E>&& event);
   void completeEvent(RawEvent& event) const;

@@ -53,16 +53,16 @@ std::string describeElement(const T& value) {
 }
 }  // namespace detail
 
-// A first-in-first-out list of values that reports its size on the console in debug mode.
+// A first-in-first-out list of values. Every change prints the new size while debug logs are on,
+// which is how a queue that keeps growing shows up in a host's log.
 template <class T>
 class Queue {
  public:
-  // Appends `element` at the end.
   void enqueue(T element) {
     list_.push_back(std::move(element));
     reportQueueSize(list_.size());
   }
-  // Removes and returns the oldest element; nothing when empty.
+  // Nothing when empty, rather than a precondition: callers drain until it says so.
   std::optional<T> dequeue() {
     if (list_.empty()) return std::nullopt;
     std::optional<T> first(std::move(list_.front()));
@@ -70,14 +70,13 @@ class Queue {
     reportQueueSize(list_.size());
     return first;
   }
-  // The oldest element, left in place; nothing when empty.
   std::optional<T> peek() const {
     if (list_.empty()) return std::nullopt;
     return list_.front();
   }
   bool isEmpty() const noexcept { return list_.empty(); }
   std::size_t count() const noexcept { return list_.size(); }
-  // The elements, oldest first, as "[a, b]" (strings quoted).
+  // "[a, b]", oldest first, strings quoted: how a queue appears in a debug line.
   std::string description() const {
     std::vector<std::string> elements;
     elements.reserve(list_.size());
@@ -98,17 +97,17 @@ class Atomic {
   Atomic(const Atomic&) = delete;
   Atomic& operator=(const Atomic&) = delete;
 
-  // A copy of the value.
+  // A copy, not a reference: the value may change the moment the lock is let go.
   T get() const {
     std::lock_guard lock(mutex_);
     return value_;
   }
-  // Replaces the value.
   void set(T value) {
     std::lock_guard lock(mutex_);
     value_ = std::move(value);
   }
-  // Calls `change(T&)` on the value under the lock (an increment, an append).
+  // For a read-then-write that must not interleave with another thread's (an increment, an
+  // append): `change(T&)` runs under the lock, so it must not block or call back into this value.
   template <class F>
   void modify(F&& change) {
     std::lock_guard lock(mutex_);
@@ -168,14 +167,15 @@ class PELORA_API QueueTimer {
  public:
   enum class State { suspended, resumed };
 
-  // Starts the timer: `handler` runs on `queue`.
+  // Starts at once. `handler` runs on `queue`, never on the caller's thread, so it may use what
+  // the queue confines without a lock.
   QueueTimer(double interval, std::shared_ptr<platform::SerialQueue> queue,
              std::function<void()> handler);
   ~QueueTimer();
   QueueTimer(const QueueTimer&) = delete;
   QueueTimer& operator=(const QueueTimer&) = delete;
 
-  // Resumes the timer if it is suspended; otherwise does nothing (the source is resumed once).
+  // Safe to call more than once: the timer source may only be resumed once.
   void resume();
 
   double interval() const noexcept { return interval_; }
