@@ -68,7 +68,7 @@ typedef void (*pelora_log_handler)(pelora_log_level level, const char* message, 
 /* ---- Library ----------------------------------------------------------------------------------
  */
 
-/* The library's version, "1.0.0"; static storage, not to be freed. */
+/* The library's version (the project version of the build); static storage, not to be freed. */
 PELORA_C_API const char* pelora_version(void);
 /* Why the last failing call on this thread failed; "" when none has. Valid until this thread's next
  * call into the library. */

@@ -14,6 +14,7 @@
 
 #include "pelora/core/json.hpp"
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/core/version.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tools/collector/collector.hpp"
 
@@ -326,7 +327,7 @@ TEST(CApi, TheLogHandlerGetsEveryLineWithItsUserData) {
     warned = warned || (level == PELORA_LOG_WARNING && line.find("peloraAppPushID") != line.npos);
   }
   EXPECT_TRUE(warned) << log.lines.size() << " lines";
-  EXPECT_STREQ(pelora_version(), "1.0.0");
+  EXPECT_EQ(pelora_version(), libraryVersion);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "pelora/core/service_hosts.hpp"
+#include "pelora/core/version.hpp"
 #include "pelora/platform/logging.hpp"
 #include "pelora/state/configuration.hpp"
 #include "tests/support/https_server.hpp"
@@ -122,7 +123,7 @@ TEST_F(HTTPClientTest, BatchUploadPostsTheFileToTheBatchEndpoint) {
   EXPECT_EQ(received.body, contents);
   EXPECT_EQ(received.header("Content-Length"), std::to_string(contents.size()));
   EXPECT_EQ(received.header("Content-Type"), "application/json; charset=utf-8");
-  EXPECT_EQ(received.header("User-Agent"), "analytics-ios/1.0.0");
+  EXPECT_EQ(received.header("User-Agent"), "analytics-ios/" + std::string(libraryVersion));
   for (const auto& [name, value] : received.headers) {
     EXPECT_EQ(value.find("WRITE_KEY"), std::string::npos) << name;  // the key is in the file only
   }

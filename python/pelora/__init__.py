@@ -127,7 +127,7 @@ def _take_string(pointer):
 
 
 def version():
-    """The library's version, "1.0.0"."""
+    """The library's version, as libpelora reports it."""
     return _lib.pelora_version().decode()
 
 

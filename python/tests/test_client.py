@@ -13,6 +13,14 @@ import pytest
 import pelora
 
 
+
+def _project_version():
+    """The version pyproject.toml gives the package."""
+    import tomllib
+
+    with open(os.path.join(os.path.dirname(__file__), "..", "pyproject.toml"), "rb") as f:
+        return tomllib.load(f)["project"]["version"]
+
 def test_events_arrive_with_their_exact_numbers_and_identity(collector, tmp_path):
     with pelora.Client("py-key", **collector.options(str(tmp_path))) as client:
         client.track("Priced", {
@@ -128,7 +136,8 @@ def test_the_log_handler_gets_the_library_lines(collector, tmp_path):
     finally:
         pelora.set_log_handler(None)
     assert any(level == 1 and "peloraAppPushID" in message for level, message in lines), lines
-    assert pelora.version() == pelora.__version__ == "1.0.0"
+    # The package's own version is the library's: pyproject.toml must follow CMakeLists.txt.
+    assert pelora.version() == pelora.__version__ == _project_version()
 
 
 def test_a_missing_library_is_reported_with_where_it_was_looked_for(tmp_path):
