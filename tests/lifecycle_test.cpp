@@ -15,6 +15,7 @@
 
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
+#include "tests/support/captured_log.hpp"
 #include "tests/support/iam.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tests/support/waiting.hpp"
@@ -25,6 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using collector::Collector;
+using test::CapturedLog;
 using test::TempDirectory;
 
 std::shared_ptr<Configuration> configurationFor(const std::filesystem::path& data,
@@ -56,33 +58,6 @@ std::vector<std::string> libraryThreads() {
   }
   return names;
 }
-
-// Collects what the library prints while alive; the console is back afterwards.
-class CapturedLog {
- public:
-  CapturedLog() {
-    PeloraAnalytics::setLogHandler([this](LogLevel level, std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(level, std::string(line));
-    });
-  }
-  ~CapturedLog() { PeloraAnalytics::setLogHandler(nullptr); }
-  bool has(LogLevel level, std::string_view text) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& [lineLevel, line] : lines_) {
-      if (lineLevel == level && line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
-  std::size_t size() const {
-    std::lock_guard lock(mutex_);
-    return lines_.size();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<LogLevel, std::string>> lines_;
-};
 
 TEST(Lifecycle, FlushWithADeadlineSendsARefusedBatchAgainAndWaitsForThePost) {
   TempDirectory data;

@@ -9,31 +9,15 @@
 #include <vector>
 
 #include "pelora/platform/console.hpp"
+#include "tests/support/captured_log.hpp"
 
 namespace pelora {
 namespace {
 
-// Takes the console's lines for the length of a test and gives them back after.
-class CapturedConsole {
+// The console's lines for the length of a test, with debug logs off again after.
+class CapturedConsole : public test::CapturedLog {
  public:
-  CapturedConsole() {
-    platform::setLogHandler([this](LogLevel level, std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(level, std::string(line));
-    });
-  }
-  ~CapturedConsole() {
-    platform::setLogHandler({});
-    platform::log::setDebugEnabled(false);
-  }
-  std::vector<std::pair<LogLevel, std::string>> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::pair<LogLevel, std::string>> lines_;
+  ~CapturedConsole() { platform::log::setDebugEnabled(false); }
 };
 
 TEST(LogLines, KindsPrintAtTheLevelOfTheirNameInOneShape) {

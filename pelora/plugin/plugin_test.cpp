@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "pelora/client/analytics.hpp"
 #include "tests/support/recording_plugins.hpp"
-#include "tests/support/temp_directory.hpp"
 
 namespace pelora {
 namespace {
@@ -19,18 +17,7 @@ TEST(PluginTypes, OnlyTheFiveStagesHaveRawValues) {
   EXPECT_EQ(pluginType(5), std::nullopt);
 }
 
-class DestinationTest : public ::testing::Test {
- protected:
-  DestinationTest() {
-    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt, false);
-    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
-    // Uploads are not under test here; nothing may head for the real tracking host.
-    configuration->autoAddPeloraDestination(false);
-    analytics = PeloraAnalytics::create(configuration);
-  }
-  test::TempDirectory dir;
-  std::shared_ptr<PeloraAnalytics> analytics;
-};
+using DestinationTest = test::ClientWithoutUploads;
 
 TEST_F(DestinationTest, DestinationNeedsSettingsEntryAndNoFalseInTheEvent) {
   auto unlisted = std::make_shared<RecordingDestination>("Unlisted");

@@ -4,9 +4,7 @@
 
 #include <mutex>
 
-#include "pelora/client/analytics.hpp"
 #include "tests/support/recording_plugins.hpp"
-#include "tests/support/temp_directory.hpp"
 
 namespace pelora {
 namespace {
@@ -14,18 +12,7 @@ namespace {
 using test::Recorder;
 using test::RecordingDestination;
 
-class TimelineTest : public ::testing::Test {
- protected:
-  TimelineTest() {
-    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt, false);
-    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
-    // Uploads are not under test here; nothing may head for the real tracking host.
-    configuration->autoAddPeloraDestination(false);
-    analytics = PeloraAnalytics::create(configuration);
-  }
-  test::TempDirectory dir;
-  std::shared_ptr<PeloraAnalytics> analytics;
-};
+using TimelineTest = test::ClientWithoutUploads;
 
 TEST_F(TimelineTest, OnlyBeforeDestinationAndAfterStagesKeepPlugins) {
   Timeline timeline;

@@ -1,4 +1,5 @@
-// Plugins that record what reaches them, for the plugin and timeline tests.
+// Plugins that record what reaches them, and a client to add them to, for the plugin and timeline
+// tests.
 #pragma once
 
 #include <functional>
@@ -7,7 +8,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "pelora/client/analytics.hpp"
 #include "pelora/plugin/plugin.hpp"
+#include "tests/support/temp_directory.hpp"
 
 namespace pelora::test {
 
@@ -51,6 +56,20 @@ class RecordingDestination : public DestinationPlugin {
  private:
   std::string key_;
   std::optional<TrackEvent> replacement_;
+};
+
+// A client of its own directory without the upload destination: nothing may head for the real
+// tracking host from a test of plugins.
+class ClientWithoutUploads : public ::testing::Test {
+ protected:
+  ClientWithoutUploads() {
+    auto configuration = std::make_shared<Configuration>("timeline-key", std::nullopt, false);
+    configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
+    configuration->autoAddPeloraDestination(false);
+    analytics = PeloraAnalytics::create(configuration);
+  }
+  TempDirectory dir;
+  std::shared_ptr<PeloraAnalytics> analytics;
 };
 
 }  // namespace pelora::test
