@@ -105,6 +105,8 @@ class PeloraDestination::UploadEnd {
 PeloraDestination::PeloraDestination()
     : uploadsQueue_(
           platform::SerialQueue::create("uploadsQueue." + std::string(platform::queueLabelSuffix))),
+      flushQueue_(
+          platform::SerialQueue::create("flushQueue." + std::string(platform::queueLabelSuffix))),
       round_(std::make_unique<Round>()),
       progress_(std::make_shared<DeliveryProgress>()) {}
 
@@ -262,7 +264,19 @@ void PeloraDestination::store(const TrackEvent& event) {
   if (!storage) return;
   storage->write(Storage::Constants::events, event);
   const std::int64_t count = eventCount_.fetch_add(1, std::memory_order_relaxed) + 1;
-  if (count >= client->configuration()->values.flushAt) flush(Trigger::automatic);
+  if (count >= client->configuration()->values.flushAt) flushSoon();
+}
+
+void PeloraDestination::flushSoon() {
+  if (flushRequested_.exchange(true, std::memory_order_acq_rel)) return;
+  std::weak_ptr<PeloraDestination> weak = weak_from_this();
+  flushQueue_->async([weak] {
+    auto self = weak.lock();
+    if (!self) return;
+    // Cleared before the flush: events stored while it runs ask for the next one.
+    self->flushRequested_.store(false, std::memory_order_release);
+    self->flush(Trigger::automatic);
+  });
 }
 
 void PeloraDestination::flush() {

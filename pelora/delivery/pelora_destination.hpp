@@ -100,8 +100,11 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
  private:
   enum class Trigger { asked, automatic };
   void flush(Trigger trigger);
-  // What track() does: appends `event`, flushes once flushAt events are stored.
+  // What track() does: appends `event`; once flushAt events are stored, asks for flushSoon().
   void store(const TrackEvent& event);
+  // An automatic flush on flushQueue_: finishing a batch and starting uploads wait for the disk
+  // and the network, which a recording thread must never do. Requests coalesce into one flush.
+  void flushSoon();
   // The rest run only on uploadsQueue_.
   void startUploads();
   void startUpload(const std::filesystem::path& batch);
@@ -111,6 +114,8 @@ class PELORA_API PeloraDestination final : public DestinationPlugin,
   void log(const std::string& message, const char* function, int line) const;
 
   const std::shared_ptr<platform::SerialQueue> uploadsQueue_;
+  const std::shared_ptr<platform::SerialQueue> flushQueue_;
+  std::atomic<bool> flushRequested_{false};  // a flushSoon() task is queued and has not begun
   std::atomic<std::int64_t> eventCount_{0};
 
   // A round of uploads and what is known of the stored batches; touched only on uploadsQueue_.

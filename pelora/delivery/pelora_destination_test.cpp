@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "pelora/client/analytics.hpp"
 #include "pelora/core/service_hosts.hpp"
@@ -69,8 +71,8 @@ TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   makeClient(1);
   for (int i = 0; i < 3; ++i) {
     client->trackBash("E" + std::to_string(i));
-    EXPECT_EQ(destination->eventCount(), 0);
     ASSERT_TRUE(server.waitForRequests(static_cast<std::size_t>(i) + 1));
+    EXPECT_EQ(destination->eventCount(), 0);
     ASSERT_TRUE(eventually([&] { return uploadsSettled(); }));
   }
   const auto requests = server.requests();
@@ -78,6 +80,38 @@ TEST_F(PeloraDestinationTest, FlushAtOneMakesOneFilePerEvent) {
   for (const auto& request : requests) {
     EXPECT_EQ(JSON::parse(request.body)["batch"]->arrayValue()->size(), 1u) << request.body;
   }
+}
+
+// The flush that flushAt asks for runs elsewhere: a recording thread never waits for a batch to
+// be finished or an upload to start, however long that takes.
+TEST_F(PeloraDestinationTest, FlushAtNeverRunsTheFlushOnTheRecordingThread) {
+  makeClient(1);
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool flushing = false;
+  bool release = false;
+  destination->setUploadGate([&] {
+    std::unique_lock lock(mutex);
+    flushing = true;
+    changed.notify_all();
+    changed.wait(lock, [&] { return release; });
+    return true;
+  });
+  test::Counter returned;
+  std::thread recorder([&] {
+    client->trackBash("E");
+    returned.add();
+  });
+  const bool recorderReturned = returned.waitFor(1, 5s);
+  {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 5s, [&] { return flushing; })) << "no flush began";
+    release = true;
+    changed.notify_all();
+  }
+  recorder.join();
+  EXPECT_TRUE(recorderReturned) << "trackBash waited for the flush";
+  ASSERT_TRUE(server.waitForRequests(1));
 }
 
 // While uploads fail, flushes send the oldest batch alone and keep appending to the open one:
