@@ -44,16 +44,21 @@ std::string applicationName() {
 }
 
 void debugPrint(std::string_view line) {
-  if (PeloraAnalytics::debugLogsEnabled()) platform::printLine(line);
+  if (PeloraAnalytics::debugLogsEnabled()) platform::printLine(line, LogLevel::info);
 }
 
 // Nothing recorded may be refused by a reader: a value nested too deep for the batch file is
 // reported and left out, like one that has no JSON form.
+void reportTooDeep() {
+  platform::printLine(JSONError::nonJSONType("a value nested deeper than " +
+                                             std::to_string(maxEventValueDepth) + " levels")
+                          .what(),
+                      LogLevel::info);
+}
+
 std::optional<JSON> reportIfTooDeep(std::optional<JSON> value) {
   if (value && value->nestedDeeperThan(maxEventValueDepth)) {
-    platform::printLine(JSONError::nonJSONType("a value nested deeper than " +
-                                               std::to_string(maxEventValueDepth) + " levels")
-                            .what());
+    reportTooDeep();
     return std::nullopt;
   }
   return value;
@@ -64,7 +69,7 @@ std::optional<JSON> convertOrReport(const Dictionary& dictionary) {
   try {
     return reportIfTooDeep(JSON(dictionary));
   } catch (const JSONError& error) {
-    platform::printLine(error.what());
+    platform::printLine(error.what(), LogLevel::info);
     return std::nullopt;
   }
 }
@@ -372,7 +377,7 @@ void PeloraAnalytics::trackBash(const std::string& name,
       event->propertiesText =
           std::make_shared<const std::string>(hostDictionaryText(*properties, maxEventValueDepth));
     } catch (const JSONError& error) {
-      platform::printLine(error.what());  // left out, as when building them fails
+      platform::printLine(error.what(), LogLevel::info);  // left out, as when building them fails
     }
     process(std::move(event));
     return;
@@ -386,11 +391,10 @@ void PeloraAnalytics::trackBash(const std::string& name, JSONText properties) {
   if (!accepting("trackBash")) return;
   std::optional<TrackEvent> event(std::in_place, name, std::nullopt);
   if (properties.kind() != JSON::Kind::object) {
-    platform::printLine(JSONError::nonJSONType("properties that are not a JSON object").what());
+    platform::printLine(JSONError::nonJSONType("properties that are not a JSON object").what(),
+                        LogLevel::info);
   } else if (properties.depth() > maxEventValueDepth) {
-    platform::printLine(JSONError::nonJSONType("a value nested deeper than " +
-                                               std::to_string(maxEventValueDepth) + " levels")
-                            .what());
+    reportTooDeep();
   } else if (!pluginsReadEventValues()) {
     // The text is already as the batch holds it: no value is built at all.
     event->propertiesText = std::make_shared<const std::string>(std::move(properties).takeText());
@@ -439,7 +443,7 @@ void PeloraAnalytics::trackMonitorEventJSON(const JSON& value) {
     if (!reportIfTooDeep(value)) return;
     process(std::optional(decodeValue<MonitorEvent>(value)));
   } catch (const std::exception& error) {
-    platform::printLine(error.what());
+    platform::printLine(error.what(), LogLevel::info);
   }
 }
 

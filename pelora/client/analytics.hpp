@@ -245,7 +245,7 @@ void PeloraAnalytics::trackBash(const std::string& name, const std::optional<T>&
     try {
       converted = JSON::with(*properties);
     } catch (const std::exception& error) {
-      platform::printLine(error.what());
+      platform::printLine(error.what(), LogLevel::info);
     }
   }
   trackBashJSON(name, std::move(converted));
@@ -257,7 +257,7 @@ void PeloraAnalytics::trackEvent(const std::optional<T>& monitorEvent) {
   try {
     trackMonitorEventJSON(JSON::with(*monitorEvent));
   } catch (const std::exception& error) {
-    platform::printLine(error.what());
+    platform::printLine(error.what(), LogLevel::info);
   }
 }
 

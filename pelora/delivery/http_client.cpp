@@ -105,10 +105,10 @@ void HTTPClient::trackingEventPayload(const JSON& identityId, const std::string&
                                       const JSON& eventData, const std::vector<JSON>& profile,
                                       HTTPCompletion completion) {
   const bool debug = platform::log::debugEnabled();
-  if (debug) platform::printLine("trackingEvent Native SDK Payload");
+  if (debug) platform::printLine("trackingEvent Native SDK Payload", LogLevel::debug);
   auto url = platform::httpsURL(apiHost_, "");
   if (!url) {
-    if (debug) platform::printLine("--- Error : Pelora SDK isn't initialized ---");
+    if (debug) platform::printLine("--- Error : Pelora SDK isn't initialized ---", LogLevel::error);
     return;
   }
 
@@ -130,7 +130,7 @@ void HTTPClient::trackingEventPayload(const JSON& identityId, const std::string&
   request.timeout = requestTimeout;
   request.headers = {{"Content-Type", "application/json"}};
   request.body = body.toString();
-  if (debug) platform::printLine(request.body);
+  if (debug) platform::printLine(request.body, LogLevel::debug);
 
   auto task = session_->dataTask(
       std::move(request), [log = log_, completion = std::move(completion), line = __LINE__](

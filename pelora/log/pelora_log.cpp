@@ -18,12 +18,13 @@ bool passes(LogFilterKind kind, LogFilterKind filter) {
 }  // namespace
 
 void ConsoleTarget::parseLog(const LogMessage& message) {
-  std::string_view label = "history";
-  if (message.type == LoggingType::log) label = name(message.kind);
-  if (message.type == LoggingType::metric) label = "metric";
+  const bool log = message.type == LoggingType::log;
+  std::string_view label = message.type == LoggingType::metric ? "metric" : "history";
+  if (log) label = name(message.kind);
   std::string line = message.timestamp;
   line.append(" ").append(formatLogLine(label, message.function, message.line, message.message));
-  platform::printLine(line);
+  // Metrics and history are information whatever kind they carry.
+  platform::printLine(line, log ? logLevel(message.kind) : LogLevel::info);
 }
 
 PeloraLog::PeloraLog(LogFilterKind filterKind, PluginType type, TargetTable targets)

@@ -5,6 +5,8 @@
 
 #include <thread>
 
+#include "tests/support/captured_log.hpp"
+
 namespace pelora {
 namespace {
 
@@ -145,6 +147,17 @@ TEST_F(PeloraLogTest, ConsoleTargetPrintsOneLinePerMessage) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "2024-05-01T08:09:10.123Z [pelora error] upload:7 boom\n"
             "2024-05-01T08:09:10.124Z [pelora metric] counter sent 2\n");
+
+  // A host's handler gets each line at the level of its kind; metrics are information.
+  test::CapturedLog captured;
+  console.parseLog({LogFilterKind::error, "boom", "upload", 7, "t", LoggingType::log});
+  console.parseLog({LogFilterKind::warning, "slow", "upload", 8, "t", LoggingType::log});
+  console.parseLog({LogFilterKind::debug, "counter sent 2", "", 0, "t", LoggingType::metric});
+  const auto lines = captured.lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].first, LogLevel::error);
+  EXPECT_EQ(lines[1].first, LogLevel::warning);
+  EXPECT_EQ(lines[2].first, LogLevel::info);
 }
 
 }  // namespace

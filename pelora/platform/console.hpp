@@ -24,7 +24,7 @@ namespace platform {
 PELORA_API void setLogHandler(LogHandler handler);
 
 // Writes `line` to the host's handler, or with a newline to standard output as one unit.
-PELORA_API void printLine(std::string_view line, LogLevel level = LogLevel::info);
+PELORA_API void printLine(std::string_view line, LogLevel level);
 
 }  // namespace platform
 }  // namespace pelora

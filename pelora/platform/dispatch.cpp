@@ -61,9 +61,10 @@ void runGuarded(const Task& task, const std::string& label) noexcept {
   try {
     task();
   } catch (const std::exception& error) {
-    printLine("pelora: a task on queue " + label + " threw: " + error.what());
+    printLine("pelora: a task on queue " + label + " threw: " + error.what(), LogLevel::error);
   } catch (...) {
-    printLine("pelora: a task on queue " + label + " threw a non-standard exception");
+    printLine("pelora: a task on queue " + label + " threw a non-standard exception",
+              LogLevel::error);
   }
 }
 

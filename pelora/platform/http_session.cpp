@@ -886,9 +886,9 @@ void Engine::deliver(const std::shared_ptr<Task>& task, const std::optional<Http
   try {
     completion(response, error);
   } catch (const std::exception& failure) {
-    printLine(std::string("pelora: an HTTP completion threw: ") + failure.what());
+    printLine(std::string("pelora: an HTTP completion threw: ") + failure.what(), LogLevel::error);
   } catch (...) {
-    printLine("pelora: an HTTP completion threw");
+    printLine("pelora: an HTTP completion threw", LogLevel::error);
   }
 }
 

@@ -51,7 +51,8 @@ TEST(Console, HandlersTakeWholeLinesFromAnyThreadAndMayThrow) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
       threads.emplace_back([t] {
-        for (int i = 0; i < 100; ++i) platform::printLine("thread " + std::to_string(t));
+        for (int i = 0; i < 100; ++i)
+          platform::printLine("thread " + std::to_string(t), LogLevel::info);
       });
     }
     for (auto& thread : threads) thread.join();
@@ -66,7 +67,7 @@ TEST(Console, HandlersTakeWholeLinesFromAnyThreadAndMayThrow) {
   EXPECT_NO_THROW(platform::printLine("lost", LogLevel::warning));
   platform::setLogHandler({});
   ::testing::internal::CaptureStdout();
-  platform::printLine("back on standard output");
+  platform::printLine("back on standard output", LogLevel::info);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "back on standard output\n");
 }
 

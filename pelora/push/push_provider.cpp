@@ -47,7 +47,8 @@ void AppPushManager::setUpPush(const std::string& appId,
   // Printed whatever the debug switch says: the host should see the user's answer.
   push->promptForPushNotifications([](bool accepted) {
     platform::printLine(accepted ? "User accepted notifications: true"
-                                 : "User accepted notifications: false");
+                                 : "User accepted notifications: false",
+                        LogLevel::info);
   });
 }
 

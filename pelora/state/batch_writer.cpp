@@ -175,7 +175,7 @@ std::optional<std::string> Storage::State::moveToTemp(const std::string& path) {
   }
   const std::string message =
       "Unable to rename to temp: " + path + ", Error: " + std::generic_category().message(error);
-  platform::printLine(message);
+  platform::printLine(message, LogLevel::error);
   platform::log::message(message, LogFilterKind::error, kFinishFunction, __LINE__);
   return std::nullopt;
 }

@@ -181,7 +181,7 @@ struct Collector::State {
   ScriptedResponse queueMessage(const RecordedRequest& request);
   ScriptedResponse opened(const RecordedRequest& request);
   void print(const std::string& line) const {
-    if (options.printLines) platform::printLine(line);
+    if (options.printLines) platform::printLine(line, LogLevel::info);
   }
   // Under `mutex`. False when the line could not be written (nothing of it is left in the file).
   bool appendJSONLine(const char* kind, const JSON& body);
@@ -428,7 +428,7 @@ bool Collector::State::appendJSONLine(const char* kind, const JSON& body) {
        << '\n';
   file.close();
   if (file) return true;
-  platform::printLine("collector: cannot append to " + options.jsonLinesFile);
+  platform::printLine("collector: cannot append to " + options.jsonLinesFile, LogLevel::error);
   // Half a line would spoil the next one too.
   if (!sizeError) std::filesystem::resize_file(options.jsonLinesFile, before, sizeError);
   return false;

@@ -22,6 +22,11 @@
 
 namespace {
 
+// What the collector tells the person who started it.
+void say(const std::string& line) {
+  pelora::platform::printLine(line, pelora::LogLevel::info);
+}
+
 constexpr const char* usage = R"(usage: pelora_collector [options]
   --port N            listen on 127.0.0.1:N (default 8443; 0 picks a free port)
   --certs DIR         ca.pem, server.pem and server-key.pem to use (default: the ones made at build)
@@ -182,21 +187,20 @@ int main(int argc, char** argv) {
     collector.retryAfter(retryAfter);
     collector.delayAnswers(std::chrono::milliseconds(delayMilliseconds));
     const std::string host(pelora::productionTrackingHost);
-    pelora::platform::printLine("pelora_collector: listening on https://127.0.0.1:" +
-                                std::to_string(collector.port()));
-    pelora::platform::printLine("  trust     " + collector.certificates().caFile);
-    pelora::platform::printLine("  reach it  " + collector.connectTo(host));
+    say("pelora_collector: listening on https://127.0.0.1:" + std::to_string(collector.port()));
+    say("  trust     " + collector.certificates().caFile);
+    say("  reach it  " + collector.connectTo(host));
     const std::string iamURL(pelora::productionIAMBaseURL);
     const std::string iamHost = iamURL.substr(iamURL.find("://") + 3);
-    pelora::platform::printLine("  messages  " + collector.connectTo(iamHost) + " (" +
-                                std::to_string(options.inAppMessages.size()) + " queued)");
+    say("  messages  " + collector.connectTo(iamHost) + " (" +
+        std::to_string(options.inAppMessages.size()) + " queued)");
     if (!readyFile.empty()) writeReadyFile(readyFile, collector.connectTo(host));
 
     int signal = 0;
     sigwait(&stopSignals, &signal);
     collector.stop();
-    pelora::platform::printLine("pelora_collector: received " + collector.summary());
-    pelora::platform::printLine("pelora_collector: " + collector.byteSummary());
+    say("pelora_collector: received " + collector.summary());
+    say("pelora_collector: " + collector.byteSummary());
   } catch (const std::exception& error) {
     std::cerr << "pelora_collector: " << error.what() << "\n";
     return 1;
