@@ -79,13 +79,13 @@ class PELORA_API SerialQueue {
   std::string label_;
 };
 
-// Runs `task` on `queue` once `delay` has passed.
 // Ends the library's scheduler threads that have nothing to do (the pool's workers, the main
 // queue's thread, the timer thread) and waits until they have exited, or `deadline`; true when
 // none runs. They start again when work arrives. A thread still busy, or with a timer pending,
 // keeps running.
 PELORA_API bool stopIdleThreads(std::chrono::steady_clock::time_point deadline);
 
+// Runs `task` on `queue` once `delay` has passed.
 PELORA_API void asyncAfter(const std::shared_ptr<SerialQueue>& queue,
                            std::chrono::nanoseconds delay, Task task);
 
