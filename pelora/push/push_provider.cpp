@@ -46,9 +46,9 @@ void AppPushManager::setUpPush(const std::string& appId,
   push->setAppId(appId);
   // Printed whatever the debug switch says: the host should see the user's answer.
   push->promptForPushNotifications([](bool accepted) {
-    platform::printLine(accepted ? "User accepted notifications: true"
-                                 : "User accepted notifications: false",
-                        LogLevel::info);
+    platform::printLine(
+        accepted ? "User accepted notifications: true" : "User accepted notifications: false",
+        LogLevel::info);
   });
 }
 
