@@ -69,4 +69,12 @@ struct BatchScan {
 // counting the events of a batch we wrote and are about to delete.
 BatchScan scanBatch(std::string_view text, bool withSpans = false, bool checkEvents = true);
 
+// A 64-bit FNV-1a hash of `bytes`: stable across runs and builds, for names made from write keys
+// and directories that are too long (or too revealing) to be file names themselves.
+inline std::uint64_t fnv1a(std::string_view bytes) noexcept {
+  std::uint64_t hash = 0xcbf29ce484222325ull;
+  for (const unsigned char c : bytes) hash = (hash ^ c) * 0x100000001b3ull;
+  return hash;
+}
+
 }  // namespace pelora::detail

@@ -16,6 +16,7 @@
 
 #include "pelora/platform/concurrency.hpp"
 #include "pelora/platform/private_files.hpp"
+#include "pelora/state/batch_format.hpp"
 
 namespace pelora::detail {
 namespace {
@@ -35,12 +36,6 @@ constexpr std::uint64_t paddingStamp(std::uint64_t position) noexcept {
 }
 constexpr std::uint64_t roundUp(std::uint64_t n, std::uint64_t to) noexcept {
   return (n + to - 1) / to * to;
-}
-
-std::uint64_t fnv1a(std::string_view bytes) noexcept {
-  std::uint64_t hash = 0xcbf29ce484222325ull;
-  for (const unsigned char c : bytes) hash = (hash ^ c) * 0x100000001b3ull;
-  return hash;
 }
 
 std::string hex(std::uint64_t value) {

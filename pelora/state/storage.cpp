@@ -23,12 +23,6 @@ namespace {
 
 constexpr std::string_view kSuitePrefix = "com.pelora.storage.";
 
-std::uint64_t fnv1a(std::string_view bytes) noexcept {
-  std::uint64_t hash = 0xcbf29ce484222325ull;
-  for (const unsigned char c : bytes) hash = (hash ^ c) * 0x100000001b3ull;
-  return hash;
-}
-
 }  // namespace
 
 std::string_view rawValue(Storage::Constants key) noexcept {
