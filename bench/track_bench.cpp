@@ -1,8 +1,8 @@
-// Recording one event through the whole client: trackBash with 10 properties (conversion,
-// completion, the timeline, the upload destination appending to its batch file with fdatasync;
-// flushAt too high for any upload) against a bare append + fdatasync of the bytes that event adds
-// to the file, in the same directory. Target on disk: at most 1.2 x the baseline. On /dev/shm the
-// difference is our CPU cost per event.
+// Recording one event through the whole client with syncEveryEvent: trackBash with 10 properties
+// (conversion, completion, the timeline, the upload destination appending to its batch file with
+// fdatasync; flushAt too high for any upload) against a bare append + fdatasync of the bytes that
+// event adds to the file, in the same directory. Target on disk: at most 1.2 x the baseline. On
+// /dev/shm the difference is our CPU cost per event.
 //
 // BM_RecordingPeakRSS/N runs pelora_memory_host, which records N events in a process of its own,
 // and reports that process's peak RSS; /deliver also uploads them to a pelora_collector.
@@ -33,10 +33,14 @@ using pelora::bench::ScratchDirectory;
 
 constexpr std::string_view batchHeader = "{ \"batch\": [";
 
+// Each event synced by its own call (the mode that this comparison is about).
 std::shared_ptr<pelora::PeloraAnalytics> recordingClient(const ScratchDirectory& scratch) {
   auto configuration =
       std::make_shared<pelora::Configuration>("bench-write-key", std::nullopt, false);
-  configuration->flushAt(INT64_MAX).flushInterval(86400).paths(scratch.paths());
+  configuration->flushAt(INT64_MAX)
+      .flushInterval(86400)
+      .paths(scratch.paths())
+      .syncEveryEvent(true);
   return pelora::PeloraAnalytics::create(configuration);
 }
 
@@ -54,6 +58,7 @@ std::string recordedEventBytes(const fs::path& base) {
   ScratchDirectory scratch(base);
   auto analytics = recordingClient(scratch);
   analytics->trackBash("Product Added", pelora::bench::hostProperties());
+  analytics->storage()->syncEvents();
   std::error_code error;
   auto size =
       fs::file_size(scratch.path() / "Documents/pelora/bench-write-key/0-pelora-events", error);

@@ -125,6 +125,7 @@ TEST_F(DiskFull, StoredEventsArriveAndRecordingResumesOnceThereIsRoom) {
   for (int i = 0; i < 600; ++i) {  // 1.2 MB of events: the disk fills on the way
     analytics->trackBash("Full", Dictionary{{"id", "1-" + std::to_string(i)}, {"pad", pad}});
   }
+  analytics->storage()->syncEvents();
   const auto storedWhileFull = storedIds(small / "Documents");
   ASSERT_GT(storedWhileFull.size(), 100u);
   ASSERT_LT(storedWhileFull.size(), 600u) << "the disk never filled";

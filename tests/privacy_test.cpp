@@ -51,6 +51,7 @@ class Privacy : public ::testing::Test {
 TEST_F(Privacy, OptingOutDeletesWhatWasStoredRecordsNothingAndLastsAcrossARestart) {
   auto analytics = client();
   for (int i = 0; i < 3; ++i) analytics->trackBash("Before");
+  analytics->storage()->syncEvents();
   ASSERT_GT(storedFiles(), 0u);
   analytics->optOut();
   EXPECT_TRUE(analytics->isOptedOut());

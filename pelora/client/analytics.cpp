@@ -122,8 +122,10 @@ PeloraAnalytics::PeloraAnalytics(std::shared_ptr<Configuration> configuration,
                                  std::optional<LaunchOptions> launchOptions)
     : configuration_(std::move(configuration)),
       store_(std::make_shared<Store>()),
-      storage_(Storage::create(store_, configuration_->values.writeKey,
-                               configuration_->values.paths.value_or(platform::Paths{}))),
+      storage_(Storage::create(
+          store_, configuration_->values.writeKey,
+          configuration_->values.paths.value_or(platform::Paths{}),
+          {configuration_->values.syncEveryEvent, configuration_->values.syncWindow})),
       launchOptions_(std::move(launchOptions)),
       timeline_(std::make_shared<Timeline>()),
       progress_(std::make_shared<DeliveryProgress>()) {}
@@ -141,7 +143,7 @@ void PeloraAnalytics::start() {
   store_->provide(System::defaultState(configuration_, *storage_));
   UserInfo user = UserInfo::defaultState(*storage_);
   // A freshly made anonymous id is kept at once, so the next run is the same user.
-  storage_->write(Storage::Constants::anonymousId, user.anonymousId);
+  storage_->write(Storage::Key::anonymousId, user.anonymousId);
   store_->provide(std::move(user));
   debugPrint("Pelora: store and storage ready");
 
@@ -149,8 +151,8 @@ void PeloraAnalytics::start() {
                                   PeloraLog::TargetTable{}));
 
   // The person's choice is known before any destination can send.
-  optedOut_ = storage_->read<bool>(Storage::Constants::optedOut).value_or(false);
-  consent_ = storage_->read<bool>(Storage::Constants::consent).value_or(false);
+  optedOut_ = storage_->read<bool>(Storage::Key::optedOut).value_or(false);
+  consent_ = storage_->read<bool>(Storage::Key::consent).value_or(false);
   if (optedOut_) storage_->refuseEvents(true);
   std::weak_ptr<PeloraAnalytics> self = weak_from_this();
   if (values.autoAddPeloraDestination) {
@@ -200,7 +202,7 @@ void PeloraAnalytics::checkSettings() {
   store_->dispatch(System::ToggleRunningAction{false});
   Settings settings(configuration_->values.writeKey, std::string(productionTrackingHost));
   store_->dispatch(System::UpdateSettingsAction{settings});
-  storage_->write(Storage::Constants::settings, settings);
+  storage_->write(Storage::Key::settings, settings);
   const UpdateType type = hadSettings ? UpdateType::refresh : UpdateType::initial;
   // apply() already reaches the plugins inside destinations; they hear of it twice, as designed.
   timeline_->apply([&](const std::shared_ptr<Plugin>& plugin) {
@@ -305,8 +307,8 @@ void PeloraAnalytics::eraseStored() {
 void PeloraAnalytics::applyPrivacyChoice(bool fresh) {
   std::lock_guard lock(privacyMutex_);
   if (fresh) storage_->reloadSuite();
-  applyChoice(storage_->read<bool>(Storage::Constants::optedOut).value_or(false),
-              storage_->read<bool>(Storage::Constants::consent).value_or(false));
+  applyChoice(storage_->read<bool>(Storage::Key::optedOut).value_or(false),
+              storage_->read<bool>(Storage::Key::consent).value_or(false));
 }
 
 bool PeloraAnalytics::applyChoice(bool optedOut, bool consent) {
@@ -328,20 +330,20 @@ bool PeloraAnalytics::applyChoice(bool optedOut, bool consent) {
 
 void PeloraAnalytics::optOut() {
   std::lock_guard lock(privacyMutex_);
-  storage_->write(Storage::Constants::optedOut, true);
+  storage_->write(Storage::Key::optedOut, true);
   if (!applyChoice(true, consent_)) eraseStored();  // opted out already: anything left goes too
 }
 
 void PeloraAnalytics::optIn() {
   std::lock_guard lock(privacyMutex_);
-  storage_->write(Storage::Constants::optedOut, false);
+  storage_->write(Storage::Key::optedOut, false);
   applyChoice(false, consent_);
 }
 
 void PeloraAnalytics::grantConsent() {
   {
     std::lock_guard lock(privacyMutex_);
-    storage_->write(Storage::Constants::consent, true);
+    storage_->write(Storage::Key::consent, true);
     applyChoice(optedOut_, true);
   }
   flush();  // what waited for consent goes now
@@ -349,7 +351,7 @@ void PeloraAnalytics::grantConsent() {
 
 void PeloraAnalytics::revokeConsent() {
   std::lock_guard lock(privacyMutex_);
-  storage_->write(Storage::Constants::consent, false);
+  storage_->write(Storage::Key::consent, false);
   if (!applyChoice(optedOut_, false) && configuration_->values.requireConsent) eraseStored();
 }
 
@@ -509,16 +511,16 @@ void PeloraAnalytics::identify(const std::string& userId, const std::optional<Di
   if (traits) traitsJSON = convertOrReport(*traits);
   store_->dispatch(UserInfo::IdentifyAction{userId, traitsJSON});
   // The suite follows at once, so the identity survives a restart.
-  storage_->write(Storage::Constants::userId, std::optional<std::string>(userId));
-  if (traitsJSON) storage_->write(Storage::Constants::traits, traitsJSON);
+  storage_->write(Storage::Key::userId, std::optional<std::string>(userId));
+  if (traitsJSON) storage_->write(Storage::Key::traits, traitsJSON);
 }
 
 void PeloraAnalytics::reset() {
   store_->dispatch(UserInfo::ResetAction{});
   // The suite follows at once, so a reset survives a restart.
-  storage_->write(Storage::Constants::userId, std::optional<std::string>());
-  storage_->write(Storage::Constants::traits, std::optional<JSON>());
-  storage_->write(Storage::Constants::anonymousId, anonymousId());
+  storage_->write(Storage::Key::userId, std::optional<std::string>());
+  storage_->write(Storage::Key::traits, std::optional<JSON>());
+  storage_->write(Storage::Key::anonymousId, anonymousId());
   forEachEventPlugin([](EventPlugin& plugin) { plugin.reset(); });
 }
 
@@ -561,6 +563,7 @@ bool PeloraAnalytics::flushUntil(Clock::time_point deadline) {
   // Start-up replaying held events moves nothing on: look again at least this often.
   constexpr auto kLookAgain = 100ms;
   auto destination = find<PeloraDestination>();
+  storage_->syncEvents();  // on disk before anything else, even when nothing may leave
   // Opted out or waiting for consent: nothing can leave, however long the wait.
   if (!maySend()) return !hasUnsentEvents();
   flush();
@@ -647,7 +650,7 @@ bool PeloraAnalytics::shutdown(Clock::time_point deadline) {
 }
 
 std::optional<std::vector<std::filesystem::path>> PeloraAnalytics::pendingUploads() const {
-  return storage_->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
+  return storage_->finishAndList();
 }
 
 void PeloraAnalytics::waitUntilStarted() const {

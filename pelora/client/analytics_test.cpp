@@ -56,6 +56,7 @@ class CollectingDestination : public DestinationPlugin {
 
 class AnalyticsTest : public ::testing::Test {
  protected:
+  std::weak_ptr<PeloraAnalytics> lastClient;
   std::shared_ptr<PeloraAnalytics> makeClient() {
     auto configuration = std::make_shared<Configuration>("client-key", std::nullopt, false);
     configuration->paths(platform::Paths{dir.path() / "docs", dir.path() / "prefs"});
@@ -66,10 +67,13 @@ class AnalyticsTest : public ::testing::Test {
     auto client = PeloraAnalytics::create(configuration);
     collector = std::make_shared<CollectingDestination>();
     if (addCollector) client->add(collector);
+    lastClient = client;
     return client;
   }
-  // Whether a batch file under the client's documents holds `expected`.
+  // Whether a batch file under the client's documents holds `expected`, once what the last client
+  // recorded is written out.
   bool batchHas(const std::string& expected) const {
+    if (auto client = lastClient.lock()) client->storage()->syncEvents();
     for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path() / "docs")) {
       if (!entry.is_regular_file()) continue;
       std::ifstream in(entry.path());

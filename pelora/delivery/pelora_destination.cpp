@@ -21,9 +21,9 @@ namespace {
 // a handful of batches.
 constexpr std::size_t kUploadWindow = 4;
 
-// Deletes a sent batch on the storage queue; one already gone has nothing left to send.
+// Deletes a sent batch holding the storage lock; one already gone has nothing left to send.
 void removeSent(Storage& storage, const std::filesystem::path& file) {
-  storage.sync([&] {
+  storage.withLock([&] {
     try {
       storage.remove(file);
     } catch (const std::exception&) {
@@ -262,7 +262,7 @@ void PeloraDestination::store(const TrackEvent& event) {
   if (!client) return;
   const auto& storage = client->storage();
   if (!storage) return;
-  storage->write(Storage::Constants::events, event);
+  storage->write(Storage::Key::events, event);
   const std::int64_t count = eventCount_.fetch_add(1, std::memory_order_relaxed) + 1;
   if (count >= client->configuration()->values.flushAt) flushSoon();
 }
@@ -324,8 +324,7 @@ void PeloraDestination::flush(Trigger trigger) {
   if (step == Step::skip) return;
   std::optional<std::vector<std::filesystem::path>> files;
   if (step == Step::list) {
-    files = storage->read<std::vector<std::filesystem::path>>(Storage::Constants::events);
-    if (!files) return;
+    files = storage->finishAndList();
   }
 
   // The check for a running round and the start of a new one are one step on the uploads queue,
@@ -382,13 +381,11 @@ void PeloraDestination::startUploads() {
   if (round.running && round.uploads.empty() && round.backlog.empty() && round.relist &&
       !round.stopped && !shutDown_ && !withheld_) {
     round.relist = false;
-    if (auto files =
-            round.storage->read<std::vector<std::filesystem::path>>(Storage::Constants::events)) {
-      round.backlog.assign(std::make_move_iterator(files->begin()),
-                           std::make_move_iterator(files->end()));
-      startUploads();
-      return;
-    }
+    auto files = round.storage->finishAndList();
+    round.backlog.assign(std::make_move_iterator(files.begin()),
+                         std::make_move_iterator(files.end()));
+    startUploads();
+    return;
   }
   if (round.running && round.uploads.empty()) endRound();
 }
@@ -405,7 +402,7 @@ void PeloraDestination::startUpload(const std::filesystem::path& batch) {
 }
 
 // Runs on the HTTP session's worker (or inside startUploads when the upload could not start); it
-// hops to the storage queue and the uploads queue in turn, never holding one while waiting for the
+// takes the storage lock and the uploads queue in turn, never holding one while waiting for the
 // other.
 void PeloraDestination::uploadFinished(const std::filesystem::path& batch,
                                        const HTTPResult& result) {

@@ -47,6 +47,11 @@ Paths Paths::defaults() {
   if (paths.documents.empty()) paths.documents = home / ".local" / "share";
   paths.preferences = absoluteFromEnvironment("XDG_CONFIG_HOME");
   if (paths.preferences.empty()) paths.preferences = home / ".config";
+  // A memory file system that lasts as long as the session (or the machine), like the journals.
+  paths.journals = absoluteFromEnvironment("XDG_RUNTIME_DIR");
+  std::error_code error;
+  if (paths.journals.empty() || !std::filesystem::is_directory(paths.journals, error))
+    paths.journals = "/dev/shm";
   return paths;
 }
 

@@ -90,11 +90,14 @@ Storage::State::Found Storage::State::repair(int file, const std::string& path, 
   return Found::nothing;
 }
 
-void Storage::State::finishStale(const std::string& path) {
+void Storage::State::finishStale(std::uint64_t number) {
+  const std::string path = pathFor(number);
   const UniqueFd file = platform::openOwnFile(path, O_RDWR | O_APPEND);
   if (!file && notOurs(errno)) setAside(path);
   struct stat info;
   if (!file || !tryLock(file.get()) || !stillNamed(file.get(), path, info)) return;
+  // A dead writer's batch that its journal's recovery will cut back and finish.
+  if (namedByJournal(number)) return;
   bool holdsEvents = false;
   if (info.st_size == 0) {
     ::unlink(path.c_str());
@@ -135,9 +138,10 @@ bool Storage::State::recover() {
   if (!unfinished) return true;
   recovered = true;
   for (const std::uint64_t stale : *unfinished) {
-    if (stale < next) finishStale(pathFor(stale));
+    if (stale < next) finishStale(stale);
   }
   if (next != index) storeIndex(next);
+  recoverJournals();
   return true;
 }
 

@@ -35,7 +35,7 @@ bool writeNewBatch(const std::filesystem::path& directory, const std::string& pa
 
 std::optional<std::pair<std::filesystem::path, std::filesystem::path>> Storage::splitBatch(
     const std::filesystem::path& file) {
-  return queue_.sync(
+  return lock_.sync(
       [&]() noexcept -> std::optional<std::pair<std::filesystem::path, std::filesystem::path>> {
         try {
           const std::string& path = file.native();
@@ -81,7 +81,7 @@ std::optional<std::pair<std::filesystem::path, std::filesystem::path>> Storage::
 }
 
 bool Storage::setAsideRefused(const std::filesystem::path& file) {
-  return queue_.sync([&]() noexcept {
+  return lock_.sync([&]() noexcept {
     try {
       const std::string& path = file.native();
       if (!path.ends_with(kTempExtension)) return false;

@@ -142,7 +142,7 @@ bool notOurs(int error) noexcept {
 void Storage::State::storeIndex(std::uint64_t value) {
   setIndex(value);
   if (!suite) return;
-  suite->set(rawValue(Constants::events), JSON(index));
+  suite->set(rawValue(Key::events), JSON(index));
   suite->synchronize();  // on failure the suite retries with its next write
 }
 
@@ -211,6 +211,12 @@ bool Storage::State::openCurrent(bool create) {
     }
     struct stat info;
     if (!stillNamed(file.get(), currentPath, info)) continue;  // finished or removed meanwhile
+    if (info.st_size > 0 && namedByJournal(index)) {
+      // A dead writer's batch that its journal's recovery will cut back and finish.
+      file.reset();
+      skipTakenNumbers();
+      continue;
+    }
     bool holdsEvents = false;
     if (info.st_size == 0) {
       if (!create) return false;
@@ -253,7 +259,9 @@ void Storage::State::finish() {
   }
   switch (appendClosing(fd, currentPath)) {
     case Closing::written:
-      commits.allSynced();  // the closing text was synced, and every event before it
+      // The closing text was synced, and every event before it.
+      commits.allSynced();
+      syncedWrites.store(drainedWrites, std::memory_order_release);
       break;
     case Closing::notWritten:
       return;
@@ -271,9 +279,8 @@ void Storage::State::finish() {
   advanceIndex();
 }
 
-std::uint64_t Storage::State::append(std::string_view text) {
-  if (!recover()) return lost(errno);
-
+bool Storage::State::prepareBatch(off_t rollOverAt) {
+  if (!recover()) return false;
   // A batch deleted behind our back (its link count 0) is left for a new one. Looked at now and
   // then rather than for every event: a status call would cost as much as the write itself.
   // Events written in between go with the deleted file.
@@ -285,13 +292,26 @@ std::uint64_t Storage::State::append(std::string_view text) {
       if (::fstat(fd, &info) != 0 || info.st_nlink == 0) closeCurrent();
     }
   }
-  keepWithinBound(text.size());
-  if (fd < 0 && !openCurrent(true)) return lost(errno);
-  if (size >= kRollOverSize) {
+  if (fd < 0 && !openCurrent(true)) return false;
+  if (size >= rollOverAt) {
     finish();
     // When finishing failed the batch stays open and takes the event after all.
-    if (fd < 0 && !openCurrent(true)) return lost(errno);
+    if (fd < 0 && !openCurrent(true)) return false;
   }
+  return true;
+}
+
+void Storage::State::storedAgain() {
+  if (lostEvents == 0) return;
+  platform::printLine("Pelora: events are stored again; " + std::to_string(lostEvents) +
+                          " could not be stored and are lost",
+                      LogLevel::warning);
+  lostEvents = 0;
+}
+
+std::uint64_t Storage::State::append(std::string_view text) {
+  keepWithinBound(text.size());
+  if (!prepareBatch(kRollOverSize)) return lost(errno);
   const std::size_t skip = hasEvents ? 0 : 1;  // the first event of a batch has no comma
   bool durable = syncedWritesWork && commits.alone();
   const bool triedDurable = durable;
@@ -303,12 +323,7 @@ std::uint64_t Storage::State::append(std::string_view text) {
   }
   size += static_cast<off_t>(text.size() - skip);
   hasEvents = true;
-  if (lostEvents > 0) {
-    platform::printLine("Pelora: events are stored again; " + std::to_string(lostEvents) +
-                            " could not be stored and are lost",
-                        LogLevel::warning);
-    lostEvents = 0;
-  }
+  storedAgain();
   if (triedDurable && !durable) syncedWritesWork = false;  // not here: don't ask again
   return commits.wrote(file, durable);
 }
@@ -324,6 +339,7 @@ std::uint64_t Storage::State::lost(int error) {
 }
 
 std::size_t Storage::State::eraseAll() {
+  discardJournal();
   closeCurrent();
   std::size_t erased = 0;
   std::error_code error;
@@ -346,12 +362,14 @@ std::size_t Storage::State::eraseAll() {
 
 std::vector<std::filesystem::path> Storage::State::finishAndList() {
   if (!recover()) return {};
+  drainJournal();
+  recoverJournals();
   finish();
   dropExpired();
   // Batches that crashed writers left behind (or that other clients gave up) go out too.
   std::uint64_t next = index;
   if (const auto unfinished = unfinishedBatches(next)) {
-    for (const std::uint64_t stale : *unfinished) finishStale(pathFor(stale));
+    for (const std::uint64_t stale : *unfinished) finishStale(stale);
   }
   if (!createDirectory()) return {};
   std::vector<std::filesystem::path> files;

@@ -1,6 +1,6 @@
-// Storage's queue-confined part, Storage::State: the suite, the event-file index and the open batch
+// Storage's lock-guarded part, Storage::State: the suite, the event-file index and the open batch
 // file; appending, finishing and listing batches (batch_writer.cpp) and recovering what crashed
-// writers left (batch_recovery.cpp). Every member function runs on the storage queue only.
+// writers left (batch_recovery.cpp). Every member function runs holding the storage lock.
 //
 // Several writers may share an events directory: two clients of one process, or two processes of
 // one application. Each writes only to a batch file it holds an exclusive flock on, from opening it
@@ -29,6 +29,7 @@
 #include "pelora/platform/private_files.hpp"
 #include "pelora/platform/user_defaults.hpp"
 #include "pelora/state/batch_format.hpp"
+#include "pelora/state/event_journal.hpp"
 #include "pelora/state/group_commit.hpp"
 #include "pelora/state/storage.hpp"
 
@@ -103,8 +104,18 @@ struct Storage::State {
   // Whether writes that sync themselves (RWF_DSYNC) work on this kernel and file system.
   bool syncedWritesWork = true;
   std::uint64_t lostEvents = 0;  // since the last event that was stored
-  bool refusingEvents = false;   // see Storage::refuseEvents
+  // See Storage::refuseEvents. Changed holding the lock; recording threads look without it.
+  std::atomic<bool> refusingEvents{false};
   detail::GroupCommit commits;
+
+  // The background writer (journal_writer.cpp). Recorded events wait in `journal` until a drain
+  // appends them to the batches; null when every event syncs its own write (syncEveryEvent, or
+  // no journal could be made). Journals live under `journalRoot`, named for `directory`.
+  std::unique_ptr<detail::EventJournal> journal;
+  std::filesystem::path journalRoot;
+  std::uint64_t drainedWrites = 0;             // writes of drains so far
+  std::atomic<std::uint64_t> syncedWrites{0};  // how many of them a finished sync covers
+  std::function<void(const std::filesystem::path&, std::uint64_t)> syncObserver;
 
   // The disk bound (disk_bound.cpp). What it knows of the directory is kept from one listing to
   // the next: with thousands of batches stored, listing them for every roll-over would make each
@@ -187,8 +198,9 @@ struct Storage::State {
   // before its lock goes, so that no other writer can take it for an unfinished one.
   void finish();
 
-  // Finishes an unfinished batch that no writer holds (a crashed one's).
-  void finishStale(const std::string& path);
+  // Finishes the unfinished batch `number` when no writer holds it (a crashed one's) and no
+  // journal names it.
+  void finishStale(std::uint64_t number);
 
   // The unfinished batches in the directory other than our own current one, and the number after
   // the highest one in use. Nothing when the directory cannot be listed.
@@ -206,9 +218,47 @@ struct Storage::State {
   // for GroupCommit::waitFor, or 0 when nothing was written.
   std::uint64_t append(std::string_view text);
 
+  // Before an append: the directory is recovered and the current batch is open, still named and
+  // below `rollOverAt` bytes (a full one is finished first). False (errno set) when no batch
+  // could be opened.
+  bool prepareBatch(off_t rollOverAt);
+
+  // Appends `texts` (events without their commas) to the current batch with as few writes as
+  // may be, rolling over where append() would. Before each write, `writing(end, batch, offset)`
+  // learns that the texts before index `end` go to batch number `batch` at byte `offset`; after
+  // it, `written(end)` learns that they are dealt with (written, or lost as append() loses them).
+  using Writing = std::function<void(std::size_t end, std::uint64_t batch, off_t offset)>;
+  void appendEvents(const std::vector<std::string_view>& texts, const Writing& writing,
+                    const std::function<void(std::size_t end)>& written);
+  // Appends the journal's published records to the batches and releases them; discards them
+  // while refusing events.
+  void drainJournal();
+  // Releases every published record of the journal unwritten.
+  void discardJournal();
+
+  // What a sync must cover for every drained write to be on disk: the open batch, its name and
+  // size, and the count of drained writes it covers. Nothing when they are all synced.
+  struct SyncTarget {
+    std::shared_ptr<const detail::BatchFile> file;
+    std::filesystem::path path;
+    std::uint64_t size = 0;
+    std::uint64_t writes = 0;
+  };
+  std::optional<SyncTarget> unsyncedDrains() const;
+
+  // Whether a journal other than ours, of a live process or a dead one, names batch `number` as
+  // its current one: then only its owner, or whoever recovers the journal, may finish it.
+  bool namedByJournal(std::uint64_t number) const;
+  // Adopts the journals that dead processes left for this directory: cuts back a batch that a
+  // drain was writing when its owner died, appends their records to our batches, syncs them,
+  // deletes the journals and finishes the batches they named.
+  void recoverJournals();
+
   // An event that found no room (or a failing disk) is lost: the host hears of the first of a run
   // of them and, once events are stored again, how many there were.
   std::uint64_t lost(int error);
+  // An event was stored: the host hears how many were lost before it, if any.
+  void storedAgain();
 
   // Finishes the current batch and those that crashed writers left, and lists the finished ones.
   std::vector<std::filesystem::path> finishAndList();

@@ -127,4 +127,15 @@ Configuration& Configuration::proxy(std::string url) {
   return *this;
 }
 
+Configuration& Configuration::syncWindow(std::chrono::milliseconds window) {
+  if (window.count() <= 0) throw std::invalid_argument("syncWindow: must be positive");
+  values.syncWindow = window;
+  return *this;
+}
+
+Configuration& Configuration::syncEveryEvent(bool value) {
+  values.syncEveryEvent = value;
+  return *this;
+}
+
 }  // namespace pelora

@@ -83,6 +83,13 @@ class PELORA_API Configuration {
     // The proxy for every request of the client ("http://host:port"); empty: the environment's
     // https_proxy, all_proxy and no_proxy apply.
     std::string proxy;
+    // trackBash copies the event into a journal in memory that survives the process (not a power
+    // cut) and returns; a background writer appends it to the batch file and syncs it within
+    // this time. flush(deadline) and shutdown(deadline) sync everything first.
+    std::chrono::milliseconds syncWindow{100};
+    // Instead, each trackBash returns only once its event is synced to disk (slower; a power cut
+    // loses nothing that was recorded).
+    bool syncEveryEvent = false;
   };
 
   // Defaults everywhere, enableIAM true. Throws std::invalid_argument when `writeKey` is not
@@ -112,6 +119,9 @@ class PELORA_API Configuration {
   // Throws std::invalid_argument unless `url` is empty (no proxy of our own) or an http, https or
   // socks proxy URL with a host and nothing after it but "/".
   Configuration& proxy(std::string url);
+  // Throws std::invalid_argument unless `window` is positive.
+  Configuration& syncWindow(std::chrono::milliseconds window);
+  Configuration& syncEveryEvent(bool value);
 
   // Read by the library; hosts change options through the constructors and setters.
   Values values;

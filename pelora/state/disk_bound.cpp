@@ -1,6 +1,6 @@
 // Storage's disk bound: keeps a write key's stored batches within maxStoredBytes and maxBatchAge by
-// deleting the oldest finished batches, and counts and reports the events they held. Runs on the
-// storage queue, like the rest of Storage::State.
+// deleting the oldest finished batches, and counts and reports the events they held. Runs holding
+// the storage lock, like the rest of Storage::State.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -139,11 +139,13 @@ void Storage::State::keepWithinBound(std::size_t incoming) {
     known->bytes += incoming;
     known->writtenSince += incoming;
   }
-  // Listed again now and then for other writers' batches, and before deleting anything when
-  // delivery has changed the directory since: the picture may count bytes that are gone.
+  // Listed again now and then for other writers' batches, and before deleting anything unless
+  // the listing is as fresh as can be (nothing written since but this event): the picture may
+  // count bytes that delivery, ours or another process's, has deleted since.
   const bool stale = !known || known->writtenSince > listingInterval(maxBytes) ||
                      (known->bytes > maxBytes &&
-                      directoryChanges.load(std::memory_order_acquire) != known->changesSeen);
+                      (known->writtenSince > incoming ||
+                       directoryChanges.load(std::memory_order_acquire) != known->changesSeen));
   if (stale) {
     if (!listKnown()) {
       known.emplace().stuck = true;  // tried again once the interval has been written

@@ -24,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Files = std::vector<fs::path>;
-using Key = Storage::Constants;
+using Key = Storage::Key;
 
 std::string readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -92,7 +92,7 @@ class DiskBound : public ::testing::Test {
   void record(Storage& s, int from, int to, int perBatch = 10) {
     for (int n = from; n < to; ++n) {
       s.write(Key::events, event(n));
-      if ((n + 1) % perBatch == 0) (void)s.read<Files>(Key::events);
+      if ((n + 1) % perBatch == 0) (void)s.finishAndList();
     }
   }
   fs::path directory() { return storage()->eventsDirectory(); }
@@ -107,7 +107,7 @@ TEST_F(DiskBound, DropsTheOldestBatchesCountsEveryEventAndSaysSoOnce) {
   auto s = storage();
   s->setLimits(kBound, 0s);
   record(*s, 0, 2000);
-  (void)s->read<Files>(Key::events);
+  (void)s->finishAndList();
 
   EXPECT_LE(bytesStored(directory()), kBound);
   const auto kept = storedNumbers(directory());
@@ -119,7 +119,7 @@ TEST_F(DiskBound, DropsTheOldestBatchesCountsEveryEventAndSaysSoOnce) {
   EXPECT_EQ(said.count(), 1);  // one episode: no batch was delivered in between
 
   // A delivered batch ends the episode: the next drop is reported again.
-  s->remove(s->read<Files>(Key::events)->front());
+  s->remove(s->finishAndList().front());
   record(*s, 2000, 2600);
   EXPECT_EQ(said.count(), 2);
 }
@@ -127,7 +127,7 @@ TEST_F(DiskBound, DropsTheOldestBatchesCountsEveryEventAndSaysSoOnce) {
 TEST_F(DiskBound, NeverDeletesABatchBeingSentOrWhileAnotherUploaderMayBeSendingIt) {
   auto s = storage();
   record(*s, 0, 10);
-  const fs::path oldest = s->read<Files>(Key::events)->front();
+  const fs::path oldest = s->finishAndList().front();
   s->setLimits(16 * 1024, 0s);
   s->markSending(oldest, true);
   record(*s, 10, 400);
@@ -159,7 +159,7 @@ TEST_F(DiskBound, BatchesDeliveredSinceTheLastCountMakeRoomAndNothingWithinTheBo
   record(*s, n, n + 1);
   ++n;
   // Delivered out of order, as parallel uploads finish: the newest batches go, the oldest stay.
-  auto files = *s->read<Files>(Key::events);
+  auto files = s->finishAndList();
   while (bytesStored(directory()) > 34 * 1024) {
     s->remove(files.back());
     files.pop_back();
@@ -179,8 +179,8 @@ TEST_F(DiskBound, SeveralWritersOnOneDirectoryStayWithinTheBoundAndLoseNothingUn
   std::thread other([&] { record(*b, 10'000, 11'000, 7); });
   record(*a, 0, 1000, 13);
   other.join();
-  (void)a->read<Files>(Key::events);
-  (void)b->read<Files>(Key::events);
+  (void)a->finishAndList();
+  (void)b->finishAndList();
   // Each writer counts what it wrote since it last looked: the other's share may pass briefly.
   EXPECT_LE(bytesStored(directory()), kBound + kBound / 8);
   EXPECT_EQ(storedNumbers(directory()).size() + a->droppedEvents() + b->droppedEvents(), 2000u);
@@ -189,13 +189,13 @@ TEST_F(DiskBound, SeveralWritersOnOneDirectoryStayWithinTheBoundAndLoseNothingUn
 TEST_F(DiskBound, BatchesOlderThanTheAgeLimitAreDropped) {
   auto s = storage();
   record(*s, 0, 20);
-  auto files = *s->read<Files>(Key::events);
+  auto files = s->finishAndList();
   ASSERT_EQ(files.size(), 2u);
   const timespec twoHoursAgo{::time(nullptr) - 7200, 0};
   const timespec times[2] = {twoHoursAgo, twoHoursAgo};
   ASSERT_EQ(::utimensat(AT_FDCWD, files[0].c_str(), times, 0), 0);
   s->setLimits(0, 3600s);
-  EXPECT_EQ(s->read<Files>(Key::events)->size(), 1u);
+  EXPECT_EQ(s->finishAndList().size(), 1u);
   EXPECT_EQ(s->droppedEvents(), 10u);
 }
 
@@ -203,14 +203,14 @@ TEST_F(DiskBound, ABatchSplitsIntoTwoValidHalvesThatSortWhereItWas) {
   auto s = storage();
   record(*s, 0, 5, 5);
   record(*s, 5, 6, 1);
-  auto files = *s->read<Files>(Key::events);
+  auto files = s->finishAndList();
   ASSERT_EQ(files.size(), 2u);
   const std::string original = readFile(files[0]);
 
   const auto halves = s->splitBatch(files[0]);
   ASSERT_TRUE(halves);
   EXPECT_FALSE(fs::exists(files[0]));
-  auto listed = *s->read<Files>(Key::events);
+  auto listed = s->finishAndList();
   ASSERT_EQ(listed, (Files{halves->first, halves->second, files[1]}));
   const JSON whole = JSON::parse(original);
   std::vector<std::int64_t> numbers;
@@ -232,9 +232,9 @@ TEST_F(DiskBound, ABatchSplitsIntoTwoValidHalvesThatSortWhereItWas) {
 TEST_F(DiskBound, ARefusedBatchIsKeptAsideNeverListedAndFallsToTheBound) {
   auto s = storage();
   record(*s, 0, 10);
-  const fs::path batch = s->read<Files>(Key::events)->front();
+  const fs::path batch = s->finishAndList().front();
   ASSERT_TRUE(s->setAsideRefused(batch));
-  EXPECT_TRUE(s->read<Files>(Key::events)->empty());
+  EXPECT_TRUE(s->finishAndList().empty());
   fs::path refused = batch;
   refused.replace_extension(detail::kRefusedExtension);
   ASSERT_TRUE(fs::exists(refused));

@@ -58,18 +58,10 @@ struct EventJournal::Shared {
   std::atomic<std::uint64_t> drainEnd;
   std::atomic<std::uint64_t> drainBatch;
   std::atomic<std::uint64_t> drainOffset;
-  std::atomic<std::uint64_t> currentBatch;
+  std::atomic<std::uint64_t> currentBatch;  // its number + 1; 0 while it names none
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free,
               "the ring's counters are shared between processes");
-
-std::filesystem::path EventJournal::defaultRoot() {
-  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime == '/') {
-    std::error_code error;
-    if (std::filesystem::is_directory(runtime, error)) return runtime;
-  }
-  return "/dev/shm";
-}
 
 std::filesystem::path EventJournal::directoryFor(const std::filesystem::path& root,
                                                  const std::string& owner) {
@@ -190,7 +182,9 @@ EventJournal::Appended EventJournal::append(std::string_view text, void (*wake)(
       reserved = shared_->tail.load(std::memory_order_relaxed);
       continue;
     }
-    if (shared_->tail.compare_exchange_weak(reserved, end, std::memory_order_acq_rel,
+    // Sequentially consistent, like empty(): a drainer that goes idle and then finds the ring
+    // empty is sure that the appender will see it idle and wake it.
+    if (shared_->tail.compare_exchange_weak(reserved, end, std::memory_order_seq_cst,
                                             std::memory_order_relaxed)) {
       break;
     }
@@ -245,16 +239,18 @@ void EventJournal::release(std::uint64_t end) noexcept {
 }
 
 bool EventJournal::empty() const noexcept {
-  return shared_->head.load(std::memory_order_acquire) ==
-         shared_->tail.load(std::memory_order_acquire);
+  return shared_->head.load(std::memory_order_seq_cst) ==
+         shared_->tail.load(std::memory_order_seq_cst);
 }
 
 void EventJournal::setCurrentBatch(std::uint64_t number) noexcept {
-  shared_->currentBatch.store(number, std::memory_order_release);
+  shared_->currentBatch.store(number + 1, std::memory_order_release);
 }
 
-std::uint64_t EventJournal::currentBatch() const noexcept {
-  return shared_->currentBatch.load(std::memory_order_acquire);
+std::optional<std::uint64_t> EventJournal::currentBatch() const noexcept {
+  const std::uint64_t stored = shared_->currentBatch.load(std::memory_order_acquire);
+  if (stored == 0) return std::nullopt;
+  return stored - 1;
 }
 
 std::optional<std::uint64_t> EventJournal::currentBatchOf(const std::filesystem::path& file,
@@ -269,7 +265,8 @@ std::optional<std::uint64_t> EventJournal::currentBatchOf(const std::filesystem:
   const auto* shared = static_cast<const Shared*>(memory);
   std::optional<std::uint64_t> number;
   if (std::memcmp(shared->magic, kMagic, sizeof kMagic) == 0 && shared->ownerHash == fnv1a(owner)) {
-    number = shared->currentBatch.load(std::memory_order_acquire);
+    if (const std::uint64_t stored = shared->currentBatch.load(std::memory_order_acquire))
+      number = stored - 1;
   }
   ::munmap(memory, kPage);
   return number;

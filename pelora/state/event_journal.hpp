@@ -37,12 +37,10 @@ class EventJournal {
   };
 
   // The journals of the events directory `owner` live in one directory of their own under `root`
-  // (a memory file system: $XDG_RUNTIME_DIR, else /dev/shm), so that clients of other data never
+  // (a memory file system, see platform::Paths::journals), so that clients of other data never
   // meet.
   static std::filesystem::path directoryFor(const std::filesystem::path& root,
                                             const std::string& owner);
-  // The root used when the host sets none.
-  static std::filesystem::path defaultRoot();
   // A new journal for `owner`, holding `capacity` bytes of records (rounded up to whole pages),
   // its memory allocated ahead so that no append waits for a page or finds the memory file
   // system full. Nothing (errno set) when it cannot be made.
@@ -89,16 +87,18 @@ class EventJournal {
   void beginDrain(const Drain& drain) noexcept;
   // The records up to `end` are in a batch file: their room is free again.
   void release(std::uint64_t end) noexcept;
-  // Whether every record appended so far has been released.
+  // Whether every record reserved so far has been released. Ordered with append()'s reservation,
+  // so that a drainer can go idle without missing a wake-up: it clears its flag, then looks here;
+  // an appender reserves, then looks at the flag (see Storage::drainRound).
   bool empty() const noexcept;
   // The number of the batch the drainer appends to, kept in the journal: while a journal names a
   // batch, only its owner or whoever recovers the journal may finish that batch.
   void setCurrentBatch(std::uint64_t number) noexcept;
-  // The batch `file`, a journal of `owner` alive or dead, names; nothing when it is not one.
+  // The batch `file`, a journal of `owner` alive or dead, names; nothing when it is not one or
+  // names none yet.
   static std::optional<std::uint64_t> currentBatchOf(const std::filesystem::path& file,
                                                      const std::string& owner);
-
-  std::uint64_t currentBatch() const noexcept;
+  std::optional<std::uint64_t> currentBatch() const noexcept;
   // Recovery of an adopted journal: the drain that was under way when its owner died, if any
   // (its batch must be cut back to `offset` before the records are written again).
   std::optional<Drain> unfinishedDrain() const noexcept;

@@ -1,5 +1,5 @@
 // Group commit for the batch files: many recording threads share each fdatasync. The storage's
-// batch writer calls alone() and wrote() on the storage queue; each recording thread then calls
+// batch writer calls alone() and wrote() holding the storage lock; each recording thread then calls
 // waitFor() outside it. BatchFile owns the descriptor of one open batch.
 #pragma once
 
@@ -22,7 +22,7 @@ struct BatchFile {
   const int fd;
 };
 
-// Group commit. Events are written under the storage queue in order; each writer then waits,
+// Group commit. Events are written under the storage lock in order; each writer then waits,
 // outside the queue, until a sync that began after its write has finished. The first writer to
 // find no sync running syncs the latest batch for everyone written so far; the others wait for it
 // or for the next one. Finishing a batch syncs it (its closing text), which covers every event
@@ -32,7 +32,7 @@ struct BatchFile {
 struct GroupCommit {
   std::mutex mutex;
   std::condition_variable done;
-  std::uint64_t written = 0;  // events written so far; changed under the storage queue and `mutex`
+  std::uint64_t written = 0;  // events written so far; changed under the storage lock and `mutex`
   // Written under `mutex`; atomic so that alone() may look without taking it.
   std::atomic<bool> syncing{false};
   std::shared_ptr<const BatchFile> latest;  // the batch the last event went to
@@ -43,10 +43,10 @@ struct GroupCommit {
   // of leaving them for the next sync.
   std::atomic<int> arriving{0};
 
-  // Under the storage queue, before a write: whether the writer is alone (every event before it
+  // Under the storage lock, before a write: whether the writer is alone (every event before it
   // is on disk, no sync is running, no other writer is on its way), so that its write may carry
   // its own sync. A group shares one sync instead.
-  // Without `mutex`: `written` and `soloPause` only change under the storage queue, which the
+  // Without `mutex`: `written` and `soloPause` only change under the storage lock, which the
   // caller holds, and every thread that records would take the lock here.
   bool alone() {
     if (soloPause > 0) {
@@ -57,7 +57,7 @@ struct GroupCommit {
            synced.load(std::memory_order_acquire) == written &&
            arriving.load(std::memory_order_acquire) == 1;
   }
-  // Under the storage queue, after an event was written to `file`: its ticket. `durable` when the
+  // Under the storage lock, after an event was written to `file`: its ticket. `durable` when the
   // write synced itself (alone() was true): nothing written before it was left unsynced, so the
   // ticket is on disk already.
   std::uint64_t wrote(const std::shared_ptr<const BatchFile>& file, bool durable = false) {
@@ -73,7 +73,7 @@ struct GroupCommit {
     if (durable && arriving.load(std::memory_order_acquire) > 1) soloPause = kSoloPause;
     return written;
   }
-  // Under the storage queue, after a batch was synced whole.
+  // Under the storage lock, after a batch was synced whole.
   void allSynced() {
     std::lock_guard lock(mutex);
     synced.store(written, std::memory_order_release);
@@ -86,7 +86,7 @@ struct GroupCommit {
   static constexpr int kSpins = 200;
   static constexpr int kSoloPause =
       1024;           // writes that share syncs after a solo write was in the way
-  int soloPause = 0;  // under the storage queue
+  int soloPause = 0;  // under the storage lock
   static constexpr std::chrono::microseconds kMaxWait{200};
   std::uint64_t lastGroup = 0;            // events of the last round (see waitFor)
   std::chrono::microseconds lastSync{0};  // how long it took

@@ -8,11 +8,14 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <system_error>
 
 #include "pelora/platform/concurrency.hpp"
+#include "pelora/platform/console.hpp"
 #include "pelora/platform/http_session.hpp"
+#include "pelora/platform/logging.hpp"
 #include "pelora/platform/private_files.hpp"
 #include "pelora/platform/user_defaults.hpp"
 #include "pelora/state/batch_format.hpp"
@@ -22,24 +25,27 @@ namespace pelora {
 namespace {
 
 constexpr std::string_view kSuitePrefix = "com.pelora.storage.";
+// The journal's room for recorded events that the writer has not written yet: tens of thousands
+// of ordinary events, and 1 MiB for one event (larger ones are synced by the caller).
+constexpr std::size_t kJournalCapacity = 4u << 20;
 
 }  // namespace
 
-std::string_view rawValue(Storage::Constants key) noexcept {
+std::string_view rawValue(Storage::Key key) noexcept {
   switch (key) {
-    case Storage::Constants::userId:
+    case Storage::Key::userId:
       return "pelora.userId";
-    case Storage::Constants::traits:
+    case Storage::Key::traits:
       return "pelora.traits";
-    case Storage::Constants::anonymousId:
+    case Storage::Key::anonymousId:
       return "pelora.anonymousId";
-    case Storage::Constants::settings:
+    case Storage::Key::settings:
       return "pelora.settings";
-    case Storage::Constants::optedOut:
+    case Storage::Key::optedOut:
       return "pelora.optedOut";
-    case Storage::Constants::consent:
+    case Storage::Key::consent:
       return "pelora.consent";
-    case Storage::Constants::events:
+    case Storage::Key::events:
       break;
   }
   return "pelora.events";
@@ -76,15 +82,19 @@ std::string safeFileName(std::string_view writeKey) {
 
 }  // namespace detail
 
-Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths)
+Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths,
+                 Durability durability)
     : store_(std::move(store)),
       writeKey_(std::move(writeKey)),
-      queue_(std::string("storage.").append(platform::queueLabelSuffix)),
-      state_(std::make_unique<State>()) {
-  if (paths.documents.empty() || paths.preferences.empty()) {
+      lock_(std::string("storage.").append(platform::queueLabelSuffix)),
+      state_(std::make_unique<State>()),
+      drainPeriod_(std::clamp<std::chrono::nanoseconds>(
+          durability.syncWindow / 4, std::chrono::milliseconds(1), std::chrono::seconds(1))) {
+  if (paths.documents.empty() || paths.preferences.empty() || paths.journals.empty()) {
     const auto defaults = platform::Paths::defaults();
     if (paths.documents.empty()) paths.documents = defaults.documents;
     if (paths.preferences.empty()) paths.preferences = defaults.preferences;
+    if (paths.journals.empty()) paths.journals = defaults.journals;
   }
   const std::string name = detail::safeFileName(writeKey_);
   state_->writeKey = writeKey_;
@@ -93,21 +103,53 @@ Storage::Storage(std::shared_ptr<Store> store, std::string writeKey, platform::P
   state_->documents = paths.documents;
   state_->ownDirectory = std::filesystem::path("pelora") / name;
   state_->directory = state_->documents / state_->ownDirectory;
+  state_->journalRoot = paths.journals;
   state_->suite = platform::UserDefaults::open(paths.preferences, std::string(kSuitePrefix) + name);
   std::uint64_t stored = 0;
   if (state_->suite) {
-    if (auto value = state_->suite->get(rawValue(Constants::events)))
+    if (auto value = state_->suite->get(rawValue(Key::events)))
       stored = value->uintValue().value_or(0);
   }
   state_->setIndex(stored);
+  if (durability.syncEveryEvent) return;
+  state_->journal =
+      detail::EventJournal::create(paths.journals, state_->directory.native(), kJournalCapacity);
+  if (!state_->journal) {
+    platform::printLine("Pelora: no event journal in " + paths.journals.string() + " (" +
+                            std::strerror(errno) + "); each event is synced as it is recorded",
+                        LogLevel::warning);
+    return;
+  }
+  drainQueue_ = platform::SerialQueue::create(
+      std::string("storage.drain.").append(platform::queueLabelSuffix));
+  syncQueue_ = platform::SerialQueue::create(
+      std::string("storage.sync.").append(platform::queueLabelSuffix));
 }
 
-Storage::~Storage() = default;
+Storage::~Storage() {
+  auto& journal = state_->journal;
+  if (!journal) return;
+  // A clean end writes out and syncs what is recorded; a journal that still holds events (the
+  // disk failed) stays for the next storage of this directory.
+  lock_.sync([&]() noexcept {
+    try {
+      state_->drainJournal();
+    } catch (const std::exception&) {
+    }
+  });
+  syncDrained();
+  if (journal->empty()) {
+    const auto directory = journal->path().parent_path();
+    journal->remove();
+    std::error_code ignored;
+    std::filesystem::remove(directory, ignored);  // only when no other journal is in it
+  }
+}
 
 std::shared_ptr<Storage> Storage::create(std::shared_ptr<Store> store, std::string writeKey,
-                                         platform::Paths paths) {
+                                         platform::Paths paths, Durability durability) {
   return std::shared_ptr<Storage>(
-      new Storage(std::move(store), std::move(writeKey), std::move(paths)));
+      new Storage(std::move(store), std::move(writeKey), std::move(paths), durability));
 }
 
 std::filesystem::path Storage::eventsDirectory() const {
@@ -115,25 +157,49 @@ std::filesystem::path Storage::eventsDirectory() const {
   return state_->directory;
 }
 
-// Each block catches its own failures so that nothing unwinds through the queue.
+// Each block catches its own failures so that nothing unwinds through the lock.
 
 void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
-  // Encoded on the caller's thread, so that recording threads encode side by side and hold the
-  // queue only for the write; the buffer is the thread's own and keeps its memory.
+  // Encoded on the caller's thread, so that recording threads encode side by side; the buffer is
+  // the thread's own and keeps its memory.
   thread_local std::string text;
-  auto& arriving = state_->commits.arriving;
-  arriving.fetch_add(1, std::memory_order_acq_rel);
   try {
     text.assign(1, ',');
     appendText(text, event);
   } catch (const std::exception&) {
-    arriving.fetch_sub(1, std::memory_order_acq_rel);
     return;  // not encodable (or out of memory): nothing is written
   }
-  const std::uint64_t ticket = queue_.sync([&]() noexcept -> std::uint64_t {
+  detail::EventJournal* journal = state_->journal.get();
+  if (journal == nullptr) {
+    appendAndSync(text);
+  } else if (!state_->refusingEvents.load(std::memory_order_relaxed)) {
+    // A copy into memory that outlives the process: safe from a kill once it returns.
+    switch (journal->append(
+        std::string_view(text).substr(1),
+        [](void* self) { static_cast<Storage*>(self)->scheduleDrain(true); }, this)) {
+      case detail::EventJournal::Appended::stored:
+        if (!drainPending_.load(std::memory_order_seq_cst)) scheduleDrain(false);
+        break;
+      case detail::EventJournal::Appended::storedFilling:
+        scheduleDrain(true);
+        break;
+      case detail::EventJournal::Appended::tooLarge:
+        appendAndSync(text);  // after what the journal holds, so that order is kept
+        break;
+    }
+  }
+  // One huge event must not pin its buffer for the life of the thread.
+  if (text.capacity() > (1u << 20)) std::string().swap(text);
+}
+
+void Storage::appendAndSync(const std::string& text) noexcept {
+  auto& arriving = state_->commits.arriving;
+  arriving.fetch_add(1, std::memory_order_acq_rel);
+  const std::uint64_t ticket = lock_.sync([&]() noexcept -> std::uint64_t {
     std::uint64_t written = 0;
     try {
-      if (!state_->refusingEvents) written = state_->append(text);
+      state_->drainJournal();
+      if (!state_->refusingEvents.load(std::memory_order_relaxed)) written = state_->append(text);
     } catch (const std::exception&) {
       // out of memory on the way: the event is lost, the host never hears of it
     }
@@ -142,12 +208,112 @@ void Storage::writeEvent(AppendText appendText, const void* event) noexcept {
   });
   // Durable before the call returns; threads recording at once share one sync.
   if (ticket != 0) state_->commits.waitFor(ticket);
-  // One huge event must not pin its buffer for the life of the thread.
-  if (text.capacity() > (1u << 20)) std::string().swap(text);
 }
 
-void Storage::writeValue(Constants key, std::optional<JSON> value) noexcept {
-  queue_.sync([&]() noexcept {
+void Storage::scheduleDrain(bool urgent) noexcept {
+  try {
+    auto round = [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->drainRound();
+    };
+    if (urgent) {
+      if (!drainUrgent_.exchange(true)) drainQueue_->async(std::move(round));
+    } else if (!drainPending_.exchange(true, std::memory_order_seq_cst)) {
+      std::lock_guard lock(drainTimerMutex_);
+      if (!drainTimer_) {
+        drainTimer_ = platform::TimerSource::create(drainQueue_);
+        drainTimer_->setHandler(std::move(round));
+        drainTimer_->resume();
+      }
+      drainTimer_->schedule(drainPeriod_, std::chrono::nanoseconds(0));
+    }
+  } catch (const std::exception&) {
+    // Out of memory: the next event, flush or the end of the storage drains.
+    drainPending_.store(false);
+    drainUrgent_.store(false);
+  }
+}
+
+void Storage::drainRound() noexcept {
+  drainUrgent_.store(false);
+  lock_.sync([&]() noexcept {
+    try {
+      state_->drainJournal();
+    } catch (const std::exception&) {
+      // out of memory: the records stay for the next round
+    }
+  });
+  requestSync();
+  drainIdle();
+}
+
+void Storage::drainIdle() noexcept {
+  {
+    std::lock_guard lock(drainTimerMutex_);
+    if (drainTimer_) drainTimer_->cancel();
+    drainTimer_.reset();
+  }
+  // Idle again, unless records came meanwhile. The order matters: an appender reserves its
+  // record and then looks at the flag, so one of the two sees the other (see EventJournal::empty).
+  drainPending_.store(false, std::memory_order_seq_cst);
+  if (!state_->journal->empty()) scheduleDrain(false);
+}
+
+void Storage::requestSync() noexcept {
+  if (syncPending_.exchange(true)) return;
+  try {
+    syncQueue_->async([weak = weak_from_this()] {
+      if (auto self = weak.lock()) {
+        self->syncPending_.store(false);
+        self->syncDrained();
+      }
+    });
+  } catch (const std::exception&) {
+    syncPending_.store(false);
+  }
+}
+
+void Storage::syncDrained() noexcept {
+  const auto target = lock_.sync([&]() noexcept -> std::optional<State::SyncTarget> {
+    try {
+      return state_->unsyncedDrains();
+    } catch (const std::exception&) {
+      return std::nullopt;
+    }
+  });
+  if (!target) return;
+  if (::fdatasync(target->file->fd) != 0) {
+    platform::log::message(
+        "Event storage could not sync a batch: " + std::string(std::strerror(errno)),
+        LogFilterKind::error, "Storage::syncDrained", __LINE__);
+    return;
+  }
+  auto& synced = state_->syncedWrites;
+  std::uint64_t seen = synced.load(std::memory_order_acquire);
+  while (seen < target->writes &&
+         !synced.compare_exchange_weak(seen, target->writes, std::memory_order_acq_rel)) {
+  }
+  if (state_->syncObserver) state_->syncObserver(target->path, target->size);
+}
+
+void Storage::syncEvents() noexcept {
+  if (!state_->journal) return;  // every event was synced as it was written
+  lock_.sync([&]() noexcept {
+    try {
+      state_->drainJournal();
+    } catch (const std::exception&) {
+    }
+  });
+  syncDrained();
+  drainIdle();
+}
+
+void Storage::setSyncObserver(
+    std::function<void(const std::filesystem::path&, std::uint64_t)> observer) {
+  lock_.sync([&] { state_->syncObserver = std::move(observer); });
+}
+
+void Storage::writeValue(Key key, std::optional<JSON> value) noexcept {
+  lock_.sync([&]() noexcept {
     auto& suite = state_->suite;
     if (!suite) return;
     try {
@@ -163,8 +329,8 @@ void Storage::writeValue(Constants key, std::optional<JSON> value) noexcept {
   });
 }
 
-std::optional<JSON> Storage::readValue(Constants key) noexcept {
-  return queue_.sync([&]() noexcept -> std::optional<JSON> {
+std::optional<JSON> Storage::readValue(Key key) noexcept {
+  return lock_.sync([&]() noexcept -> std::optional<JSON> {
     if (!state_->suite) return std::nullopt;
     try {
       return state_->suite->get(rawValue(key));
@@ -175,17 +341,23 @@ std::optional<JSON> Storage::readValue(Constants key) noexcept {
 }
 
 void Storage::reloadSuite() {
-  queue_.sync([&]() noexcept {
+  lock_.sync([&]() noexcept {
     if (state_->suite) state_->suite->reload();
   });
 }
 
 void Storage::refuseEvents(bool refuse) {
-  queue_.sync([&]() noexcept { state_->refusingEvents = refuse; });
+  lock_.sync([&]() noexcept {
+    try {
+      if (refuse) state_->drainJournal();  // recorded before the choice: they stay
+    } catch (const std::exception&) {
+    }
+    state_->refusingEvents.store(refuse, std::memory_order_relaxed);
+  });
 }
 
 std::size_t Storage::eraseStoredEvents() {
-  return queue_.sync([&]() noexcept -> std::size_t {
+  return lock_.sync([&]() noexcept -> std::size_t {
     try {
       return state_->eraseAll();
     } catch (const std::exception&) {
@@ -195,7 +367,7 @@ std::size_t Storage::eraseStoredEvents() {
 }
 
 std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
-  return queue_.sync([&]() noexcept -> std::vector<std::filesystem::path> {
+  return lock_.sync([&]() noexcept -> std::vector<std::filesystem::path> {
     try {
       return state_->finishAndList();
     } catch (const std::exception&) {
@@ -205,14 +377,22 @@ std::vector<std::filesystem::path> Storage::finishAndList() noexcept {
 }
 
 void Storage::setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
-  queue_.sync([&]() noexcept {
+  lock_.sync([&]() noexcept {
     state_->maxBytes = maxBytes;
     state_->maxAge = maxAge;
     state_->known.reset();  // counted afresh against the new bound
   });
 }
 
-std::uint64_t Storage::droppedEvents() const noexcept {
+std::uint64_t Storage::droppedEvents() noexcept {
+  if (state_->journal && !state_->journal->empty()) {
+    lock_.sync([&]() noexcept {
+      try {
+        state_->drainJournal();
+      } catch (const std::exception&) {
+      }
+    });
+  }
   return state_->droppedEvents.load(std::memory_order_relaxed);
 }
 

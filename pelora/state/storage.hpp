@@ -1,15 +1,25 @@
 // Storage: the client's only persistence. Identity, traits and settings live in the user-defaults
 // suite "com.pelora.storage.<write key>"; events are appended to numbered batch files under
-// <documents>/pelora/<write key>/. Callable from any thread except the storage's own queue: every
-// file and suite access runs on that serial queue, which owns the open batch file and the suite.
+// <documents>/pelora/<write key>/. Callable from any thread: every file and suite access takes the
+// storage lock, which guards the open batch file and the suite.
+//
+// Recording an event copies it into a journal in shared memory that outlives the process (see
+// EventJournal) and returns; a background writer appends what the journal holds to the batch
+// files and syncs them within the sync window. With syncEveryEvent each write appends and syncs
+// its own event before it returns instead.
+//
 // Other storages on the same key (in this process or another) may share the directory: each
-// writes only to a batch it holds an flock on, and repairs and finishes what crashed ones left.
+// writes only to a batch it holds an flock on, and repairs and finishes what crashed ones left,
+// their journals included.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -56,16 +66,28 @@ class PELORA_API UploadClaim {
   int fd_ = -1;
 };
 
-class PELORA_API Storage {
+class PELORA_API Storage : public std::enable_shared_from_this<Storage> {
  public:
-  // The stored items; rawValue() gives each one's suite key.
+  // The storage keys; rawValue() gives each one's suite key. `events` names the batch files.
   // optedOut and consent hold the person's choice about tracking (see PeloraAnalytics::optOut).
-  enum class Constants { userId, traits, anonymousId, settings, events, optedOut, consent };
+  enum class Key { userId, traits, anonymousId, settings, events, optedOut, consent };
 
-  // Keeps `store` and `writeKey` and opens the suite; touches no event file. Empty members of
-  // `paths` take their defaults.
+  // How recorded events reach the disk.
+  struct Durability {
+    // Each event is written and synced before write() returns (slower, nothing to recover).
+    bool syncEveryEvent = false;
+    // Otherwise events are synced at most this long after write() returned.
+    std::chrono::milliseconds syncWindow{100};
+  };
+
+  // Keeps `store` and `writeKey`, opens the suite and makes the event journal; touches no event
+  // file. Empty members of `paths` take their defaults.
   static std::shared_ptr<Storage> create(std::shared_ptr<Store> store, std::string writeKey,
-                                         platform::Paths paths);
+                                         platform::Paths paths, Durability durability);
+  static std::shared_ptr<Storage> create(std::shared_ptr<Store> store, std::string writeKey,
+                                         platform::Paths paths) {
+    return create(std::move(store), std::move(writeKey), std::move(paths), Durability{});
+  }
   ~Storage();
   Storage(const Storage&) = delete;
   Storage& operator=(const Storage&) = delete;
@@ -73,38 +95,49 @@ class PELORA_API Storage {
   const std::shared_ptr<Store>& store() const noexcept { return store_; }
   const std::string& writeKey() const noexcept { return writeKey_; }
 
-  // events: `value` (a TrackEvent or MonitorEvent) is appended to the current batch file; any
+  // events: `value` (a TrackEvent or MonitorEvent) is recorded for the current batch file; any
   // other type is ignored. Other keys: `value` is stored as JSON and the suite is written out;
   // an empty optional removes the key. Never throws; failures lose the value quietly.
   template <class T>
-  void write(Constants key, const T& value);
+  void write(Key key, const T& value);
 
-  // events (T = std::vector<std::filesystem::path>): finishes the current batch file and lists
-  // the finished ones ("*.temp") in lexical order. Other keys: the stored value decoded as T;
-  // nothing when absent or not decodable. Never throws.
+  // The stored value of `key` (not events) decoded as T; nothing when absent or not decodable.
+  // Never throws.
   template <class T>
-  std::optional<T> read(Constants key);
+  std::optional<T> read(Key key);
+
+  // Writes out every recorded event, finishes the current batch file (closing text, sync, rename
+  // to "*.temp"), does the same for batches that crashed writers left, and lists the finished
+  // batches in lexical order. Empty when the directory cannot be listed. Never throws.
+  std::vector<std::filesystem::path> finishAndList() noexcept;
+  // Writes out every recorded event and syncs it; returns once it is on disk (as far as
+  // fdatasync can tell).
+  void syncEvents() noexcept;
+  // For tests that simulate a power cut: called after each background sync with the batch file
+  // and how many of its bytes the sync covered. Set it before recording.
+  void setSyncObserver(std::function<void(const std::filesystem::path&, std::uint64_t)> observer);
 
   // Deletes a finished batch file. Throws std::filesystem::filesystem_error when that fails
-  // (a missing file included). Does not enter the storage queue, so it may run inside sync().
+  // (a missing file included). Does not take the storage lock, so it may run inside withLock().
   void remove(const std::filesystem::path& file);
   // Claims the right to upload (see UploadClaim); an empty claim while another uploader holds
-  // it. Does not enter the storage queue.
+  // it. Does not take the storage lock.
   UploadClaim claimUploads() const;
 
-  // Runs `block` on the storage queue (on the calling thread) and returns its result.
+  // Runs `block` holding the storage lock and returns its result.
   template <class F>
-  auto sync(F&& block) {
-    return queue_.sync(std::forward<F>(block));
+  auto withLock(F&& block) {
+    return lock_.sync(std::forward<F>(block));
   }
 
   // Reads the suite again for what other clients of the write key stored since.
   void reloadSuite();
-  // Refusing, events given to write() are dropped unwritten (the person opted out): set on the
-  // storage queue, so no write that started before it lands after it.
+  // Refusing, events given to write() are dropped unwritten (the person opted out). Events
+  // recorded before the call are written out first.
   void refuseEvents(bool refuse);
   // Deletes every batch of the write key, open or finished, set aside or being uploaded, of any
-  // writer; returns how many files went. The next event starts a new batch.
+  // writer, and the events recorded but not written yet; returns how many files went. The next
+  // event starts a new batch.
   std::size_t eraseStoredEvents();
 
   // <documents>/pelora/<write key as one file name>, created when missing.
@@ -116,8 +149,9 @@ class PELORA_API Storage {
   // being uploaded. Every deleted event is counted and logged once per episode, which a delivered
   // batch ends.
   void setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge);
-  // Events the disk bound deleted since this storage was made.
-  std::uint64_t droppedEvents() const noexcept;
+  // Events the disk bound deleted since this storage was made. Writes out what was recorded
+  // first, so that the count covers every event recorded before the call.
+  std::uint64_t droppedEvents() noexcept;
   // Marks a finished batch as being uploaded (the disk bound leaves it alone) or no longer.
   void markSending(const std::filesystem::path& file, bool sending);
 
@@ -134,23 +168,43 @@ class PELORA_API Storage {
   struct State;
   using AppendText = void (*)(std::string& out, const void* value);
 
-  Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths);
+  Storage(std::shared_ptr<Store> store, std::string writeKey, platform::Paths paths,
+          Durability durability);
 
   void writeEvent(AppendText appendText, const void* event) noexcept;
-  void writeValue(Constants key, std::optional<JSON> value) noexcept;
-  std::optional<JSON> readValue(Constants key) noexcept;
-  std::vector<std::filesystem::path> finishAndList() noexcept;
+  // Appends `text` ("," + an event) to the batch and waits for its sync.
+  void appendAndSync(const std::string& text) noexcept;
+  void writeValue(Key key, std::optional<JSON> value) noexcept;
+  std::optional<JSON> readValue(Key key) noexcept;
+
+  // The background writer: a drain round writes out what the journal holds, a sync round syncs
+  // it. Both run on queues of their own, so that a slow sync never holds up draining.
+  void scheduleDrain(bool urgent) noexcept;
+  void drainRound() noexcept;
+  // After a drain: disarms the timer (a timer left armed would keep the timer thread alive
+  // after shutdown) unless records came meanwhile.
+  void drainIdle() noexcept;
+  void requestSync() noexcept;
+  void syncDrained() noexcept;
 
   std::shared_ptr<Store> store_;
   std::string writeKey_;
-  // The storage queue: only ever entered with sync, so a lock without a queue's hand-off.
-  ExclusiveRunner queue_;
+  // Guards State: every file and suite access holds it.
+  ExclusiveRunner lock_;
   std::unique_ptr<State> state_;
+  std::chrono::nanoseconds drainPeriod_;
+  std::shared_ptr<platform::SerialQueue> drainQueue_;
+  std::shared_ptr<platform::SerialQueue> syncQueue_;
+  std::mutex drainTimerMutex_;
+  std::shared_ptr<platform::TimerSource> drainTimer_;  // armed while drainPending_
+  std::atomic<bool> drainPending_{false};              // a drain round is scheduled
+  std::atomic<bool> drainUrgent_{false};               // one is queued to run at once
+  std::atomic<bool> syncPending_{false};
 };
 
 // The suite key of `key`: "pelora.userId", "pelora.traits", "pelora.anonymousId",
 // "pelora.settings", "pelora.events".
-PELORA_API std::string_view rawValue(Storage::Constants key) noexcept;
+PELORA_API std::string_view rawValue(Storage::Key key) noexcept;
 
 namespace detail {
 // The write key as one safe file name: percent-encoded as a URL component, "." encoded too,
@@ -163,9 +217,9 @@ inline constexpr bool isStoredEvent =
 }  // namespace detail
 
 template <class T>
-void Storage::write(Constants key, const T& value) {
+void Storage::write(Key key, const T& value) {
   if constexpr (detail::isStoredEvent<T>) {
-    if (key == Constants::events) {
+    if (key == Key::events) {
       writeEvent(
           [](std::string& out, const void* v) {
             appendJSONText(out, *static_cast<const T*>(v), maxEventTextDepth);
@@ -174,7 +228,7 @@ void Storage::write(Constants key, const T& value) {
       return;
     }
   }
-  if (key == Constants::events) return;  // batch files hold events only
+  if (key == Key::events) return;  // batch files hold events only
   if constexpr (pelora::detail::IsOptional<T>::value) {
     if (!value) {
       writeValue(key, std::nullopt);
@@ -197,19 +251,14 @@ void Storage::write(Constants key, const T& value) {
 }
 
 template <class T>
-std::optional<T> Storage::read(Constants key) {
-  if constexpr (std::is_same_v<T, std::vector<std::filesystem::path>>) {
-    if (key == Constants::events) return finishAndList();
+std::optional<T> Storage::read(Key key) {
+  if (key == Key::events) return std::nullopt;
+  std::optional<JSON> json = readValue(key);
+  if (!json) return std::nullopt;
+  try {
+    return decodeValue<T>(*json);
+  } catch (const std::exception&) {
     return std::nullopt;
-  } else {
-    if (key == Constants::events) return std::nullopt;
-    std::optional<JSON> json = readValue(key);
-    if (!json) return std::nullopt;
-    try {
-      return decodeValue<T>(*json);
-    } catch (const std::exception&) {
-      return std::nullopt;
-    }
   }
 }
 

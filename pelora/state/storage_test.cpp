@@ -25,15 +25,15 @@ namespace {
 
 namespace fs = std::filesystem;
 using Files = std::vector<fs::path>;
+using Key = Storage::Key;
 using Names = std::vector<std::string>;
-using Key = Storage::Constants;
 
 const std::string kHeader = "{ \"batch\": [";
 // POSIX extended syntax (gtest's MatchesRegex): the closing text with any millisecond time.
 const std::string kSentAt =
     R"([]],"sentAt":"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}Z")";
 
-std::string readFile(const fs::path& path) {
+std::string readBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
@@ -67,11 +67,6 @@ std::string batchOfSize(std::size_t size) {
   return open + std::string(size - open.size() - 2, 'x') + "\"}";
 }
 
-// The batch events in a finished file.
-JSON eventsIn(const fs::path& file) {
-  return JSON::parse(readFile(file))["batch"].value_or(JSON());
-}
-
 mode_t modeOf(const fs::path& path) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return 0;
@@ -89,10 +84,33 @@ std::string printedByDebugLogs(Action action) {
   return output;
 }
 
-class StorageTest : public ::testing::Test {
+// Every case runs twice: events recorded through the journal and its background writer, and
+// events that each sync their own write.
+class StorageTest : public ::testing::TestWithParam<bool> {
  protected:
   std::shared_ptr<Storage> storage(const std::string& key = "write-key") {
-    return Storage::create(nullptr, key, paths_);
+    auto made = Storage::create(nullptr, key, paths_, {.syncEveryEvent = GetParam()});
+    made_.push_back(made);
+    return made;
+  }
+  // A file's bytes, once every live storage of the test has written out what it recorded.
+  std::string readFile(const fs::path& path) {
+    writeOut();
+    return readBytes(path);
+  }
+  // Whether `path` exists once every live storage has written out what it recorded.
+  bool exists(const fs::path& path) {
+    writeOut();
+    return fs::exists(path);
+  }
+  void writeOut() {
+    for (const auto& weak : made_) {
+      if (auto made = weak.lock()) made->syncEvents();
+    }
+  }
+  // The batch events in a finished file.
+  JSON eventsIn(const fs::path& file) {
+    return JSON::parse(readFile(file))["batch"].value_or(JSON());
   }
   fs::path eventsDir(const std::string& key = "write-key") {
     return paths_.documents / "pelora" / detail::safeFileName(key);
@@ -108,8 +126,7 @@ class StorageTest : public ::testing::Test {
   }
   Names listed(Storage& s) {
     Names names;
-    for (const auto& path : s.read<Files>(Key::events).value_or(Files{}))
-      names.push_back(path.filename().string());
+    for (const auto& path : s.finishAndList()) names.push_back(path.filename().string());
     return names;
   }
   std::optional<platform::UserDefaults> suite(const std::string& key = "write-key") {
@@ -127,14 +144,20 @@ class StorageTest : public ::testing::Test {
   }
 
   test::TempDirectory root_{"pelora-storage"};
-  platform::Paths paths_{root_.path() / "Documents", root_.path() / "config"};
+  platform::Paths paths_{root_.path() / "Documents", root_.path() / "config",
+                         root_.path() / "journals"};
+  std::vector<std::weak_ptr<Storage>> made_;
 };
 
-TEST_F(StorageTest, ListingFinishesTheBatchAndMovesTheIndex) {
+INSTANTIATE_TEST_SUITE_P(Recording, StorageTest, ::testing::Bool(), [](const auto& info) {
+  return info.param ? "SyncEveryEvent" : "Journal";
+});
+
+TEST_P(StorageTest, ListingFinishesTheBatchAndMovesTheIndex) {
   auto s = storage();
   s->write(Key::events, event("a"));
   s->write(Key::events, event("b"));
-  EXPECT_EQ(*s->read<Files>(Key::events), Files{file("0-pelora-events.temp")});
+  EXPECT_EQ(s->finishAndList(), Files{file("0-pelora-events.temp")});
   const std::string bytes = readFile(file("0-pelora-events.temp"));
   const std::string events = batchOf({"a", "b"});
   ASSERT_EQ(bytes.substr(0, events.size()), events);
@@ -150,7 +173,7 @@ TEST_F(StorageTest, ListingFinishesTheBatchAndMovesTheIndex) {
   EXPECT_EQ(readFile(file("1-pelora-events")), batchOf({"c"}));
 }
 
-TEST_F(StorageTest, RollOverAt475000Bytes) {
+TEST_P(StorageTest, RollOverAt475000Bytes) {
   // Just below, the file takes one more event; at the limit it is finished before the event.
   for (const std::size_t size : {474'999u, 475'000u}) {
     SCOPED_TRACE(size);
@@ -160,20 +183,20 @@ TEST_F(StorageTest, RollOverAt475000Bytes) {
     storage(key)->write(Key::events, event("a"));
     if (size < 475'000) {
       EXPECT_EQ(readFile(file("0-pelora-events", key)), existing + "," + toString(event("a")));
-      EXPECT_FALSE(fs::exists(file("0-pelora-events.temp", key)));
+      EXPECT_FALSE(exists(file("0-pelora-events.temp", key)));
       continue;
     }
     const std::string finished = readFile(file("0-pelora-events.temp", key));
     EXPECT_EQ(finished.substr(0, existing.size()), existing);
     EXPECT_THAT(finished.substr(existing.size()),
                 testing::MatchesRegex(kSentAt + ",\"writeKey\":\"" + key + "\"[}]"));
-    EXPECT_FALSE(fs::exists(file("0-pelora-events", key)));
+    EXPECT_FALSE(exists(file("0-pelora-events", key)));
     EXPECT_EQ(readFile(file("1-pelora-events", key)), batchOf({"a"}));
     EXPECT_EQ(storedIndex(key), JSON(1));
   }
 }
 
-TEST_F(StorageTest, ListsOnlyFinishedFilesInLexicalOrder) {
+TEST_P(StorageTest, ListsOnlyFinishedFilesInLexicalOrder) {
   fs::create_directories(eventsDir() / "dir.temp");
   for (const char* name : {"2-pelora-events.temp", "10-pelora-events.temp", "notes.txt",
                            ".hidden.temp", "3-pelora-events.tmp"})
@@ -182,10 +205,10 @@ TEST_F(StorageTest, ListsOnlyFinishedFilesInLexicalOrder) {
   EXPECT_EQ(listed(*s), (Names{"10-pelora-events.temp", "2-pelora-events.temp"}));
   // The index moved past the finished files found on disk.
   s->write(Key::events, event("a"));
-  EXPECT_TRUE(fs::exists(file("11-pelora-events")));
+  EXPECT_TRUE(exists(file("11-pelora-events")));
 }
 
-TEST_F(StorageTest, ValuesAreClearedByAnEmptyValueAndEventsAreNoValue) {
+TEST_P(StorageTest, ValuesAreClearedByAnEmptyValueAndEventsAreNoValue) {
   auto s = storage();
   s->write(Key::userId, std::string("user-1"));
   EXPECT_EQ(s->read<std::int64_t>(Key::userId), std::nullopt);  // stored, but not a number
@@ -193,12 +216,12 @@ TEST_F(StorageTest, ValuesAreClearedByAnEmptyValueAndEventsAreNoValue) {
   EXPECT_EQ(storage()->read<std::string>(Key::userId), std::nullopt);
   // Only events go into batch files, and events are not suite values.
   s->write(Key::events, std::string("not an event"));
-  EXPECT_FALSE(fs::exists(file("0-pelora-events")));
+  EXPECT_FALSE(exists(file("0-pelora-events")));
   EXPECT_EQ(s->read<std::string>(Key::events), std::nullopt);
 }
 
 // Each key gets one directory of its own, named by an encoding existing installs depend on.
-TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
+TEST_P(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
   using Case = std::pair<std::string, std::string>;
   const std::vector<Case> cases = {{".", "%2E"},
                                    {"..", "%2E%2E"},
@@ -214,7 +237,7 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     auto s = storage(key);
     s->write(Key::userId, std::string("user"));
     s->write(Key::events, event("a"));
-    const Files files = *s->read<Files>(Key::events);
+    const Files files = s->finishAndList();
     ASSERT_EQ(files.size(), 1u) << key;
     EXPECT_EQ(files[0].parent_path(), s->eventsDirectory());
     EXPECT_EQ(s->eventsDirectory().parent_path(), paths_.documents / "pelora");
@@ -228,16 +251,16 @@ TEST_F(StorageTest, WriteKeysNeverLeaveTheirDirectories) {
     EXPECT_EQ(storage(key)->read<std::string>(Key::userId), "user") << key;
   }
   EXPECT_EQ(directories.size(), cases.size());
-  EXPECT_FALSE(fs::exists(root_.path() / "x"));
+  EXPECT_FALSE(exists(root_.path() / "x"));
 }
 
 // Whatever the key holds, every finished batch is JSON; an ordinary key is written as it is.
-TEST_F(StorageTest, WriteKeyIsWrittenIntoTheBatchAsAJSONString) {
+TEST_P(StorageTest, WriteKeyIsWrittenIntoTheBatchAsAJSONString) {
   for (const std::string key :
        {"write-key", "quote\"d", "back\\slash", "tab\tnew\nline\x1F", "Tự động", "\"}]"}) {
     auto s = storage(key);
     s->write(Key::events, event("a"));
-    const Files files = *s->read<Files>(Key::events);
+    const Files files = s->finishAndList();
     ASSERT_EQ(files.size(), 1u) << key;
     const std::string text = readFile(files[0]);
     EXPECT_EQ(JSON::parse(text)["writeKey"], JSON(key)) << text;
@@ -246,42 +269,43 @@ TEST_F(StorageTest, WriteKeyIsWrittenIntoTheBatchAsAJSONString) {
   EXPECT_TRUE(readFile(file("0-pelora-events.temp")).ends_with(R"(","writeKey":"write-key"})"));
 }
 
-TEST_F(StorageTest, UnwritableDocumentsLoseEventsUntilWritable) {
+TEST_P(StorageTest, UnwritableDocumentsLoseEventsUntilWritable) {
   writeFile(root_.path() / "blocker", "a file where a directory should be");
   paths_.documents = root_.path() / "blocker" / "Documents";
   auto s = storage();
   s->write(Key::events, event("lost"));
-  EXPECT_TRUE(s->read<Files>(Key::events)->empty());
+  writeOut();
+  EXPECT_TRUE(s->finishAndList().empty());
 
   fs::remove(root_.path() / "blocker");
   s->write(Key::events, event("kept"));
-  const Files files = *s->read<Files>(Key::events);
+  const Files files = s->finishAndList();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(eventsIn(files[0]), JSON(JSON::List{JSON::with(event("kept"))}));
 }
 
 // The open batch is checked for a deletion now and then (not for every event): events written
 // before the check go with the deleted file, the first one after starts a new batch.
-TEST_F(StorageTest, BatchDeletedWhileOpenStartsAgainSoonAfter) {
+TEST_P(StorageTest, BatchDeletedWhileOpenStartsAgainSoonAfter) {
   auto s = storage();
   s->write(Key::events, event("a"));
   fs::remove_all(eventsDir());
   int lost = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!fs::exists(file("0-pelora-events")) && std::chrono::steady_clock::now() < deadline) {
+  while (!exists(file("0-pelora-events")) && std::chrono::steady_clock::now() < deadline) {
     s->write(Key::events, event("b" + std::to_string(lost++)));
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  ASSERT_TRUE(fs::exists(file("0-pelora-events")));
+  ASSERT_TRUE(exists(file("0-pelora-events")));
   s->write(Key::events, event("c"));
-  const Files files = s->read<Files>(Key::events).value_or(Files{});
+  const Files files = s->finishAndList();
   ASSERT_EQ(files.size(), 1u);
   const JSON batch = eventsIn(files[0]);
   ASSERT_EQ(batch.listPointer()->size(), 2u) << "the event that noticed it, then c";
   EXPECT_EQ(*(*batch.listPointer())[1]["event"]->stringPointer(), "c");
 }
 
-TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
+TEST_P(StorageTest, FullDiskLeavesTheBatchValid) {
   const std::string existing = batchOfSize(400'000);
   leave("0-pelora-events", existing);
   auto s = storage();
@@ -296,7 +320,7 @@ TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
   Files whileFull;
   const std::string output = printedByDebugLogs([&] {
     s->write(Key::events, event("lost"));
-    whileFull = *s->read<Files>(Key::events);
+    whileFull = s->finishAndList();
   });
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &saved), 0);
   std::signal(SIGXFSZ, previous);
@@ -315,7 +339,7 @@ TEST_F(StorageTest, FullDiskLeavesTheBatchValid) {
 
 // Stopped after closing a batch but before renaming it, or after renaming it but before storing
 // the next index: the finished batch is kept as it is, never appended to or replaced.
-TEST_F(StorageTest, InterruptedFinishKeepsTheClosedBatch) {
+TEST_P(StorageTest, InterruptedFinishKeepsTheClosedBatch) {
   for (const std::string left : {"0-pelora-events", "0-pelora-events.temp"}) {
     SCOPED_TRACE(left);
     leave(left, closedBatchOf("a", left), left);
@@ -328,14 +352,14 @@ TEST_F(StorageTest, InterruptedFinishKeepsTheClosedBatch) {
   }
 }
 
-TEST_F(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
+TEST_P(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
   leave("0-pelora-events", "");  // created, header never written
   storage()->write(Key::events, event("a"));
   EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"a"}));
 
   leave("0-pelora-events", kHeader);  // header, no event yet
   auto s = storage();
-  EXPECT_TRUE(s->read<Files>(Key::events)->empty());  // nothing to send: no empty batch
+  EXPECT_TRUE(s->finishAndList().empty());  // nothing to send: no empty batch
   s->write(Key::events, event("b"));
   EXPECT_EQ(readFile(file("0-pelora-events")), batchOf({"b"}));
 }
@@ -343,7 +367,7 @@ TEST_F(StorageTest, StoppedBeforeTheFirstEventLeavesNoStrayComma) {
 // A host killed while an event (or the closing text) was being written leaves a torn tail. The
 // next start cuts it back to the end of the last whole event, so that every event acknowledged
 // before it survives and the finished batch is JSON.
-TEST_F(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
+TEST_P(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
   const std::string c = toString(event("c"));
   using Case = std::pair<std::string, std::string>;
   const std::vector<Case> cases = {
@@ -385,7 +409,7 @@ TEST_F(StorageTest, TornTailIsCutBackToTheLastWholeEvent) {
 
 // Every writer holds an flock on the batch it appends to; a locked batch belongs to a live writer
 // (another client or process) and is neither written to nor finished by anyone else.
-TEST_F(StorageTest, LockedBatchesBelongToTheirWriter) {
+TEST_P(StorageTest, LockedBatchesBelongToTheirWriter) {
   leave("0-pelora-events", batchOf({"theirs"}));
   const int theirs = ::open(file("0-pelora-events").c_str(), O_RDWR);
   ASSERT_EQ(::flock(theirs, LOCK_EX | LOCK_NB), 0);
@@ -411,17 +435,17 @@ TEST_F(StorageTest, LockedBatchesBelongToTheirWriter) {
 
 // Another writer of the key finished a hundred batches while this one filled one: its next batch
 // goes past all of them, whatever their number, and its next event is stored.
-TEST_F(StorageTest, AWriterFarBehindAnotherGoesPastItsBatches) {
+TEST_P(StorageTest, AWriterFarBehindAnotherGoesPastItsBatches) {
   auto behind = storage();
   behind->write(Key::events, event("behind-0"));
   auto ahead = storage();
   for (int i = 0; i < 100; ++i) {
     ahead->write(Key::events, event("ahead-" + std::to_string(i)));
-    (void)ahead->read<Files>(Key::events);  // finishes it
+    (void)ahead->finishAndList();  // finishes it
   }
-  (void)behind->read<Files>(Key::events);
+  (void)behind->finishAndList();
   behind->write(Key::events, event("behind-1"));
-  (void)behind->read<Files>(Key::events);
+  (void)behind->finishAndList();
 
   std::set<std::string> stored;
   for (const auto& entry : fs::directory_iterator(eventsDir())) {
@@ -434,7 +458,7 @@ TEST_F(StorageTest, AWriterFarBehindAnotherGoesPastItsBatches) {
 
 // Unfinished batches below the index are finished at start; torn ones are cut back first, empty
 // ones deleted, and files that are not batches at all set aside rather than sent for ever.
-TEST_F(StorageTest, LeftoverBatchesAreRepairedFinishedOrSetAside) {
+TEST_P(StorageTest, LeftoverBatchesAreRepairedFinishedOrSetAside) {
   storeIndex(5);
   leave("0-pelora-events", batchOf({"a"}) + ",{\"type\":\"tr");
   leave("1-pelora-events", batchOf({"b"}) + R"(],"sentAt":"2024)");
@@ -447,12 +471,12 @@ TEST_F(StorageTest, LeftoverBatchesAreRepairedFinishedOrSetAside) {
             (Names{"0-pelora-events.temp", "1-pelora-events.temp", "4-pelora-events.temp"}));
   EXPECT_EQ(eventsIn(file("0-pelora-events.temp")), JSON(JSON::List{JSON::with(event("a"))}));
   EXPECT_EQ(eventsIn(file("1-pelora-events.temp")), JSON(JSON::List{JSON::with(event("b"))}));
-  EXPECT_FALSE(fs::exists(file("2-pelora-events")));
+  EXPECT_FALSE(exists(file("2-pelora-events")));
   EXPECT_EQ(readFile(file("3-pelora-events.unreadable")), "GIF89a");
   EXPECT_EQ(readFile(file("4-pelora-events.temp")), "kept as it is, whatever it holds");
 }
 
-TEST_F(StorageTest, EarlierUnfinishedBatchesAreFinishedAtStart) {
+TEST_P(StorageTest, EarlierUnfinishedBatchesAreFinishedAtStart) {
   storeIndex(3);
   leave("0-pelora-events", kHeader);
   leave("1-pelora-events", closedBatchOf("a"));
@@ -460,27 +484,29 @@ TEST_F(StorageTest, EarlierUnfinishedBatchesAreFinishedAtStart) {
 
   auto s = storage();
   EXPECT_EQ(listed(*s), (Names{"1-pelora-events.temp", "2-pelora-events.temp"}));
-  EXPECT_FALSE(fs::exists(file("0-pelora-events")));
+  EXPECT_FALSE(exists(file("0-pelora-events")));
   EXPECT_EQ(readFile(file("1-pelora-events.temp")), closedBatchOf("a"));
   EXPECT_EQ(eventsIn(file("2-pelora-events.temp")), JSON(JSON::List{JSON::with(event("b"))}));
   s->write(Key::events, event("c"));
-  EXPECT_TRUE(fs::exists(file("3-pelora-events")));
+  EXPECT_TRUE(exists(file("3-pelora-events")));
 }
 
-TEST_F(StorageTest, TempNameTakenAtFinishGetsAnotherName) {
+TEST_P(StorageTest, TempNameTakenAtFinishGetsAnotherName) {
   auto s = storage();
   s->write(Key::events, event("a"));
+  writeOut();
   writeFile(file("0-pelora-events.temp"), "someone else's");
   EXPECT_EQ(listed(*s), (Names{"0-pelora-events.1.temp", "0-pelora-events.temp"}));
   EXPECT_EQ(readFile(file("0-pelora-events.temp")), "someone else's");
 }
 
-TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
+TEST_P(StorageTest, RenameFailureIsPrintedAndLogged) {
   auto s = storage();
   s->write(Key::events, event("a"));
+  writeOut();
   fs::remove(file("0-pelora-events"));  // gone while the batch is open
   Files files;
-  const std::string output = printedByDebugLogs([&] { files = *s->read<Files>(Key::events); });
+  const std::string output = printedByDebugLogs([&] { files = s->finishAndList(); });
   EXPECT_TRUE(files.empty());
   const std::string message = "Unable to rename to temp: " + file("0-pelora-events").string() +
                               ", Error: No such file or directory";
@@ -491,7 +517,7 @@ TEST_F(StorageTest, RenameFailureIsPrintedAndLogged) {
 
 // Batches hold the user's id and event properties: no other user may read them, whatever the
 // umask, and a directory an older version left open is closed up.
-TEST_F(StorageTest, EverythingOnDiskIsPrivate) {
+TEST_P(StorageTest, EverythingOnDiskIsPrivate) {
   leave("0-pelora-events", batchOf({"old"}), "older");
   for (const fs::path& dir : {paths_.documents, paths_.documents / "pelora", eventsDir("older")})
     fs::permissions(dir, static_cast<fs::perms>(0755));
@@ -508,6 +534,7 @@ TEST_F(StorageTest, EverythingOnDiskIsPrivate) {
   EXPECT_EQ(listed(*s), Names{"0-pelora-events.temp"});
   s->write(Key::events, event("b"));
   const UploadClaim claim = s->claimUploads();
+  writeOut();
   ::umask(saved);
 
   EXPECT_TRUE(claim);
@@ -526,7 +553,7 @@ TEST_F(StorageTest, EverythingOnDiskIsPrivate) {
 // written through, start-up recovery leaves the target of an unfinished one alone, and a finished
 // one is never listed for upload. Events go into batches of our own; the unfinished names are set
 // aside, so that their numbers hold nothing back.
-TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
+TEST_P(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
   const fs::path outside = root_.path() / "outside";
   fs::create_directories(outside);
   const std::string batchLike = batchOf({"x"}) + ",{\"ty";
@@ -544,7 +571,7 @@ TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
 
   EXPECT_EQ(readFile(outside / "batch-like"), batchLike);
   EXPECT_EQ(readFile(outside / "private"), closedBatchOf("private"));
-  EXPECT_FALSE(fs::exists(outside / "created"));
+  EXPECT_FALSE(exists(outside / "created"));
   ASSERT_EQ(names, Names{"3-pelora-events.temp"});
   EXPECT_EQ(eventsIn(file(names[0])), JSON(JSON::List{JSON::with(event("a"))}));
   for (const char* left :
@@ -556,15 +583,15 @@ TEST_F(StorageTest, LinksAmongTheBatchesAreNeverFollowed) {
   fs::create_symlink(outside / "last", file("18446744073709551615-pelora-events", "last"));
   auto last = storage("last");
   last->write(Key::events, event("b"));
-  EXPECT_FALSE(fs::exists(outside / "last"));
-  const Files files = *last->read<Files>(Key::events);
+  EXPECT_FALSE(exists(outside / "last"));
+  const Files files = last->finishAndList();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(eventsIn(files[0]), JSON(JSON::List{JSON::with(event("b"))}));
 }
 
 // Threads recording at once share syncs: across roll-overs every event lands once, in a whole
 // batch, each thread's events in the order it wrote them.
-TEST_F(StorageTest, ConcurrentWritersLoseNothingAndKeepTheirOrder) {
+TEST_P(StorageTest, ConcurrentWritersLoseNothingAndKeepTheirOrder) {
   auto s = storage();
   constexpr int kThreads = 4, kEach = 120;
   const std::string padding(4'000, 'p');  // about 120 events to a batch: several roll-overs
@@ -575,13 +602,13 @@ TEST_F(StorageTest, ConcurrentWritersLoseNothingAndKeepTheirOrder) {
         TrackEvent e = event(std::to_string(t) + "-" + std::to_string(i));
         e.properties = JSON(JSON::Map{{"thread", JSON(t)}, {"i", JSON(i)}, {"pad", JSON(padding)}});
         s->write(Key::events, e);
-        if (i % 50 == 49) (void)s->read<Files>(Key::events);
+        if (i % 50 == 49) (void)s->finishAndList();
       }
     });
   }
   for (auto& thread : threads) thread.join();
 
-  Files files = s->read<Files>(Key::events).value_or(Files{});
+  Files files = s->finishAndList();
   EXPECT_GE(files.size(), 3u);
   // In the order they were written: by batch number (the listing is lexical, "10-" before "2-").
   std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
@@ -602,7 +629,7 @@ TEST_F(StorageTest, ConcurrentWritersLoseNothingAndKeepTheirOrder) {
 // Two storages on one write key (a released client and its successor, or two processes of one
 // application) record and finish at once: no batch is shared, corrupted or lost, and neither
 // undoes the other's suite values.
-TEST_F(StorageTest, ConcurrentStoragesOnOneKeyKeepEveryBatchWhole) {
+TEST_P(StorageTest, ConcurrentStoragesOnOneKeyKeepEveryBatchWhole) {
   std::vector<std::shared_ptr<Storage>> storages = {storage(), storage()};
   constexpr int kEach = 150;
   std::vector<std::thread> threads;
@@ -611,13 +638,13 @@ TEST_F(StorageTest, ConcurrentStoragesOnOneKeyKeepEveryBatchWhole) {
       Storage& s = *storages[static_cast<std::size_t>(w)];
       for (int i = 0; i < kEach; ++i) {
         s.write(Key::events, event(std::to_string(w) + "-" + std::to_string(i)));
-        if (i % 20 == 19) (void)s.read<Files>(Key::events);
+        if (i % 20 == 19) (void)s.finishAndList();
       }
       s.write(w == 0 ? Key::userId : Key::anonymousId, std::string("value-") + std::to_string(w));
     });
   }
   for (auto& thread : threads) thread.join();
-  for (auto& s : storages) (void)s->read<Files>(Key::events);
+  for (auto& s : storages) (void)s->finishAndList();
 
   std::multiset<std::string> seen;
   for (const auto& entry : fs::directory_iterator(eventsDir())) {

@@ -9,7 +9,7 @@ namespace pelora {
 System System::defaultState(const std::shared_ptr<Configuration>& configuration, Storage& storage) {
   System system;
   system.configuration = configuration;
-  if (auto stored = storage.read<Settings>(Storage::Constants::settings)) {
+  if (auto stored = storage.read<Settings>(Storage::Key::settings)) {
     system.settings = std::move(stored);
   } else if (configuration->values.defaultSettings) {
     system.settings = configuration->values.defaultSettings;
@@ -50,10 +50,10 @@ System System::AddDestinationToSettingsAction::reduce(const System& state) const
 
 UserInfo UserInfo::defaultState(Storage& storage) {
   UserInfo info;
-  info.userId = storage.read<std::string>(Storage::Constants::userId);
-  info.traits = storage.read<JSON>(Storage::Constants::traits);
+  info.userId = storage.read<std::string>(Storage::Key::userId);
+  info.traits = storage.read<JSON>(Storage::Key::traits);
   std::string fresh = platform::uuidString();
-  info.anonymousId = storage.read<std::string>(Storage::Constants::anonymousId).value_or(fresh);
+  info.anonymousId = storage.read<std::string>(Storage::Key::anonymousId).value_or(fresh);
   return info;
 }
 

@@ -33,7 +33,7 @@ TEST_F(SystemStateTest, DefaultSettingsComeFromStorageThenConfigurationThenWrite
 
   Settings stored;
   stored.plan = JSON("stored");
-  storage()->write(Storage::Constants::settings, stored);
+  storage()->write(Storage::Key::settings, stored);
   EXPECT_EQ(System::defaultState(configuration, *storage()).settings, stored);
 }
 
@@ -62,9 +62,9 @@ TEST_F(SystemStateTest, UserInfoUsesStoredIdentityOrANewAnonymousId) {
   EXPECT_FALSE(first.userId);
 
   auto kept = storage();
-  kept->write(Storage::Constants::anonymousId, std::string("ANON"));
-  kept->write(Storage::Constants::userId, std::string("user-1"));
-  kept->write(Storage::Constants::traits, JSON::parse(R"({"plan":"pro"})"));
+  kept->write(Storage::Key::anonymousId, std::string("ANON"));
+  kept->write(Storage::Key::userId, std::string("user-1"));
+  kept->write(Storage::Key::traits, JSON::parse(R"({"plan":"pro"})"));
   UserInfo stored = UserInfo::defaultState(*storage());
   EXPECT_EQ(stored.anonymousId, "ANON");
   EXPECT_EQ(stored.userId, "user-1");

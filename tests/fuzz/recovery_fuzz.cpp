@@ -125,8 +125,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<fs::path> listed;
   {
     auto storage = Storage::create(nullptr, kKey, paths);
-    storage->write(Storage::Constants::events, event("new"));
-    listed = storage->read<std::vector<fs::path>>(Storage::Constants::events).value_or(listed);
+    storage->write(Storage::Key::events, event("new"));
+    listed = storage->finishAndList();
   }
 
   PELORA_FUZZ_CHECK(read(directory / kKept) == kept, "the valid finished batch changed");

@@ -5,11 +5,12 @@
 // events (per thread), waits until everything is delivered and exits. With --threads N, N threads
 // record at once (their events share syncs), each with its own ids "<run>-<thread>.<n>". With
 // --max-stored-bytes N the disk bound is N bytes, and "dropped <total>" says when it deleted
-// events. With --compress 1 batches are uploaded gzip-compressed.
+// events. With --compress 1 batches are uploaded gzip-compressed. --journals DIR keeps the event
+// journals there; with --sync-every-event 1 each event syncs its own write instead.
 //
 // usage: pelora_crash_host --data DIR --key KEY --run ID --connect-to ENTRY --ca-file FILE
 //                          [--seed N] [--events N] [--threads N] [--max-stored-bytes N]
-//                          [--compress 0|1]
+//                          [--compress 0|1] [--journals DIR] [--sync-every-event 0|1]
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +34,8 @@ struct Options {
   std::string run = "0";
   std::string connectTo;
   std::string caFile;
+  std::string journals;  // the library's default when empty
+  bool syncEveryEvent = false;
   std::uint64_t seed = 1;
   std::int64_t events = -1;  // until killed
   int threads = 1;
@@ -55,6 +58,10 @@ Options parse(int argc, char** argv) {
       options.connectTo = value;
     } else if (name == "--ca-file") {
       options.caFile = value;
+    } else if (name == "--journals") {
+      options.journals = value;
+    } else if (name == "--sync-every-event") {
+      options.syncEveryEvent = value == "1";
     } else if (name == "--seed") {
       options.seed = std::stoull(value);
     } else if (name == "--events") {
@@ -73,7 +80,7 @@ Options parse(int argc, char** argv) {
   if (options.data.empty()) {
     std::cerr << "usage: pelora_crash_host --data DIR [--key KEY] [--run ID] [--connect-to ENTRY]"
                  " [--ca-file FILE] [--seed N] [--events N] [--threads N] [--max-stored-bytes N]"
-                 " [--compress 0|1]\n";
+                 " [--compress 0|1] [--journals DIR] [--sync-every-event 0|1]\n";
     std::exit(2);
   }
   return options;
@@ -81,7 +88,7 @@ Options parse(int argc, char** argv) {
 
 // Mostly small events, some of tens of kilobytes, a few of hundreds, and now and then one over a
 // megabyte; text with escapes and multi-byte characters.
-pelora::Dictionary properties(std::mt19937_64& random, const std::string& id) {
+pelora::Dictionary properties(std::mt19937_64& random, const std::string& id, std::size_t& bytes) {
   const auto roll = random() % 1000;
   std::size_t size = 50 + random() % 500;
   if (roll >= 990) {
@@ -96,6 +103,7 @@ pelora::Dictionary properties(std::mt19937_64& random, const std::string& id) {
   std::string pad;
   pad.reserve(size + 32);
   while (pad.size() < size) pad += pieces[random() % std::size(pieces)];
+  bytes = pad.size();
   return pelora::Dictionary{
       {"id", id},
       {"pad", std::move(pad)},
@@ -115,11 +123,11 @@ int main(int argc, char** argv) {
   auto configuration = std::make_shared<pelora::Configuration>(options.key, std::nullopt, false);
   configuration->flushAt(5 + static_cast<std::int64_t>(random() % 60))
       .flushInterval(0.5 + static_cast<double>(random() % 1000) / 1000.0)
-      .paths({options.data + "/Documents", options.data + "/config"});
+      .paths({options.data + "/Documents", options.data + "/config", options.journals});
   if (!options.connectTo.empty()) configuration->connectTo({options.connectTo});
   if (!options.caFile.empty()) configuration->caBundle(options.caFile);
   if (options.maxStoredBytes > 0) configuration->maxStoredBytes(options.maxStoredBytes);
-  configuration->compressBatches(options.compress);
+  configuration->compressBatches(options.compress).syncEveryEvent(options.syncEveryEvent);
   auto analytics = pelora::PeloraAnalytics::create(configuration);
 
   const auto flushEvery = 10 + random() % 90;
@@ -131,16 +139,26 @@ int main(int argc, char** argv) {
         options.threads == 1 ? options.run + "-" : options.run + "-" + std::to_string(thread) + ".";
     for (std::int64_t i = 0; options.events < 0 || i < options.events; ++i) {
       const std::string id = prefix + std::to_string(i);
-      analytics->trackBash("Crash trial", properties(threadRandom, id));
-      // Events the disk bound deleted are gone by design: the driver counts them apart.
-      const std::uint64_t dropped = analytics->droppedEventCount();
-      if (droppedSaid.exchange(dropped) != dropped)
-        (void)say("dropped " + std::to_string(dropped) + "\n");
+      std::size_t bytes = 0;
+      analytics->trackBash("Crash trial", properties(threadRandom, id, bytes));
+      // Events the disk bound deleted are gone by design: the driver counts them apart. Asked
+      // every 16th event: the count writes out what was recorded first, and kills must also land
+      // between a recording and its background write.
+      if (i % 16 == 15) {
+        const std::uint64_t dropped = analytics->droppedEventCount();
+        if (droppedSaid.exchange(dropped) != dropped)
+          (void)say("dropped " + std::to_string(dropped) + "\n");
+      }
       if (!say("ack " + id + "\n")) {
         driverGone = true;
         return;
       }
       if (static_cast<std::uint64_t>(i) % flushEvery == flushEvery - 1) analytics->flush();
+      // Paced like an application rather than a benchmark (about 10 MB/s per host, whatever its
+      // threads): recording that returns in microseconds would outrun the uploads, and the disk
+      // bound would be what the trials see.
+      std::this_thread::sleep_for(std::chrono::microseconds(
+          threadRandom() % 200 + bytes * static_cast<std::size_t>(options.threads) / 10));
     }
   };
   std::vector<std::thread> others;

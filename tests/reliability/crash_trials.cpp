@@ -10,7 +10,7 @@
 // than the hosts said their bound deleted.
 //
 // usage: pelora_crash_trials --host PATH [--trials N] [--seed N] [--max-kill-ms N]
-//                            [--max-stored-bytes N]
+//                            [--max-stored-bytes N] [--sync-every-event-percent N]
 // Prints one summary line and exits 0 when nothing was lost (beyond what the bound deleted),
 // duplicated without cause or corrupt.
 #include <fcntl.h>
@@ -36,6 +36,7 @@
 #include "pelora/core/service_hosts.hpp"
 #include "pelora/pelora.hpp"
 #include "pelora/platform/clock.hpp"
+#include "pelora/state/event_journal.hpp"
 #include "tests/support/temp_directory.hpp"
 #include "tools/collector/collector.hpp"
 
@@ -52,6 +53,7 @@ struct Options {
   std::uint64_t seed = static_cast<std::uint64_t>(Clock::now().time_since_epoch().count());
   int maxKillMs = 1500;
   std::uint64_t maxStoredBytes = 0;  // the hosts' disk bound; 0 keeps the library's default
+  int syncEveryEventPercent = 25;    // hosts whose events each sync their own write
 };
 
 Options parse(int argc, char** argv) {
@@ -69,6 +71,8 @@ Options parse(int argc, char** argv) {
       options.maxKillMs = std::stoi(value);
     } else if (name == "--max-stored-bytes") {
       options.maxStoredBytes = std::stoull(value);
+    } else if (name == "--sync-every-event-percent") {
+      options.syncEveryEventPercent = std::stoi(value);
     } else {
       std::cerr << "pelora_crash_trials: unknown option " << name << "\n";
       std::exit(2);
@@ -76,7 +80,7 @@ Options parse(int argc, char** argv) {
   }
   if (options.host.empty()) {
     std::cerr << "usage: pelora_crash_trials --host PATH [--trials N] [--seed N]"
-                 " [--max-kill-ms N] [--max-stored-bytes N]\n";
+                 " [--max-kill-ms N] [--max-stored-bytes N] [--sync-every-event-percent N]\n";
     std::exit(2);
   }
   return options;
@@ -118,23 +122,28 @@ Host start(const Options& options, const fs::path& data, const std::string& run,
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  const std::vector<std::string> arguments = {options.host,
-                                              "--data",
-                                              data.string(),
-                                              "--run",
-                                              run,
-                                              "--seed",
-                                              std::to_string(seed),
-                                              "--connect-to",
-                                              collector.connectTo(pelora::productionTrackingHost),
-                                              "--ca-file",
-                                              collector.certificates().caFile,
-                                              "--threads",
-                                              std::to_string(threads),
-                                              "--max-stored-bytes",
-                                              std::to_string(options.maxStoredBytes),
-                                              "--compress",
-                                              seed % 2 == 0 ? "1" : "0"};
+  const std::vector<std::string> arguments = {
+      options.host,
+      "--data",
+      data.string(),
+      "--run",
+      run,
+      "--seed",
+      std::to_string(seed),
+      "--connect-to",
+      collector.connectTo(pelora::productionTrackingHost),
+      "--ca-file",
+      collector.certificates().caFile,
+      "--threads",
+      std::to_string(threads),
+      "--max-stored-bytes",
+      std::to_string(options.maxStoredBytes),
+      "--compress",
+      seed % 2 == 0 ? "1" : "0",
+      "--journals",
+      (data / "journals").string(),
+      "--sync-every-event",
+      static_cast<int>(seed / 2 % 100) < options.syncEveryEventPercent ? "1" : "0"};
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -180,9 +189,16 @@ void collectIds(std::string_view text, std::set<std::string>& ids) {
   }
 }
 
-// Ids of the events in every batch file under `data`, finished or not.
+// Ids of the events in every batch file under `data`, finished or not, and in the records that the
+// event journals of dead hosts still hold (the next host writes them to a batch).
 std::set<std::string> idsOnDisk(const fs::path& data) {
   std::set<std::string> ids;
+  const std::string owner = (data / "Documents" / "pelora" / "crash-key").native();
+  for (const auto& file : pelora::detail::EventJournal::listFor(data / "journals", owner, {})) {
+    if (const auto dead = pelora::detail::EventJournal::adoptDead(file, owner)) {
+      for (const auto& text : dead->recoverable()) collectIds(text, ids);
+    }
+  }
   std::error_code error;
   for (fs::recursive_directory_iterator it(data / "Documents", error), end; !error && it != end;
        it.increment(error)) {
@@ -334,7 +350,7 @@ int main(int argc, char** argv) {
   auto configuration = std::make_shared<pelora::Configuration>("crash-key", std::nullopt, false);
   configuration->flushAt(1'000'000)
       .flushInterval(3600)
-      .paths({data / "Documents", data / "config"})
+      .paths({data / "Documents", data / "config", data / "journals"})
       .connectTo({collector.connectTo(pelora::productionTrackingHost)})
       .caBundle(collector.certificates().caFile);
   auto analytics = pelora::PeloraAnalytics::create(configuration);
