@@ -142,6 +142,11 @@ PELORA_C_API pelora_status pelora_config_set_require_consent(pelora_config* conf
 /* Batch uploads go gzip-compressed ("Content-Encoding: gzip"); the files on disk stay plain JSON
  * (default 0). */
 PELORA_C_API pelora_status pelora_config_set_compress_batches(pelora_config* config, int enabled);
+/* Recorded events are synced to disk within `seconds` (default 0.1): each track call copies its
+ * event into a journal in shared memory that survives a crash of the process, and returns. */
+PELORA_C_API pelora_status pelora_config_set_sync_window(pelora_config* config, double seconds);
+/* Nonzero: each track call returns only once its event is synced to disk (slower). */
+PELORA_C_API pelora_status pelora_config_set_sync_every_event(pelora_config* config, int enabled);
 /* Every request of the client goes through this proxy ("http://host:port"; https and socks
  * proxies too). NULL or "" (the default): the environment's https_proxy, all_proxy and no_proxy
  * apply. PELORA_ERROR_INVALID_ARGUMENT when it is not a proxy URL. */

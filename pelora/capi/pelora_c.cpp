@@ -509,6 +509,19 @@ pelora_status pelora_config_set_compress_batches(pelora_config* config, int enab
   return configure(config, [&](auto& c) { c.compressBatches(enabled != 0); });
 }
 
+pelora_status pelora_config_set_sync_window(pelora_config* config, double seconds) {
+  return configure(config, [&](auto& c) {
+    if (!std::isfinite(seconds) || seconds < 0.001 || seconds > 86400) {
+      throw Refused(PELORA_ERROR_INVALID_ARGUMENT, "sync_window must be 0.001 to 86400 seconds");
+    }
+    c.syncWindow(std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000)));
+  });
+}
+
+pelora_status pelora_config_set_sync_every_event(pelora_config* config, int enabled) {
+  return configure(config, [&](auto& c) { c.syncEveryEvent(enabled != 0); });
+}
+
 pelora_status pelora_config_set_proxy(pelora_config* config, const char* url) {
   return configure(config, [&](auto& c) { c.proxy(url == nullptr ? "" : text(url, "url")); });
 }

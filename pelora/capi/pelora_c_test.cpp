@@ -212,6 +212,8 @@ TEST(CApi, TheDiskBoundAndTheDeliveryPolicyAreSetAndCounted) {
   Collector collector;
   pelora_client* client = newClient(data, collector, [](pelora_config* config) {
     EXPECT_EQ(pelora_config_set_max_batch_age(config, -1), PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(pelora_config_set_sync_window(config, 0), PELORA_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(pelora_config_set_sync_window(config, 0.02), PELORA_OK);
     EXPECT_EQ(pelora_config_set_delivery_policy(config, 0, 60, 5, 1, 1),
               PELORA_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(pelora_config_set_delivery_policy(config, 10, 1, 5, 1, 1),

@@ -183,8 +183,9 @@ class Client:
     iam_retry_delay (seconds), max_stored_bytes (the disk bound; 64 MiB, 0 for none),
     max_batch_age (seconds; none by default), require_consent (record, but send nothing until
     grant_consent()), compress_batches (gzip uploads), proxy ("http://host:port"; by default the
-    environment's https_proxy and no_proxy apply), shutdown_timeout (seconds the with-block waits
-    on exit; 10).
+    environment's https_proxy and no_proxy apply), sync_window (seconds within which recorded
+    events are synced to disk; 0.1), sync_every_event (each track call waits for its own sync),
+    shutdown_timeout (seconds the with-block waits on exit; 10).
     """
 
     def __init__(self, write_key, *, flavor=None, flush_at=None, flush_interval=None,
@@ -193,7 +194,8 @@ class Client:
                  push_app_id=None, default_settings=None, documents_dir=None,
                  preferences_dir=None, connect_to=(), ca_bundle=None, iam_retry_delay=None,
                  max_stored_bytes=None, max_batch_age=None, require_consent=None,
-                 compress_batches=None, proxy=None, shutdown_timeout=10.0):
+                 compress_batches=None, proxy=None, sync_window=None, sync_every_event=None,
+                 shutdown_timeout=10.0):
         self._handle = None
         self.shutdown_timeout = shutdown_timeout
         config = ctypes.c_void_p()
@@ -218,6 +220,7 @@ class Client:
             "enable_iam": _lib.pelora_config_set_enable_iam,
             "require_consent": _lib.pelora_config_set_require_consent,
             "compress_batches": _lib.pelora_config_set_compress_batches,
+            "sync_every_event": _lib.pelora_config_set_sync_every_event,
         }
         for name, setter in switches.items():
             if options[name] is not None:
@@ -231,6 +234,8 @@ class Client:
                                                            int(options["max_stored_bytes"])))
         if options["max_batch_age"] is not None:
             _check(_lib.pelora_config_set_max_batch_age(config, float(options["max_batch_age"])))
+        if options["sync_window"] is not None:
+            _check(_lib.pelora_config_set_sync_window(config, float(options["sync_window"])))
         if options["iam_retry_delay"] is not None:
             _check(_lib.pelora_config_set_iam_retry_delay(config,
                                                           float(options["iam_retry_delay"])))

@@ -112,6 +112,8 @@ def _declare(lib):
         "pelora_config_set_max_batch_age": (status, [c_void_p, c_double]),
         "pelora_config_set_require_consent": (status, [c_void_p, c_int]),
         "pelora_config_set_compress_batches": (status, [c_void_p, c_int]),
+        "pelora_config_set_sync_window": (status, [c_void_p, c_double]),
+        "pelora_config_set_sync_every_event": (status, [c_void_p, c_int]),
         "pelora_config_set_proxy": (status, [c_void_p, c_char_p]),
         "pelora_client_new": (status, [c_void_p, ctypes.POINTER(c_void_p)]),
         "pelora_client_free": (None, [c_void_p]),
