@@ -131,12 +131,7 @@ Storage::~Storage() {
   if (!journal) return;
   // A clean end writes out and syncs what is recorded; a journal that still holds events (the
   // disk failed) stays for the next storage of this directory.
-  lock_.sync([&]() noexcept {
-    try {
-      state_->drainJournal();
-    } catch (const std::exception&) {
-    }
-  });
+  writeOutJournal();
   syncDrained();
   if (journal->empty()) {
     const auto directory = journal->path().parent_path();
@@ -235,13 +230,7 @@ void Storage::scheduleDrain(bool urgent) noexcept {
 
 void Storage::drainRound() noexcept {
   drainUrgent_.store(false);
-  lock_.sync([&]() noexcept {
-    try {
-      state_->drainJournal();
-    } catch (const std::exception&) {
-      // out of memory: the records stay for the next round
-    }
-  });
+  writeOutJournal();
   requestSync();
   drainIdle();
 }
@@ -256,6 +245,18 @@ void Storage::drainIdle() noexcept {
   // record and then looks at the flag, so one of the two sees the other (see EventJournal::empty).
   drainPending_.store(false, std::memory_order_seq_cst);
   if (!state_->journal->empty()) scheduleDrain(false);
+}
+
+void Storage::writeOutJournal() noexcept {
+  lock_.sync([&]() noexcept { writeOutJournalLocked(); });
+}
+
+void Storage::writeOutJournalLocked() noexcept {
+  try {
+    state_->drainJournal();
+  } catch (const std::exception&) {
+    // out of memory: the records stay for the next drain
+  }
 }
 
 void Storage::requestSync() noexcept {
@@ -297,12 +298,7 @@ void Storage::syncDrained() noexcept {
 
 void Storage::syncEvents() noexcept {
   if (!state_->journal) return;  // every event was synced as it was written
-  lock_.sync([&]() noexcept {
-    try {
-      state_->drainJournal();
-    } catch (const std::exception&) {
-    }
-  });
+  writeOutJournal();
   syncDrained();
   drainIdle();
 }
@@ -348,10 +344,7 @@ void Storage::reloadSuite() {
 
 void Storage::refuseEvents(bool refuse) {
   lock_.sync([&]() noexcept {
-    try {
-      if (refuse) state_->drainJournal();  // recorded before the choice: they stay
-    } catch (const std::exception&) {
-    }
+    if (refuse) writeOutJournalLocked();  // recorded before the choice: they stay
     state_->refusingEvents.store(refuse, std::memory_order_relaxed);
   });
 }
@@ -386,12 +379,7 @@ void Storage::setLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
 
 std::uint64_t Storage::droppedEvents() noexcept {
   if (state_->journal && !state_->journal->empty()) {
-    lock_.sync([&]() noexcept {
-      try {
-        state_->drainJournal();
-      } catch (const std::exception&) {
-      }
-    });
+    writeOutJournal();
   }
   return state_->droppedEvents.load(std::memory_order_relaxed);
 }

@@ -179,6 +179,9 @@ class PELORA_API Storage : public std::enable_shared_from_this<Storage> {
 
   // The background writer: a drain round writes out what the journal holds, a sync round syncs
   // it. Both run on queues of their own, so that a slow sync never holds up draining.
+  // Appends what the journal holds to the batches (taking the lock, or holding it already).
+  void writeOutJournal() noexcept;
+  void writeOutJournalLocked() noexcept;
   void scheduleDrain(bool urgent) noexcept;
   void drainRound() noexcept;
   // After a drain: disarms the timer (a timer left armed would keep the timer thread alive
